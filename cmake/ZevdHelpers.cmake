@@ -1,0 +1,37 @@
+# Build helpers shared by every directory.
+
+function(zevd_set_warnings)
+  add_compile_options(-Wall -Wextra -Wshadow -Wformat=2 -Wno-format-nonliteral)
+  if(ZEVD_WERROR)
+    add_compile_options(-Werror)
+  endif()
+endfunction()
+
+function(zevd_set_sanitizer kind)
+  if(kind STREQUAL "address")
+    add_compile_options(-fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
+    add_link_options(-fsanitize=address,undefined)
+  elseif(kind STREQUAL "thread")
+    add_compile_options(-fsanitize=thread -fno-omit-frame-pointer)
+    add_link_options(-fsanitize=thread)
+  elseif(NOT kind STREQUAL "")
+    message(FATAL_ERROR "ZEVD_SANITIZE must be address, thread or empty, not '${kind}'")
+  endif()
+endfunction()
+
+# zevd_add_test(NAME SOURCES src... [LIBS lib...] [LABELS label...])
+# One GoogleTest binary; each test case becomes its own ctest entry, so
+# every case runs in a fresh process.
+function(zevd_add_test name)
+  cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;LIBS;LABELS" ${ARGN})
+  add_executable(${name} ${ARG_SOURCES})
+  target_link_libraries(${name} PRIVATE zevd_test_support ${ARG_LIBS})
+  if(NOT ARG_TIMEOUT)
+    set(ARG_TIMEOUT 120)
+  endif()
+  set(props TIMEOUT ${ARG_TIMEOUT})
+  if(ARG_LABELS)
+    list(APPEND props LABELS "${ARG_LABELS}")
+  endif()
+  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST PROPERTIES ${props})
+endfunction()

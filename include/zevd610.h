@@ -1,0 +1,131 @@
+/*
+ * libzevd610: the library through which data providers and data consumers
+ * talk to the data-collection host (DCH).
+ *
+ * Every request is a 4096-byte message: a length word (network order, the
+ * word itself included) and typed fields with a 6-byte header. Request
+ * functions return the client's error flag and put the detailed outcome
+ * into the caller's status word. Compiles as C and as C++.
+ */
+#ifndef ZEVD610_H
+#define ZEVD610_H
+
+#include <pthread.h>
+
+#if defined(ZEVD_BUILDING_LIBRARY)
+#define ZEVD_EXPORT __attribute__((visibility("default")))
+#else
+#define ZEVD_EXPORT
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Request codes: the value of DCH_requestType, the first field of every
+ * request. Data-provider requests are 0x10xx, data-consumer ones 0x20xx. */
+enum {
+    ZEVD_REQ_DP_REGISTER = 0x1010,
+    ZEVD_REQ_DP_ONLINE = 0x1015,
+    ZEVD_REQ_DP_UNREGISTER = 0x1020,
+    ZEVD_REQ_DP_OFFLINE = 0x1025,
+    ZEVD_REQ_DP_DATA = 0x1030,
+    ZEVD_REQ_DC_GET_APPLICATIONS = 0x2040,
+    ZEVD_REQ_DC_GET_APPL_HELP = 0x2044,
+    ZEVD_REQ_DC_SEND_APPL_NAME_LIST = 0x204C,
+    ZEVD_REQ_DC_GET_APPL_ATTRIBUTES = 0x2050,
+    ZEVD_REQ_DC_WAIT_ON_DATA = 0x2060,
+    ZEVD_REQ_DC_WAIT_FOR_DP_STATUS = 0x2070,
+    ZEVD_REQ_DC_PROVIDE_ACTION = 0x2080,
+    ZEVD_REQ_DC_WAIT_FOR_ACTION_RESULTS = 0x2090,
+    ZEVD_REQ_DC_DEFER_REPORT_REQUEST = 0x20A0
+};
+
+/* Field data types. */
+enum {
+    DCH_requestType = 16,  /* 16-bit request code */
+    DCH_status = 17,       /* 32-bit signed status */
+    DCH_response = 18,     /* response text, without a terminating zero */
+    DCH_applName = 32,     /* string */
+    DCH_applKey = 33,      /* string */
+    DCH_sourceName = 34,   /* string */
+    DCH_attrGroup = 35,    /* string */
+    DCH_tableName = 36,    /* string */
+    DCH_hostAddr = 40,     /* string */
+    DCH_hostInfo = 41,     /* string */
+    DCH_attrName = 80,     /* string */
+    DCH_attrValue = 81,    /* valueSize bytes, typed by the attribute type letter */
+    DCH_dataFlag = 112,    /* 16-bit */
+    DCH_handle = 128,      /* 32-bit signed */
+    DCH_actionType = 256,  /* 16-bit */
+    DCH_actionUTF8 = 257,  /* 16-bit */
+    DCH_actionName = 272,  /* string */
+    DCH_actionID = 288,    /* 32-bit */
+    DCH_actionParms = 304, /* string */
+    DCH_actionOwner = 336, /* string */
+    DCH_currentTime = 352, /* 32-bit */
+    DCH_peltoObject = 368  /* 32-bit */
+};
+
+/* Status values that the client itself stores in the caller's status word;
+ * any other value is the DCH's own DCH_status. */
+enum {
+    ZEVD_STATUS_OK = 0,         /* preset; stays when the DCH answers 0 */
+    ZEVD_STATUS_REJECTED = 1,   /* argument rejected, or a response of dp_offline,
+                                   dp_unregister or dp_data lacks DCH_status */
+    ZEVD_STATUS_NOT_SENT = 2,   /* not written in full, or a response of dp_register or
+                                   dp_online lacks DCH_status or DCH_handle */
+    ZEVD_STATUS_NULL_NAME = 3,  /* a required name was NULL */
+    ZEVD_STATUS_NO_WORKBUF = 4, /* row work buffer missing */
+    ZEVD_STATUS_NO_RESPONSE = 5 /* nothing was read */
+};
+
+/* Trace level bits. */
+#define TRACE_ERROR 0x80
+#define TRACE_ENTRY_EXIT 0x40
+#define TRACE_DETAIL 0x10
+#define TRACE_DUMP 0x04
+#define TRACE_STORAGE 0x02
+#define TRACE_FLOW 0x01
+
+/* Debug switch from ZEVA_VERBOSE: 1 for "Y...", 2 for "D...", else 0. */
+ZEVD_EXPORT int VX_Debug(void);
+/* Transport kind from ZEVA_DCH_IPCTYPE: 1 sockets (default), 2 LPC. */
+ZEVD_EXPORT int ZEVA_GetIPCtype(void);
+/* Lock and unlock with uniform error reporting; tag only names the caller
+ * in messages. 0 on success, -1 for a NULL mutex (lock only), else errno. */
+ZEVD_EXPORT int ZEVA_GetLock(pthread_mutex_t *mutex, void *tag);
+ZEVD_EXPORT int ZEVA_ReleaseLock(pthread_mutex_t *mutex, void *tag);
+/* The process-wide mutex held while a transport reads its environment. */
+ZEVD_EXPORT pthread_mutex_t *ZEVA_GetEnvVarsInitLock(void);
+/* Stores the instance name (leading blanks skipped, at most 20 characters). */
+ZEVD_EXPORT void ZEVA_SetInstanceName(const char *name);
+/* The stored instance name; never NULL, empty when none is stored. */
+ZEVD_EXPORT char *ZEVA_GetInstanceName(void);
+
+/* Composes "source:applRR" or "source:applRR_suffix" in subnodeName,
+ * shortening the source so the name has at most 32 characters, and, when
+ * subnodeNameUntouched is not NULL, "source:applgroupRR" there. 0 on
+ * success, 1 when the untouched name would be too long. */
+ZEVD_EXPORT int ZEVA_SetSubnodeName(const char *applName, const char *attrGroup,
+                                    const char *srcName, const char *RR, char *subnodeName,
+                                    char *subnodeNameUntouched, const char *subnodeSuffix);
+/* The source name before the first ':' (a static buffer), or NULL. */
+ZEVD_EXPORT char *ZEVA_GetSrcNameFromSubNodeName(const char *subnodeName);
+/* The three characters after the ':' into applKey (4 bytes). 0 on success. */
+ZEVD_EXPORT int ZEVA_GetApplKeyFromSubNodeName(const char *subnodeName, char *applKey);
+
+/* Decimal text of the attribute group's 16-bit checksum (a static buffer). */
+ZEVD_EXPORT char *ZEVA_ComputeChecksumOnAttrGroup(const char *attrGroup);
+/* Replaces , : ; ' and " in place by blanks. */
+ZEVD_EXPORT void ZEVA_validateHelpText(char *helpText);
+/* Starts "./name", else name from the command path, as a child process.
+ * The parent gets the child's pid (-1 when fork fails); a child whose
+ * program could not be started gets 0 and goes on running the caller. */
+ZEVD_EXPORT int ZEVA_StartDPprocess(const char *executableName);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* ZEVD610_H */

@@ -1,0 +1,202 @@
+// The printf engine of trace lines, with the hex-area conversion.
+#include <cstdarg>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "trace_internal.h"
+
+namespace zev0 {
+namespace {
+
+// Upper bound of a hex area, so a wild byte count cannot read far.
+constexpr int kMaxHexArea = 4096;
+
+enum class Length { none, hh, h, l, ll, z, j, t, L };
+
+void appendHexArea(std::string &out, const void *area, int count) {
+    if (area == nullptr) {
+        out += "(null)";
+        return;
+    }
+    if (count < 0) count = 0;
+    if (count > kMaxHexArea) count = kMaxHexArea;
+    static const char kDigits[] = "0123456789abcdef";
+    const auto *bytes = static_cast<const unsigned char *>(area);
+    for (int i = 0; i < count; ++i) {
+        out += kDigits[bytes[i] >> 4];
+        out += kDigits[bytes[i] & 0x0F];
+    }
+}
+
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+template <typename T>
+void appendOne(std::string &out, const std::string &spec, T value) {
+    char small[128];
+    int n = snprintf(small, sizeof small, spec.c_str(), value);
+    if (n < 0) return;
+    if (static_cast<size_t>(n) < sizeof small) {
+        out.append(small, static_cast<size_t>(n));
+        return;
+    }
+    std::string big(static_cast<size_t>(n) + 1, '\0');
+    snprintf(big.data(), big.size(), spec.c_str(), value);
+    out.append(big.data(), static_cast<size_t>(n));
+}
+#pragma GCC diagnostic pop
+
+}  // namespace
+
+void formatText(std::string &out, const char *fmt, va_list ap) {
+    if (fmt == nullptr) {
+        out += "(null)";
+        return;
+    }
+    va_list args;
+    va_copy(args, ap);
+    const char *p = fmt;
+    while (*p != '\0') {
+        if (*p != '%') {
+            const char *next = strchr(p, '%');
+            size_t n = next != nullptr ? static_cast<size_t>(next - p) : strlen(p);
+            out.append(p, n);
+            p += n;
+            continue;
+        }
+        const char *start = p++;
+        if (*p == '%') {
+            out += '%';
+            ++p;
+            continue;
+        }
+        std::string spec = "%";
+        while (*p != '\0' && strchr("-+ #0'", *p) != nullptr) spec += *p++;
+        bool widthStar = false;
+        if (*p == '*') {
+            widthStar = true;
+            spec += std::to_string(va_arg(args, int));
+            ++p;
+        } else {
+            while (*p >= '0' && *p <= '9') spec += *p++;
+        }
+        bool precisionStar = false;
+        int precision = -1;
+        if (*p == '.') {
+            spec += *p++;
+            if (*p == '*') {
+                precisionStar = true;
+                precision = va_arg(args, int);
+                spec += std::to_string(precision < 0 ? 0 : precision);
+                ++p;
+            } else {
+                while (*p >= '0' && *p <= '9') spec += *p++;
+            }
+        }
+        Length length = Length::none;
+        if (p[0] == 'h' && p[1] == 'h')
+            length = Length::hh, p += 2;
+        else if (p[0] == 'l' && p[1] == 'l')
+            length = Length::ll, p += 2;
+        else if (*p == 'h')
+            length = Length::h, ++p;
+        else if (*p == 'l')
+            length = Length::l, ++p;
+        else if (*p == 'q')
+            length = Length::ll, ++p;
+        else if (*p == 'z')
+            length = Length::z, ++p;
+        else if (*p == 'j')
+            length = Length::j, ++p;
+        else if (*p == 't')
+            length = Length::t, ++p;
+        else if (*p == 'L')
+            length = Length::L, ++p;
+        char conv = *p;
+        if (conv == '\0') {
+            out.append(start);
+            break;
+        }
+        ++p;
+        switch (conv) {
+            case 'd':
+            case 'i': {
+                switch (length) {
+                    case Length::l: appendOne(out, spec + "l" + conv, va_arg(args, long)); break;
+                    case Length::ll:
+                        appendOne(out, spec + "ll" + conv, va_arg(args, long long));
+                        break;
+                    case Length::z:
+                    case Length::t:
+                        appendOne(out, spec + "t" + conv, va_arg(args, ptrdiff_t));
+                        break;
+                    case Length::j:
+                        appendOne(out, spec + "j" + conv, va_arg(args, intmax_t));
+                        break;
+                    case Length::hh: appendOne(out, spec + "hh" + conv, va_arg(args, int)); break;
+                    case Length::h: appendOne(out, spec + "h" + conv, va_arg(args, int)); break;
+                    default: appendOne(out, spec + conv, va_arg(args, int)); break;
+                }
+                break;
+            }
+            case 'x':
+                if (widthStar && precisionStar) {  // the hex area
+                    appendHexArea(out, va_arg(args, const void *), precision);
+                    break;
+                }
+                [[fallthrough]];
+            case 'u':
+            case 'o':
+            case 'X': {
+                switch (length) {
+                    case Length::l:
+                        appendOne(out, spec + "l" + conv, va_arg(args, unsigned long));
+                        break;
+                    case Length::ll:
+                        appendOne(out, spec + "ll" + conv, va_arg(args, unsigned long long));
+                        break;
+                    case Length::z:
+                    case Length::t: appendOne(out, spec + "z" + conv, va_arg(args, size_t)); break;
+                    case Length::j:
+                        appendOne(out, spec + "j" + conv, va_arg(args, uintmax_t));
+                        break;
+                    case Length::hh:
+                        appendOne(out, spec + "hh" + conv, va_arg(args, unsigned int));
+                        break;
+                    case Length::h:
+                        appendOne(out, spec + "h" + conv, va_arg(args, unsigned int));
+                        break;
+                    default: appendOne(out, spec + conv, va_arg(args, unsigned int)); break;
+                }
+                break;
+            }
+            case 'c': appendOne(out, spec + conv, va_arg(args, int)); break;
+            case 's': {
+                const char *text = va_arg(args, const char *);
+                appendOne(out, spec + conv, text != nullptr ? text : "(null)");
+                break;
+            }
+            case 'p': appendOne(out, spec + conv, va_arg(args, void *)); break;
+            case 'f':
+            case 'F':
+            case 'e':
+            case 'E':
+            case 'g':
+            case 'G':
+            case 'a':
+            case 'A':
+                if (length == Length::L)
+                    appendOne(out, spec + "L" + conv, va_arg(args, long double));
+                else
+                    appendOne(out, spec + conv, va_arg(args, double));
+                break;
+            case 'n': (void)va_arg(args, void *); break;  // never writes through the argument
+            default: out.append(start, static_cast<size_t>(p - start)); break;
+        }
+    }
+    va_end(args);
+}
+
+}  // namespace zev0
