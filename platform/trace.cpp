@@ -34,6 +34,7 @@ struct TraceState {
     std::mutex configLock;  // levels, units, generation
     std::vector<ScopeLevel> levels;
     TraceUnit *units = nullptr;
+    TraceFunctionRecord *records = nullptr;  // linked through their link words
     unsigned int generation = 1;
 
     std::mutex outputLock;  // destination of lines
@@ -267,6 +268,12 @@ unsigned int TLG1_Sync(TraceFunctionRecord *rec) {
     zev0::ensureInit();
     zev0::TraceState &s = zev0::state();
     std::lock_guard<std::mutex> guard(s.configLock);
+    if (rec->link == nullptr && rec != s.records) {
+        // The last record of the list links to itself so that a linked
+        // record never carries NULL.
+        rec->link = s.records != nullptr ? s.records : rec;
+        s.records = rec;
+    }
     TraceUnit *unit = rec->unit;
     unsigned int counter = s.generation;
     unsigned int mask = zev0::kDefaultMask;
@@ -320,6 +327,16 @@ void TLG1_Configure(const char *levels) {
     }
     zev0::configure(levels, &complaints);
     zev0::complain(complaints);
+}
+
+void TLG1_ForEachRecord(void (*fn)(void *ctx, const TraceFunctionRecord *rec), void *ctx) {
+    zev0::TraceState &s = zev0::state();
+    std::lock_guard<std::mutex> guard(s.configLock);
+    for (TraceFunctionRecord *rec = s.records; rec != nullptr;) {
+        fn(ctx, rec);
+        auto *next = static_cast<TraceFunctionRecord *>(rec->link);
+        rec = next == rec ? nullptr : next;
+    }
 }
 
 void TLG1_SetSink(TLG1_Sink sink, void *ctx) {

@@ -82,6 +82,10 @@ ZEV0_EXPORT void TLG1_Event(TraceFunctionRecord *rec, int line, int kind, ...);
  * ZEVA_TRACE_FILE from the environment. Every record refreshes at its next
  * call. */
 ZEV0_EXPORT void TLG1_Configure(const char *levels);
+/* Calls fn for every record that has been refreshed at least once, under the
+ * trace library's lock (fn must not trace). */
+ZEV0_EXPORT void TLG1_ForEachRecord(void (*fn)(void *ctx, const TraceFunctionRecord *rec),
+                                    void *ctx);
 typedef void (*TLG1_Sink)(void *ctx, const char *line, size_t len);
 /* Sends whole lines (with their newline) to sink instead of the file; NULL
  * goes back to the file. */

@@ -1,0 +1,113 @@
+// DCHipc: the IPC service base of every transport, with the server side's
+// five-slot receive queue and its receive thread.
+#ifndef ZEVD_IPC_ZEVDIPC_H
+#define ZEVD_IPC_ZEVDIPC_H
+
+#include <pthread.h>
+
+#include <atomic>
+#include <cstdint>
+
+// Number of queue slots. The queue counts as full at IPC_QSIZE - 1 waiting
+// entries: one slot always stays empty.
+inline constexpr int IPC_QSIZE = 5;
+// A slot's data buffer grows in steps of this many bytes.
+inline constexpr int IPC_BUFFER_STEP = 4096;
+// Size of a slot's client name and client address fields.
+inline constexpr int IPC_CLIENT_NAME_SIZE = 256;
+inline constexpr int IPC_CLIENT_ADDR_SIZE = 256;
+
+// Types of service.
+inline constexpr int16_t IPC_SERVICE_CLIENT = 1;
+inline constexpr int16_t IPC_SERVICE_SERVER = 2;
+inline constexpr int16_t IPC_SERVICE_CLIENT_OBJECT = 3;  // the client object's own
+
+// The no-socket value of every socket member.
+inline constexpr int32_t IPC_NO_SOCKET = -999;
+
+struct ipcClientSlot {
+    char clientAddr[IPC_CLIENT_ADDR_SIZE];  // sender's socket address as received
+    int32_t clientAddrLen;
+    char clientName[IPC_CLIENT_NAME_SIZE];  // NUL-terminated
+    uint32_t connectedSockFD;               // TCP connection, 0 for UDP
+};
+
+// The receive queue of a server transport; every field is guarded by lock.
+struct ipcCircularBuffer {
+    pthread_mutex_t lock;
+    int32_t start_idx;  // oldest filled slot
+    int32_t num_full;   // filled slots
+    pthread_cond_t slotFreed;
+    pthread_cond_t slotFilled;
+    ipcClientSlot slot[IPC_QSIZE];
+    int32_t dataSize[IPC_QSIZE];  // allocated size of each data buffer
+    int32_t dataLen[IPC_QSIZE];   // length of the message held
+    char *data[IPC_QSIZE];        // kept and reused once allocated
+};
+
+// The abstract transport. Its destructor is deliberately not virtual: owners
+// delete a transport through its concrete type.
+class DCHipc {  // NOLINT(cppcoreguidelines-virtual-class-destructor)
+public:
+    // Must not be used: reports so and sets the error word to 1.
+    DCHipc();
+    explicit DCHipc(int16_t typeOfService);
+    ~DCHipc();
+    DCHipc(const DCHipc &) = delete;
+    DCHipc &operator=(const DCHipc &) = delete;
+
+    // Receives one complete message. *buffer receives a new array that the
+    // caller owns and frees with delete[]. wait: first wait in seconds, below
+    // 1 waits without limit. Returns a byte count, 0 on a time-out without
+    // retrying, -1 on failure.
+    virtual int32_t ipcRead(char **buffer, int32_t wait) = 0;
+    // Sends length bytes of buffer (borrowed) over UDP to the peer address,
+    // or over the connected TCP socket connectedSockFD when it is not 0.
+    // Returns the bytes sent or -1. May block for pauses between datagrams.
+    virtual int32_t ipcWrite(const char *buffer, int32_t length, uint32_t connectedSockFD) = 0;
+    // Sets the peer address (16 bytes copied) or clears it when addr is NULL.
+    virtual int32_t setClientAddr(const void *addr, int32_t addrLen) = 0;
+    // The server's receive loop; runs on the receive thread until the
+    // process ends or the loop fails. Returns the transport's error.
+    virtual int32_t IPCServer() = 0;
+    // Client set-up, called by startup. Returns 0 on success, 1 on failure.
+    virtual int32_t IPCClient(void *addr, int32_t connectTo, int32_t typeOfServer) = 0;
+    // Obtains the transport's UDP socket; may block while a pool is empty.
+    virtual int32_t allocateIPC() = 0;
+    // Gives the UDP socket back; 0 on success, 1 on failure.
+    virtual int32_t releaseIPC() = 0;
+    // The DCH time-out in seconds; 30 unless a transport knows better.
+    virtual int32_t DCHtimeout();
+
+    // Server: creates the queue and starts the receive thread. Client: runs
+    // IPCClient. Returns the error word.
+    int32_t startup(void *addr, int32_t connectTo);
+    // Thread routine of the server; never joined.
+    static void *IPCServerThread(void *transport);
+
+    void ipc_new_cb();
+    void ipc_delete_cb();
+    // Producer side: blocks while IPC_QSIZE - 1 entries wait.
+    void ipc_put_data(int32_t length, const void *data, const void *clientAddr,
+                      int32_t clientAddrLen, const char *clientName, uint32_t connectedSockFD);
+    // Consumer side: blocks while the queue is empty. *buffer is grown here
+    // when needed; *bufferLen reports its capacity, not the message length.
+    void ipc_get_data(char **buffer, int32_t *bufferLen, void *clientAddr, int32_t *clientAddrLen,
+                      char *clientName, uint32_t *connectedSockFD);
+
+    int32_t ipcGetError() const { return _ipcError.load(std::memory_order_relaxed); }
+    void ipcSetError(int32_t error) { _ipcError.store(error, std::memory_order_relaxed); }
+    int32_t ipcTypeOfService() const { return _typeOfService; }
+    int32_t ipcGetRetryRead() const { return _retryRead; }
+    void ipcSetRetryRead(int32_t retry) { _retryRead = retry; }
+
+protected:
+    // Shared by producer and consumer without a lock: last writer wins.
+    std::atomic<int32_t> _ipcError;
+    int16_t _ipcType;
+    int16_t _typeOfService;
+    ipcCircularBuffer *_ipcCircularBuffer = nullptr;
+    int32_t _retryRead;
+};
+
+#endif  // ZEVD_IPC_ZEVDIPC_H
