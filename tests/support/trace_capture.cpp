@@ -16,8 +16,11 @@ TraceCapture::~TraceCapture() {
 
 void TraceCapture::sink(void *ctx, const char *line, size_t len) {
     auto *self = static_cast<TraceCapture *>(ctx);
-    std::lock_guard<std::mutex> guard(self->lock_);
-    self->lines_.emplace_back(line, len);
+    {
+        std::lock_guard<std::mutex> guard(self->lock_);
+        self->lines_.emplace_back(line, len);
+    }
+    self->written_.notify_all();
 }
 
 std::vector<std::string> TraceCapture::lines() const {
@@ -58,6 +61,17 @@ size_t TraceCapture::count(const std::string &part) const {
     for (const auto &t : texts())
         if (t.find(part) != std::string::npos) ++n;
     return n;
+}
+
+bool TraceCapture::waitFor(const std::string &part, std::chrono::milliseconds limit,
+                           size_t times) const {
+    std::unique_lock<std::mutex> guard(lock_);
+    return written_.wait_for(guard, limit, [&] {
+        size_t n = 0;
+        for (const auto &line : lines_)
+            if (traceText(line).find(part) != std::string::npos) ++n;
+        return n >= times;
+    });
 }
 
 void TraceCapture::clear() {

@@ -2,6 +2,8 @@
 #ifndef ZEVD_TESTS_SUPPORT_TRACE_CAPTURE_H
 #define ZEVD_TESTS_SUPPORT_TRACE_CAPTURE_H
 
+#include <chrono>
+#include <condition_variable>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -27,12 +29,18 @@ public:
     // True when some line's text contains part.
     bool contains(const std::string &part) const;
     size_t count(const std::string &part) const;
+    // Waits until at least times lines' texts contain part, or limit has
+    // passed; true when they do. Lines written by other threads wake it.
+    bool waitFor(const std::string &part,
+                 std::chrono::milliseconds limit = std::chrono::seconds(30),
+                 size_t times = 1) const;
     void clear();
     std::string joined() const;
 
 private:
     static void sink(void *ctx, const char *line, size_t len);
     mutable std::mutex lock_;
+    mutable std::condition_variable written_;
     std::vector<std::string> lines_;
 };
 
