@@ -10,6 +10,9 @@ endfunction()
 function(zevd_set_sanitizer kind)
   if(kind STREQUAL "address")
     add_compile_options(-fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
+    # g++ 12 reports false maybe-uninitialized warnings inside libstdc++ once
+    # the sanitizer instruments it.
+    add_compile_options(-Wno-maybe-uninitialized)
     add_link_options(-fsanitize=address,undefined)
   elseif(kind STREQUAL "thread")
     add_compile_options(-fsanitize=thread -fno-omit-frame-pointer)
