@@ -305,6 +305,15 @@ TEST(TraceFrameTest, EntryLinesAndExitWithValue) {
     EXPECT_EQ(capture.texts(),
               (std::vector<std::string>{"Entry\n", "x <21>\n", "Exit: 0x2a\n", "Entry\n",
                                         "x <-3>\n", "Exit: 0xffffffffffffffff\n"}));
+    // The exit event carries the line of its return, not of the entry.
+    auto lineOf = [](const std::string &line) {
+        size_t colon = line.find("tracedDouble:");
+        return std::stoi(line.substr(colon + 13));
+    };
+    auto lines = capture.lines();
+    ASSERT_EQ(lines.size(), 6u);
+    EXPECT_GT(lineOf(lines[2]), lineOf(lines[0]));
+    EXPECT_GT(lineOf(lines[2]), lineOf(lines[5]));
 }
 
 TEST(TraceFrameTest, VoidFunctionsExitAtEveryReturn) {

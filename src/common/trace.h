@@ -14,7 +14,6 @@
 #define ZEVD_COMMON_TRACE_H
 
 #include <cstdint>
-#include <source_location>
 #include <type_traits>
 
 #include "zev0.h"
@@ -40,6 +39,13 @@ inline unsigned int traceLevel(TraceFunctionRecord *rec) {
     return TLG1_Sync(rec);
 }
 
+// The source line of a return, taken at the call site. A type of its own so
+// that it never competes with a result for an int argument.
+struct SourceLine {
+    explicit SourceLine(int at = __builtin_LINE()) : line(at) {}
+    int line;
+};
+
 class TraceFrame {
 public:
     // events false: the level only, no entry or exit events.
@@ -62,18 +68,18 @@ public:
 
     // Exit event with the result (kind 1), when the entry event was written.
     template <typename T>
-    T exit(T value, std::source_location at = std::source_location::current()) {
+    T exit(T value, SourceLine at = SourceLine()) {
         if (owed_) {
             owed_ = false;
-            TLG1_Event(rec_, static_cast<int>(at.line()), TLG1_EVENT_EXIT_VALUE, asLong(value));
+            TLG1_Event(rec_, at.line, TLG1_EVENT_EXIT_VALUE, asLong(value));
         }
         return value;
     }
     // Exit event without a result (kind 2).
-    void exit(std::source_location at = std::source_location::current()) {
+    void exit(SourceLine at = SourceLine()) {
         if (owed_) {
             owed_ = false;
-            TLG1_Event(rec_, static_cast<int>(at.line()), TLG1_EVENT_EXIT);
+            TLG1_Event(rec_, at.line, TLG1_EVENT_EXIT);
         }
     }
 
