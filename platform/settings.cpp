@@ -1,4 +1,5 @@
 // Product settings: ITEM=VALUE lines in ZEVA_SETTINGS_FILE, or memory only.
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -116,7 +117,11 @@ int ZEV0_UpdateProductSpec(int item, const char *value) {
     FILE *file = fopen(temp.c_str(), "w");
     if (file == nullptr) return 0;
     std::string text = out.str();
-    bool ok = fwrite(text.data(), 1, text.size(), file) == text.size();
+    bool ok = true;
+    // The new file takes the old one's permissions, so a private file stays private.
+    struct stat old;
+    if (stat(path, &old) == 0) ok = fchmod(fileno(file), old.st_mode & 07777) == 0;
+    ok = (fwrite(text.data(), 1, text.size(), file) == text.size()) && ok;
     ok = (fflush(file) == 0) && ok;
     ok = (fsync(fileno(file)) == 0) && ok;
     ok = (fclose(file) == 0) && ok;
