@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -166,4 +167,46 @@ TEST(MessageTest, ShortNumberIsPaddedAtTheEnd) {
     ASSERT_EQ(reader.next(), DCH_status);
     EXPECT_EQ(reader.length(), 2);
     EXPECT_EQ(reader.int32(), 0x12340000);
+}
+
+TEST(MessageBuilderTest, BuildsAndRemembersTheFirstRefusal) {
+    char buffer[zevd::kRequestSize];
+    memset(buffer, 0x5a, sizeof buffer);
+    zevd::MessageBuilder b(buffer);
+    b.clear();
+    EXPECT_TRUE(b.add16(DCH_requestType, ZEVD_REQ_DP_UNREGISTER));
+    EXPECT_TRUE(b.addString(DCH_applName, "app"));
+    EXPECT_EQ(b.length(), 4u + 8u + 10u);
+    std::string huge(5000, 'x');
+    EXPECT_FALSE(b.addString(DCH_sourceName, huge.c_str()));
+    EXPECT_FALSE(b.ok());
+    EXPECT_EQ(b.failedType(), DCH_sourceName);
+    EXPECT_STREQ(zevd::fieldName(b.failedType()), "DCH_sourceName");
+    EXPECT_FALSE(b.add32(DCH_handle, 1)) << "later fields are refused too";
+    EXPECT_EQ(b.length(), 22u) << "a refused field leaves the message as it was";
+}
+
+TEST(MessageBuilderTest, ResumeAppendsAtTheLengthWord) {
+    char buffer[zevd::kRequestSize] = {};
+    zevd::MessageBuilder first(buffer);
+    first.clear();
+    first.add16(DCH_requestType, ZEVD_REQ_DP_DATA);
+    zevd::MessageBuilder again(buffer);
+    again.resume();
+    again.add32(DCH_handle, 9);
+    EXPECT_EQ(again.length(), 22u);
+    FieldReader reader(buffer, sizeof buffer);
+    EXPECT_EQ(reader.next(), DCH_requestType);
+    EXPECT_EQ(reader.next(), DCH_handle);
+    EXPECT_EQ(reader.int32(), 9);
+}
+
+TEST(MessageBuilderTest, LargerBuffersForTheDaemon) {
+    std::vector<char> big(65536);
+    zevd::MessageBuilder b(big.data(), big.size());
+    b.clear();
+    std::string text(30000, 'r');
+    EXPECT_TRUE(b.addValue(DCH_response, text.data(), static_cast<int>(text.size()), nullptr));
+    EXPECT_EQ(b.length(), 4u + 6u + 30000u);
+    EXPECT_STREQ(zevd::fieldName(12345), "field");
 }

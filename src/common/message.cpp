@@ -14,6 +14,74 @@ uint32_t messageLength(const char *message) {
     return ntohl(word);
 }
 
+const char *fieldName(int type) {
+    switch (type) {
+        case 16: return "DCH_requestType";
+        case 17: return "DCH_status";
+        case 18: return "DCH_response";
+        case 32: return "DCH_applName";
+        case 33: return "DCH_applKey";
+        case 34: return "DCH_sourceName";
+        case 35: return "DCH_attrGroup";
+        case 36: return "DCH_tableName";
+        case 40: return "DCH_hostAddr";
+        case 41: return "DCH_hostInfo";
+        case 80: return "DCH_attrName";
+        case 81: return "DCH_attrValue";
+        case 112: return "DCH_dataFlag";
+        case 128: return "DCH_handle";
+        case 256: return "DCH_actionType";
+        case 257: return "DCH_actionUTF8";
+        case 272: return "DCH_actionName";
+        case 288: return "DCH_actionID";
+        case 304: return "DCH_actionParms";
+        case 336: return "DCH_actionOwner";
+        case 352: return "DCH_currentTime";
+        case 368: return "DCH_peltoObject";
+        default: return "field";
+    }
+}
+
+void MessageBuilder::clear() {
+    memset(buffer_, 0, capacity_);
+    cursor_ = buffer_ + kFirstField;
+    failedType_ = 0;
+}
+
+void MessageBuilder::resume() {
+    uint32_t length = messageLength(buffer_);
+    if (length < static_cast<uint32_t>(kFirstField) || length > capacity_) length = kFirstField;
+    cursor_ = buffer_ + length;
+    failedType_ = 0;
+}
+
+bool MessageBuilder::append(int type, const void *value, int valueLen, const char *attrType) {
+    if (failedType_ != 0) return false;
+    int n = ZEV0_FormatDataFieldN(buffer_, capacity_, cursor_, type, value, valueLen, attrType);
+    if (n <= 0) {
+        failedType_ = type;
+        return false;
+    }
+    cursor_ += n;
+    return true;
+}
+
+bool MessageBuilder::add16(int type, int16_t value) {
+    return append(type, &value, 0, nullptr);
+}
+
+bool MessageBuilder::add32(int type, int32_t value) {
+    return append(type, &value, 0, nullptr);
+}
+
+bool MessageBuilder::addString(int type, const char *value) {
+    return append(type, value, 0, nullptr);
+}
+
+bool MessageBuilder::addValue(int type, const void *value, int valueLen, const char *attrType) {
+    return append(type, value, valueLen, attrType);
+}
+
 FieldReader::FieldReader(const char *message, size_t received) {
     // The reader never writes; the extraction interface takes char *.
     auto *start = const_cast<char *>(message);

@@ -17,6 +17,44 @@ inline constexpr int kFirstField = 4;
 // The length word of a message in host order.
 uint32_t messageLength(const char *message);
 
+// The name of a field data type ("DCH_applName"), or "field" when unknown.
+const char *fieldName(int type);
+
+// Builds a message field by field: numbers of the field's own width, strings
+// with their terminating zero. A field that would pass the buffer's capacity
+// is refused and leaves the buffer as it was; the builder remembers the
+// first refusal and refuses every later field.
+class MessageBuilder {
+public:
+    explicit MessageBuilder(char *buffer, size_t capacity = kRequestSize)
+        : buffer_(buffer), capacity_(capacity), cursor_(buffer + kFirstField) {}
+
+    // Clears the whole buffer and starts a new message.
+    void clear();
+    // Goes on appending to a message already in the buffer.
+    void resume();
+
+    bool add16(int type, int16_t value);
+    bool add32(int type, int32_t value);
+    bool addString(int type, const char *value);
+    // The value's bytes as the encoder takes them (attribute values).
+    bool addValue(int type, const void *value, int valueLen, const char *attrType);
+
+    bool ok() const { return failedType_ == 0; }
+    // Type of the first field that did not fit, 0 when all did.
+    int failedType() const { return failedType_; }
+    uint32_t length() const { return messageLength(buffer_); }
+    char *buffer() const { return buffer_; }
+
+private:
+    bool append(int type, const void *value, int valueLen, const char *attrType);
+
+    char *buffer_;
+    size_t capacity_;
+    char *cursor_;
+    int failedType_ = 0;
+};
+
 // Walks the fields of a received message in order. The walk ends at the
 // message's length word or at the bytes received, whichever comes first; a
 // field whose header or value runs past that end counts as missing (type 0).
