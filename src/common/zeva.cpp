@@ -95,10 +95,11 @@ extern "C" ZEVD_EXPORT int ZEVA_GetLock(pthread_mutex_t *mutex, void *tag) {
         int rc = pthread_mutex_lock(mutex);
         if (rc != 0) {
             // Kept: the result is errno, not the return code, although
-            // pthread reports through its return code.
-            ZEVD_TRACE(trc, TRACE_ERROR, "Error: pthread_mutex_lock failed, rc=%d errno=%d [@%p]\n",
-                       rc, errno, tag);
+            // pthread reports through its return code. It is read before
+            // the trace line, which may change errno while it writes.
             result = errno;
+            ZEVD_TRACE(trc, TRACE_ERROR, "Error: pthread_mutex_lock failed, rc=%d errno=%d [@%p]\n",
+                       rc, result, tag);
         }
     }
     if (verbose) ZEVD_TRACE(trc, TRACE_ENTRY_EXIT, "<<Exit: %d>>\n", result);
@@ -115,9 +116,9 @@ extern "C" ZEVD_EXPORT int ZEVA_ReleaseLock(pthread_mutex_t *mutex, void *tag) {
     int rc = mutex != nullptr ? pthread_mutex_unlock(mutex) : EINVAL;
     if (rc != 0) {
         if (mutex == nullptr) errno = EINVAL;
+        result = errno;  // read before the trace line, which may change errno
         ZEVD_TRACE(trc, TRACE_ERROR, "Error: pthread_mutex_unlock failed, rc=%d errno=%d [@%p]\n",
-                   rc, errno, tag);
-        result = errno;
+                   rc, result, tag);
     }
     if (verbose) ZEVD_TRACE(trc, TRACE_ENTRY_EXIT, "<<Exit: %d>>\n", result);
     return result;
