@@ -1,0 +1,776 @@
+// ipcSock: the socket transport's construction, process-wide configuration
+// and UDP socket pool, message read and write, and client set-up.
+#include "ipc/zevdsock.h"
+
+#include <arpa/inet.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <time.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+#include "common/trace.h"
+
+ZEVD_TRACE_UNIT(unitZevdsock);
+
+std::atomic<int32_t> ipcSock::_envVarsInit{0};
+std::atomic<int32_t> ipcSock::_envDCHUDPInit{0};
+char ipcSock::_envDCHname[IPC_DCH_NAME_SIZE];
+std::atomic<uint16_t> ipcSock::_envPortNo{IPC_DEFAULT_DCH_PORT};
+std::atomic<int32_t> ipcSock::_envDCHtimeout{IPC_DEFAULT_DCH_TIMEOUT};
+std::atomic<int32_t> ipcSock::_envTRAPEMIT{0};
+std::atomic<int32_t> ipcSock::_UDPSocketsInPool{IPC_DEFAULT_UDP_POOL};
+std::atomic<UDPSockElement *> ipcSock::_UDPSockList{nullptr};
+// Usable before the pool re-initialises them, so that no path can meet an
+// uninitialised mutex.
+pthread_mutex_t ipcSock::_UDPSockLock = PTHREAD_MUTEX_INITIALIZER;
+pthread_cond_t ipcSock::_UDPSockCond = PTHREAD_COND_INITIALIZER;
+
+namespace {
+
+// A borrower waits this long for a returned socket, then sleeps outside the
+// lock before it looks again.
+constexpr int kPoolWaitSeconds = 10;
+constexpr int kPoolSleepSeconds = 3;
+// Every datagram after a message's first is waited for this long.
+constexpr int kNextDatagramWait = 10;
+// Size of the length word that opens every message.
+constexpr int32_t kLengthWordSize = 4;
+// The most a message joined from IPC_MAX_DATAGRAMS datagrams can hold.
+constexpr uint32_t kMaxMessageLength =
+    static_cast<uint32_t>(IPC_MAX_DATAGRAMS) * static_cast<uint32_t>(IPC_DATAGRAM_SIZE);
+// Size of the label buffers of the address trace lines.
+constexpr int kLabelSize = 64;
+
+// True when fd may go into an fd_set: FD_SET outside this range writes past
+// the set.
+bool fitsSelectSet(int fd) {
+    return fd >= 0 && fd < FD_SETSIZE;
+}
+
+// One received datagram of a message being read.
+struct ipcBufEntry {
+    char *buffer;
+    int32_t length;
+};
+
+// Frees the datagrams a read keeps no more, without trace lines: the paths
+// that use it hand nothing over.
+void dropPieces(ipcBufEntry *pieces, int count) {
+    for (int i = 0; i < count; ++i) {
+        if (ZEV0_IsValidPointer(pieces[i].buffer)) delete[] pieces[i].buffer;
+        pieces[i].buffer = nullptr;
+    }
+}
+
+}  // namespace
+
+ipcSock::ipcSock() : DCHipc() {
+    ZEVD_TRACE_FUNCTION("ipcSock::ipcSock");
+    ZEVD_TRACE(trc, TRACE_ERROR, "Error: this constructor should not be used.\n");
+    _sockError = 1;
+    trc.exit();
+}
+
+ipcSock::ipcSock(int16_t service, int32_t connectTo, int32_t useFromSockPool)
+    : DCHipc(service), _useFromSockPool(useFromSockPool) {
+    ZEVD_TRACE_FUNCTION("ipcSock::ipcSock");
+    _sockError = 0;
+    _sockAddressLen = sizeof(struct sockaddr_in);
+    _sockTCP = IPC_NO_SOCKET;
+    _sockUDP = IPC_NO_SOCKET;
+    pthread_mutex_t *initLock = ZEVA_GetEnvVarsInitLock();
+    ZEVD_TRACE(trc, TRACE_FLOW,
+               "service=%d connectTo=%d _useFromSockPool=%d _envVarsInit=%d _envDCHUDPInit=%d\n",
+               service, connectTo, _useFromSockPool, _envVarsInit.load(), _envDCHUDPInit.load());
+    ZEVD_TRACE(trc, TRACE_FLOW, "Acquiring EnvVars Init Lock. [@%p]\n",
+               static_cast<void *>(initLock));
+    // A lock that cannot be taken skips configuration and pool without a
+    // word: a later object does them.
+    if (ZEVA_GetLock(initLock, this) == 0) {
+        if (_envVarsInit.load() == 0) {
+            _envVarsInit.store(1);
+            getEnvVariables();
+        }
+        if (_envDCHUDPInit.load() == 0 && _useFromSockPool != 0 && connectTo == 0 &&
+            service == IPC_SERVICE_CLIENT_OBJECT) {
+            // Set first: a failed attempt is never repeated.
+            _envDCHUDPInit.store(1);
+            ZEVD_TRACE(trc, TRACE_STORAGE,
+                       "Initializing mutex[@%p] and Cond[@%p] for ipcSock object @%p\n",
+                       static_cast<void *>(&_UDPSockLock), static_cast<void *>(&_UDPSockCond),
+                       static_cast<void *>(this));
+            ZEV0_InitializeMutex(&_UDPSockLock);
+            ZEV0_InitializeCondVar(&_UDPSockCond);
+            int32_t count = _UDPSocketsInPool.load();
+            ZEVD_TRACE(trc, TRACE_DETAIL, "Initializing %d UDP sockets.\n", count);
+            auto *list = new (std::nothrow) UDPSockElement[count];
+            if (list == nullptr) {
+                ZEVD_TRACE(trc, TRACE_ERROR, "Error: allocation of %d UDPSockElement failed\n",
+                           count);
+                _sockError = 1;
+            } else {
+                ZEVD_TRACE(trc, TRACE_STORAGE, "Allocated _UDPSockList @%p\n",
+                           static_cast<void *>(list));
+                for (int32_t i = 0; i < count; ++i) {
+                    list[i].inUse = 0;
+                    setClientAddr(nullptr, 0);
+                    int error = 0;
+                    list[i].sockUDP = ZEV0_OpenLocalSocket(2, 0, &_sockAddress, 0, &error, 0);
+                    // A socket that failed to open stays in the pool.
+                    if (list[i].sockUDP < 0)
+                        ZEVD_TRACE(trc, TRACE_ERROR,
+                                   "Error: _UDPSockList[i].sockUDP[%d]  errno=%d\n",
+                                   list[i].sockUDP, errno);
+                    else
+                        ZEVD_TRACE(trc, TRACE_DETAIL, "[%d] UDP Socket %d allocated.\n", i,
+                                   list[i].sockUDP);
+                }
+                _UDPSockList.store(list, std::memory_order_release);
+            }
+        }
+        ZEVD_TRACE(trc, TRACE_FLOW, "Releasing EnvVars Init Lock. [@%p]\n",
+                   static_cast<void *>(initLock));
+        ZEVA_ReleaseLock(initLock, this);
+    }
+    _sockError = startup(nullptr, connectTo);
+    if (_sockError != 0)
+        ZEVD_TRACE(trc, TRACE_ERROR, "Error: startup failed. _sockError=%d\n", _sockError);
+    // The base's error word has the last say, over the startup result.
+    _sockError = ipcGetError();
+    if (_sockError != 0) ZEVD_TRACE(trc, TRACE_ERROR, "Error: _sockError=%d\n", _sockError);
+    trc.exit();
+}
+
+ipcSock::~ipcSock() {
+    ZEVD_TRACE_FUNCTION("ipcSock::~ipcSock");
+    ZEVD_TRACE(trc, TRACE_DETAIL, "_useFromSockPool=%d, _sockTCP=%d, _sockUDP=%d\n",
+               _useFromSockPool, _sockTCP, _sockUDP);
+    if (_sockTCP != IPC_NO_SOCKET) {
+        ZEVD_TRACE(trc, TRACE_FLOW, "Closing TCP socket %d for DCH port %d\n", _sockTCP,
+                   _envPortNo.load());
+        ZEV0_CloseTheSocket(_sockTCP);
+    }
+    if (_useFromSockPool == 0) {
+        // Closed without testing for -999: closing no socket fails harmlessly.
+        ZEVD_TRACE(trc, TRACE_FLOW, "Closing UDP socket %d for DCH port %d\n", _sockUDP,
+                   _envPortNo.load());
+        ZEV0_CloseTheSocket(_sockUDP);
+    }
+    ZEVD_TRACE(trc, TRACE_DETAIL, "ipcTypeOfService=%d\n", ipcTypeOfService());
+    if (_useFromSockPool != 0 && ipcTypeOfService() == IPC_SERVICE_CLIENT_OBJECT) {
+        bool pooled = false;
+        UDPSockElement *list = _UDPSockList.load(std::memory_order_acquire);
+        if (list != nullptr) {
+            int32_t count = _UDPSocketsInPool.load();
+            for (int32_t i = 0; i < count && !pooled; ++i) pooled = list[i].sockUDP == _sockUDP;
+        }
+        // Pooled sockets live as long as the process; only a socket made
+        // outside the pool is closed.
+        if (!pooled) {
+            ZEVD_TRACE(trc, TRACE_FLOW, "Closing UDP socket %d\n", _sockUDP);
+            ZEV0_CloseTheSocket(_sockUDP);
+        }
+    }
+    trc.exit();
+}
+
+void ipcSock::getEnvVariables() {
+    ZEVD_TRACE_FUNCTION("ipcSock::getEnvVariables");
+    const char *dchAddr = OSV1_GetEnv("ZEVA_DCH_ADDR", 0);
+    const char *dchPort = OSV1_GetEnv("ZEVA_DCH_PORT", 0);
+    const char *dchTimeout = OSV1_GetEnv("ZEVA_DCH_TIMEOUT", 0);
+    const char *trapEmit = OSV1_GetEnv("ZEVA_DCH_TRAPEMIT", 0);
+    const char *poolSize = OSV1_GetEnv("ZEVA_DCH_UDP_SOCKETS_IN_POOL", 0);
+    ZEVD_TRACE(trc, TRACE_DETAIL, "DCHIpc instance @%p and _envVarsInit=%d\n",
+               static_cast<void *>(this), _envVarsInit.load());
+
+    memset(_envDCHname, 0, sizeof _envDCHname);
+    const char *name = dchAddr;
+    if (name == nullptr) {
+        name = ZEV0_LocalHostNameString();
+        if (name == nullptr) {
+            ZEVD_TRACE(trc, TRACE_ERROR, "Error: ZEV0_LocalHostNameString failed.\n");
+            _sockError = 1;
+        }
+    }
+    // A longer name is cut to what the buffer holds.
+    if (name != nullptr) strncpy(_envDCHname, name, sizeof _envDCHname - 1);
+
+    uint16_t port = IPC_DEFAULT_DCH_PORT;
+    const char *productPort = nullptr;
+    if (dchPort != nullptr) {
+        port = static_cast<uint16_t>(atoi(dchPort));
+    } else if ((productPort = ZEV0_QueryProductSpec(21)) != nullptr) {
+        port = static_cast<uint16_t>(atoi(productPort));
+    }
+    _envPortNo.store(port);
+    ZEVD_TRACE(trc, TRACE_DETAIL, "Assigned DCH port number to %d\n", port);
+
+    _envDCHtimeout.store(dchTimeout != nullptr ? atoi(dchTimeout) : IPC_DEFAULT_DCH_TIMEOUT);
+
+    int32_t sockets = poolSize != nullptr ? atoi(poolSize) : IPC_DEFAULT_UDP_POOL;
+    if (sockets < 1) {
+        // A pool of no socket would leave every borrower waiting for ever.
+        ZEVD_TRACE(trc, TRACE_ERROR,
+                   "Warning: ZEVA_DCH_UDP_SOCKETS_IN_POOL=%d is below 1, using %d.\n", sockets,
+                   IPC_DEFAULT_UDP_POOL);
+        sockets = IPC_DEFAULT_UDP_POOL;
+    }
+    _UDPSocketsInPool.store(sockets);
+
+    _envTRAPEMIT.store(trapEmit != nullptr && (trapEmit[0] == 'Y' || trapEmit[0] == 'y') ? 1 : 0);
+
+    ZEVD_TRACE(trc, TRACE_DETAIL,
+               "_envDCHname[%s] _envPortNo[%d] _envDCHtimeout[%d] _envTRAPEMIT[%d]\n", _envDCHname,
+               _envPortNo.load(), _envDCHtimeout.load(), _envTRAPEMIT.load());
+    trc.exit();
+}
+
+int32_t ipcSock::allocateIPC() {
+    ZEVD_TRACE_FUNCTION("ipcSock::allocateIPC");
+    int32_t result = IPC_NO_SOCKET;
+    ZEVD_TRACE(trc, TRACE_FLOW, "_useFromSockPool[%d] _UDPSockLock[@%p]\n", _useFromSockPool,
+               static_cast<void *>(&_UDPSockLock));
+    if (_useFromSockPool == 0) {
+        ZEVD_TRACE(trc, TRACE_DETAIL, "Creating UDP socket from outside of pool.\n");
+        setClientAddr(nullptr, 0);
+        int error = 0;
+        result = ZEV0_OpenLocalSocket(2, 0, &_sockAddress, 0, &error, 0);
+        ZEVD_TRACE(trc, TRACE_STORAGE, "Allocated UDP socket %d from outside socket pool\n",
+                   result);
+        return trc.exit(result);
+    }
+
+    UDPSockElement *list = _UDPSockList.load(std::memory_order_acquire);
+    if (list == nullptr) {
+        // Without a pool (never made, or its allocation failed) nothing will
+        // ever be returned to wait for.
+        ZEVD_TRACE(trc, TRACE_ERROR, "Error: no UDP socket pool has been made.\n");
+        return trc.exit(result);
+    }
+    int32_t count = _UDPSocketsInPool.load();
+
+    ZEVD_TRACE(trc, TRACE_FLOW, "Try to get _UDPSockLock[@%p]\n",
+               static_cast<void *>(&_UDPSockLock));
+    if (ZEVA_GetLock(&_UDPSockLock, this) != 0) {
+        ZEVD_TRACE(trc, TRACE_ERROR, "Error: pthread_cond_lock failed. errno=%d\n", errno);
+        return trc.exit(result);
+    }
+    ZEVD_TRACE(trc, TRACE_FLOW, "_UDPSockLock[@%p] taken.\n", static_cast<void *>(&_UDPSockLock));
+    for (;;) {
+        bool found = false;
+        for (int32_t i = 0; i < count; ++i) {
+            // The first free slot wins, even one whose socket failed to open.
+            if (list[i].inUse == 0) {
+                list[i].inUse = 1;
+                result = list[i].sockUDP;
+                ZEVD_TRACE(trc, TRACE_DETAIL, "[%d] UDP Socket %d is available\n", i, result);
+                found = true;
+                break;
+            }
+        }
+        if (found) break;
+
+        ZEVD_TRACE(trc, TRACE_DETAIL, "No UDP sockets available yet. Waiting on signal.\n");
+        struct timespec deadline;
+        clock_gettime(CLOCK_REALTIME, &deadline);
+        deadline.tv_sec += kPoolWaitSeconds;
+        deadline.tv_nsec = 0;
+        // The decision below reads errno, which the wait does not set: start
+        // it from 0 so that a stale value cannot turn a time-out into a
+        // failure.
+        errno = 0;
+        int rc = pthread_cond_timedwait(&_UDPSockCond, &_UDPSockLock, &deadline);
+        int waitErrno = errno;
+        if (rc == 0) {
+            ZEVD_TRACE(trc, TRACE_DETAIL,
+                       "Signal received that UDP socket has become available.\n");
+            continue;
+        }
+        // Decided on errno, not on the returned code, as designed.
+        if (waitErrno != 0 && waitErrno != EAGAIN) {
+            ZEVD_TRACE(trc, TRACE_ERROR, "Error: pthread_cond_wait failed. rc=%d errno=%d\n", rc,
+                       waitErrno);
+            break;
+        }
+        ZEVD_TRACE(trc, TRACE_DETAIL, "Wait timeout on UDP sock pool - errno=%d\n", waitErrno);
+        if (ZEVA_ReleaseLock(&_UDPSockLock, this) == 0) {
+            OSV1_Sleep(kPoolSleepSeconds);
+            if (ZEVA_GetLock(&_UDPSockLock, this) != 0)
+                ZEVD_TRACE(trc, TRACE_ERROR, "Error: unable to re-acquire lock\n");
+        }
+    }
+    ZEVA_ReleaseLock(&_UDPSockLock, this);
+    return trc.exit(result);
+}
+
+int32_t ipcSock::releaseIPC() {
+    ZEVD_TRACE_FUNCTION("ipcSock::releaseIPC");
+    ZEVD_TRACE(trc, TRACE_FLOW, "_useFromSockPool[%d] _UDPSockLock[@%p]\n", _useFromSockPool,
+               static_cast<void *>(&_UDPSockLock));
+    // The destructor closes a socket of the object's own.
+    if (_useFromSockPool == 0) return trc.exit(0);
+
+    bool found = false;
+    UDPSockElement *list = _UDPSockList.load(std::memory_order_acquire);
+    if (list != nullptr) {
+        if (ZEVA_GetLock(&_UDPSockLock, this) != 0) {
+            ZEVD_TRACE(trc, TRACE_ERROR, "Error: pthread_cond_lock failed. errno=%d\n", errno);
+            return trc.exit(1);
+        }
+        int32_t count = _UDPSocketsInPool.load();
+        for (int32_t i = 0; i < count; ++i) {
+            if (list[i].sockUDP == _sockUDP) {
+                list[i].inUse = 0;
+                ZEVD_TRACE(trc, TRACE_DETAIL, "[%d] UDP Socket %d made available for use.\n", i,
+                           _sockUDP);
+                found = true;
+                break;
+            }
+        }
+        ZEVA_ReleaseLock(&_UDPSockLock, this);
+    }
+    if (!found) {
+        ZEVD_TRACE(trc, TRACE_ERROR, "Error: UDP socket %d not found.\n", _sockUDP);
+        return trc.exit(1);
+    }
+    ZEVD_TRACE(trc, TRACE_DETAIL, "Signaling UDP socket waiters.\n");
+    int rc = pthread_cond_signal(&_UDPSockCond);
+    if (rc != 0) {
+        ZEVD_TRACE(trc, TRACE_ERROR, "Error: pthread_cond_signal failed. rc=%d errno=%d\n", rc,
+                   errno);
+        return trc.exit(1);
+    }
+    return trc.exit(0);
+}
+
+int32_t ipcSock::DCHtimeout() {
+    // Narrowed to 16 bits and widened again on purpose: 40000 reads -25536.
+    return static_cast<int32_t>(static_cast<int16_t>(_envDCHtimeout.load()));
+}
+
+uint16_t ipcSock::sockPortTCP() {
+    _portTCP = ZEV0_RetrieveSockPort(_sockTCP);
+    return _portTCP;
+}
+
+uint16_t ipcSock::sockPortUDP() {
+    _portUDP = ZEV0_RetrieveSockPort(_sockUDP);
+    return _portUDP;
+}
+
+int32_t ipcSock::setClientAddr(const void *addr, int32_t /*addrLen*/) {
+    if (addr == nullptr)
+        memset(&_sockAddress, 0, sizeof _sockAddress);
+    else
+        memcpy(&_sockAddress, addr, sizeof _sockAddress);
+    return 0;
+}
+
+int32_t ipcSock::sockGetAvailableIndex() {
+    for (int32_t i = 0; i < IPC_MAX_TCP_CLIENTS; ++i)
+        if (_sockClientFD[i] == 0) return i;
+    return -1;
+}
+
+void ipcSock::sockResetIndex() {
+    _sockIndex = 0;
+}
+
+int32_t ipcSock::sockSetSelectReadMask(fd_set *set) {
+    FD_ZERO(set);
+    int32_t maxFD = std::max(_sockTCP, _sockUDP);
+    // A descriptor that does not fit a select set is left out of it.
+    if (fitsSelectSet(_sockTCP)) FD_SET(_sockTCP, set);
+    if (fitsSelectSet(_sockUDP)) FD_SET(_sockUDP, set);
+    for (int32_t fd : _sockClientFD) {
+        if (fd > 0 && fitsSelectSet(fd)) {
+            FD_SET(fd, set);
+            if (fd > maxFD) maxFD = fd;
+        }
+    }
+    if (maxFD >= FD_SETSIZE) maxFD = FD_SETSIZE - 1;
+    return maxFD + 1;
+}
+
+int32_t ipcSock::sockCheckReadMask(fd_set *set, int32_t *index) {
+    // The scan ends after slot 62: slot 63 is put in the mask but never
+    // reported ready. The limit is kept as designed.
+    if (_sockIndex < 0 || _sockIndex > IPC_MAX_TCP_CLIENTS - 2) {
+        *index = -1;
+        ++_sockIndex;
+        return -1;
+    }
+    int32_t fd = _sockClientFD[_sockIndex];
+    if (fd > 0 && fitsSelectSet(fd) && FD_ISSET(fd, set)) {
+        *index = _sockIndex;
+        ++_sockIndex;
+        return fd;
+    }
+    *index = -1;
+    ++_sockIndex;
+    return 0;
+}
+
+int32_t ipcSock::IPCServer() {
+    ZEVD_TRACE_FUNCTION("ipcSock::IPCServer");
+    ZEVD_TRACE(trc, TRACE_ERROR, "Error: IPCServer is not available in this build.\n");
+    return trc.exit(1);
+}
+
+int32_t ipcSock::IPCClient(void * /*addr*/, int32_t connectTo, int32_t typeOfServer) {
+    ZEVD_TRACE_FUNCTION("ipcSock::IPCClient");
+    _sockError = 0;
+    ZEVD_TRACE(trc, TRACE_STORAGE, "DCHName[%s] DCHPort[%d] connectTo[%d] typeOfServer[%d]\n",
+               _envDCHname, _envPortNo.load(), connectTo, typeOfServer);
+    if (connectTo == 0) {
+        setClientAddr(nullptr, 0);
+        _sockUDP = allocateIPC();
+        if (_sockUDP < 0) {
+            ZEVD_TRACE(trc, TRACE_ERROR, "Error: _sockUDP[%d]  errno=%d\n", _sockUDP, errno);
+            _sockError = 1;
+        } else {
+            if (typeOfServer != IPC_SERVICE_CLIENT_OBJECT) {
+                setClientAddr(nullptr, 0);
+                int error = 0;
+                _sockTCP = ZEV0_OpenLocalSocket(1, 0, &_sockAddress, 0, &error, 0);
+                if (_sockTCP < 0) {
+                    ZEVD_TRACE(trc, TRACE_ERROR, "Error: _sockTCP[%d]  errno=%d\n", _sockTCP,
+                               errno);
+                    _sockError = 1;
+                }
+            }
+            if (_sockError == 0) {
+                ZEVD_TRACE(trc, TRACE_DETAIL, "Using DCH port number: %d\n", _envPortNo.load());
+                if (ZEV0_ConvertNameToAddr(_envDCHname, _envPortNo.load(), &_sockAddress) == 0) {
+                    ZEVD_TRACE(trc, TRACE_ERROR, "Error: ZEV0_ConvertNameToAddr failed for[%s]\n",
+                               _envDCHname);
+                    _sockError = 1;
+                }
+            }
+        }
+    } else {
+        // A socket pair of the object's own, never from the pool, and no
+        // address to resolve.
+        int error = 0;
+        _sockUDP = ZEV0_OpenLocalSocket(2, 0, &_sockAddress, 0, &error, 0);
+        if (_sockUDP < 0) {
+            ZEVD_TRACE(trc, TRACE_ERROR, "Error: _sockUDP[%d]  errno=%d\n", _sockUDP, errno);
+            _sockError = 1;
+        } else {
+            _sockTCP = ZEV0_OpenLocalSocket(1, 0, &_sockAddress, 0, &error, 0);
+            if (_sockTCP < 0) {
+                ZEVD_TRACE(trc, TRACE_ERROR, "Error: _sockTCP[%d]  errno=%d\n", _sockTCP, errno);
+                _sockError = 1;
+            }
+        }
+    }
+    if (_sockError == 0 && trc.on(TRACE_DETAIL)) {
+        char label[kLabelSize];
+        snprintf(label, sizeof label, "Created _sockUDP[%d] bound to port", _sockUDP);
+        ZEVD_TRACE(trc, TRACE_DETAIL, "%s: clientAddr <%d<%-*.*x>>\n", label, _sockAddressLen,
+                   _sockAddressLen, _sockAddressLen, static_cast<void *>(&_sockAddress));
+        if (connectTo == 0 && typeOfServer != IPC_SERVICE_CLIENT_OBJECT) {
+            // Prints _sockUDP, not _sockTCP: a slip kept as it is.
+            snprintf(label, sizeof label, "Created _sockTCP[%d] bound to port", _sockUDP);
+            ZEVD_TRACE(trc, TRACE_DETAIL, "%s: clientAddr <%d<%-*.*x>>\n", label, _sockAddressLen,
+                       _sockAddressLen, _sockAddressLen, static_cast<void *>(&_sockAddress));
+        }
+    }
+    return trc.exit(_sockError);
+}
+
+int32_t ipcSock::ipcRead(char **buffer, int32_t wait) {
+    ZEVD_TRACE_FUNCTION("ipcSock::ipcRead");
+    ipcBufEntry ipcBufArray[IPC_MAX_DATAGRAMS] = {};
+    int32_t ipcBufCount = 0;
+    int32_t totalRead = 0;
+    uint32_t totalLen = 0;
+    int32_t bytesRead = 0;  // also the result of the call
+    bool firstToCome = true;
+    ZEVD_TRACE(trc, TRACE_DETAIL, "[@%p] Passed parms: buffer @%p, initial wait=%d\n",
+               static_cast<void *>(this), static_cast<void *>(*buffer), wait);
+
+    // Filled once: a retry of the first wait runs with what select has left
+    // of it, which on Linux is nothing, so the retries end at once.
+    struct timeval timeOut = {wait, 0};
+    struct timeval *timeOutRecord = wait >= 1 ? &timeOut : nullptr;
+    int32_t currentWait = wait;
+    // Further waits after a wait that timed out; once used up, a time-out
+    // ends the read.
+    int32_t retriesLeft = std::max(ipcGetRetryRead(), 0);
+
+    for (;;) {
+        if (ipcBufCount > IPC_MAX_DATAGRAMS - 1) {
+            ZEVD_TRACE(trc, TRACE_ERROR,
+                       "Error: [@%p] Max %d number of 16K buffers already read.\n",
+                       static_cast<void *>(this), IPC_MAX_DATAGRAMS);
+            bytesRead = -1;
+            break;
+        }
+        if (!firstToCome) {
+            currentWait = kNextDatagramWait;
+            timeOut = {kNextDatagramWait, 0};
+            timeOutRecord = &timeOut;
+        }
+
+        fd_set readMask;
+        FD_ZERO(&readMask);
+        int count = -1;
+        int selectErrno = EBADF;
+        ZEVD_TRACE(trc, TRACE_DETAIL,
+                   "Waiting on SELECT: UDP[%d] Port[%d] MaxFD[%d] WaitTime[%d]\n", _sockUDP,
+                   sockPortUDP(), _sockUDP + 1, currentWait);
+        if (fitsSelectSet(_sockUDP)) {
+            FD_SET(_sockUDP, &readMask);
+            count = select(_sockUDP + 1, &readMask, nullptr, nullptr, timeOutRecord);
+            selectErrno = errno;
+        }
+        ZEVD_TRACE(trc, TRACE_DETAIL, "[@%p] Select returned - count=%d errno=%d\n",
+                   static_cast<void *>(this), count, selectErrno);
+        if (count == -1) {
+            ZEVD_TRACE(trc, TRACE_ERROR, "Error: [@%p] select - wait=%d count=%d errno=%d\n",
+                       static_cast<void *>(this), currentWait, count, selectErrno);
+            bytesRead = -1;
+            // A socket that select cannot watch is not received from either.
+            if (!fitsSelectSet(_sockUDP)) break;
+            // Otherwise the receive is attempted all the same, as designed.
+        } else if (count == 0) {
+            if (retriesLeft > 0) {
+                --retriesLeft;
+                ZEVD_TRACE(trc, TRACE_DETAIL,
+                           "select timed out - wait=%d count=%d errno=%d...trying again\n",
+                           currentWait, count, selectErrno);
+                continue;
+            }
+            ZEVD_TRACE(trc, TRACE_DETAIL,
+                       "select timed out - wait=%d count=%d errno=%d...not retrying\n", currentWait,
+                       count, selectErrno);
+            // Nothing is handed over: the datagrams kept so far are dropped.
+            dropPieces(ipcBufArray, ipcBufCount);
+            return trc.exit(bytesRead);
+        }
+
+        auto *piece = new (std::nothrow) char[IPC_DATAGRAM_SIZE];
+        if (piece == nullptr) {
+            ZEVD_TRACE(trc, TRACE_ERROR, "Error: allocating %d bytes for ipcBuffer\n",
+                       IPC_DATAGRAM_SIZE);
+            bytesRead = -1;
+            // Ends the read rather than going round again at once, which
+            // could spin for as long as memory stays short.
+            break;
+        }
+        ZEVD_TRACE(trc, TRACE_STORAGE,
+                   "Allocated ipcBuffer @%p length %d in ipcSock @%p, storing in ipcBufArray at "
+                   "index: %d\n",
+                   static_cast<void *>(piece), IPC_DATAGRAM_SIZE, static_cast<void *>(this),
+                   ipcBufCount);
+        ipcBufArray[ipcBufCount].buffer = piece;
+        memset(piece, 0, IPC_DATAGRAM_SIZE);
+        struct sockaddr_in sender;
+        socklen_t senderLen = sizeof sender;
+        bytesRead = static_cast<int32_t>(recvfrom(_sockUDP, piece, IPC_DATAGRAM_SIZE, 0,
+                                                  reinterpret_cast<struct sockaddr *>(&sender),
+                                                  &senderLen));
+        int recvErrno = errno;
+
+        if (bytesRead < 1) {
+            if (ZEV0_IsValidPointer(piece)) {
+                ZEVD_TRACE(trc, TRACE_STORAGE, "Deleting ipcBuffer @%p, bytesRead: %d\n",
+                           static_cast<void *>(piece), bytesRead);
+                int slot = -1;
+                for (int i = 0; i < IPC_MAX_DATAGRAMS && slot < 0; ++i)
+                    if (ipcBufArray[i].buffer == piece) slot = i;
+                delete[] piece;
+                if (slot >= 0) {
+                    ZEVD_TRACE(trc, TRACE_DETAIL, "Nulling out ipcBuffer at ipcBufArray index %d\n",
+                               slot);
+                    ipcBufArray[slot].buffer = nullptr;
+                    ipcBufArray[slot].length = 0;
+                }
+            } else {
+                ZEVD_TRACE(trc, TRACE_ERROR, "Error: ipcBuffer object @%p is not valid\n",
+                           static_cast<void *>(piece));
+            }
+            break;
+        }
+
+        totalRead += bytesRead;
+        ipcBufArray[ipcBufCount].length = bytesRead;
+        ++ipcBufCount;
+        if (firstToCome) {
+            firstToCome = false;
+            // A first datagram too short to hold a length word has none: it
+            // counts as length 0 and fails like one.
+            if (bytesRead >= kLengthWordSize) {
+                uint32_t word;
+                memcpy(&word, piece, sizeof word);
+                totalLen = ntohl(word);
+            }
+        }
+        ZEVD_TRACE(trc, TRACE_DETAIL,
+                   "ipcBufCount=%d totalLen=%d, bytesRead=%d, totalRead=%d, errno=%d\n",
+                   ipcBufCount, static_cast<int32_t>(totalLen), bytesRead, totalRead, recvErrno);
+        if (totalLen > kMaxMessageLength) {
+            // No number of datagrams this read may join can meet it.
+            ZEVD_TRACE(trc, TRACE_ERROR,
+                       "Error: [@%p] Max %d number of 16K buffers already read.\n",
+                       static_cast<void *>(this), IPC_MAX_DATAGRAMS);
+            bytesRead = -1;
+            break;
+        }
+        if (totalLen == 0 || totalLen <= static_cast<uint32_t>(totalRead)) break;
+    }
+
+    if (ipcBufCount < 1 || totalLen != static_cast<uint32_t>(totalRead)) {
+        ZEVD_TRACE(trc, TRACE_ERROR, "Error: [@%p] totalLen=%d, bytesRead=%d errno=%d\n",
+                   static_cast<void *>(this), static_cast<int32_t>(totalLen), bytesRead, errno);
+        bytesRead = -1;
+        dropPieces(ipcBufArray, ipcBufCount);
+    } else {
+        ZEVD_TRACE(trc, TRACE_DETAIL,
+                   "recvfrom operation had no more data, totalRead: %d, ipcBufCount: %d\n",
+                   totalRead, ipcBufCount);
+        if (ipcBufCount == 1) {
+            // Handed over without a copy: an 8192-byte block of which the
+            // first totalLen bytes are the message.
+            *buffer = ipcBufArray[0].buffer;
+        } else {
+            auto *completeBuffer = new (std::nothrow) char[totalRead];
+            if (completeBuffer == nullptr) {
+                ZEVD_TRACE(trc, TRACE_ERROR, "Error: allocating %d bytes for completeBuffer\n",
+                           totalRead);
+                bytesRead = -1;
+                dropPieces(ipcBufArray, ipcBufCount);
+            } else {
+                ZEVD_TRACE(trc, TRACE_STORAGE, "Allocated %d bytes for completeBuffer @%p\n",
+                           totalRead, static_cast<void *>(completeBuffer));
+                memset(completeBuffer, 0, totalRead);
+                int32_t offset = 0;
+                for (int32_t i = 0; i < ipcBufCount; ++i) {
+                    ZEVD_TRACE(trc, TRACE_DETAIL,
+                               "[%d] completeBuffer[@%p], offset[%d], buffer[%p], dataLen[%d]\n", i,
+                               static_cast<void *>(completeBuffer), offset,
+                               static_cast<void *>(ipcBufArray[i].buffer), ipcBufArray[i].length);
+                    // The lengths add up to totalRead, the block's size.
+                    memcpy(completeBuffer + offset, ipcBufArray[i].buffer, ipcBufArray[i].length);
+                    offset += ipcBufArray[i].length;
+                }
+                *buffer = completeBuffer;
+                for (int32_t i = 0; i < ipcBufCount; ++i) {
+                    if (ZEV0_IsValidPointer(ipcBufArray[i].buffer)) {
+                        ZEVD_TRACE(trc, TRACE_STORAGE, "Deleting ipcBufArray[%i]: @%p\n", i,
+                                   static_cast<void *>(ipcBufArray[i].buffer));
+                        delete[] ipcBufArray[i].buffer;
+                        ipcBufArray[i].buffer = nullptr;
+                    } else {
+                        ZEVD_TRACE(trc, TRACE_ERROR,
+                                   "Error: ipcBufArray[%i] object @%p is not valid\n", i,
+                                   static_cast<void *>(ipcBufArray[i].buffer));
+                    }
+                }
+            }
+        }
+    }
+    ZEVD_TRACE(trc, TRACE_DETAIL, "*readBuffer set to @%p\n", static_cast<void *>(*buffer));
+    return trc.exit(bytesRead);
+}
+
+int32_t ipcSock::ipcWrite(const char *buffer, int32_t length, uint32_t connectedSockFD) {
+    ZEVD_TRACE_FUNCTION("ipcSock::ipcWrite");
+    int32_t sent = 0;
+    bool failed = false;
+    if (connectedSockFD == 0) {
+        ZEVD_TRACE(trc, TRACE_DETAIL, "[@%p] Using Family=AF_INET, Type=UDP, totalLen=%d\n",
+                   static_cast<void *>(this), length);
+        ZEVD_TRACE(trc, TRACE_DETAIL, "%s: clientAddr <%d<%-*.*x>>\n", "_sockAddress set to ",
+                   _sockAddressLen, _sockAddressLen, _sockAddressLen,
+                   static_cast<void *>(&_sockAddress));
+        int32_t chunk = length;
+        while (sent < length) {
+            if (chunk > IPC_DATAGRAM_SIZE) chunk = IPC_DATAGRAM_SIZE;
+            ssize_t rc = sendto(_sockUDP, buffer + sent, static_cast<size_t>(chunk), 0,
+                                reinterpret_cast<const struct sockaddr *>(&_sockAddress),
+                                sizeof _sockAddress);
+            if (rc < 0) {
+                int sendErrno = errno;
+                ZEVD_TRACE(trc, TRACE_ERROR,
+                           "Error: [@%p] SENDTO - Sent %d bytes out of %d: errno=%d: _sockUDP=%d\n",
+                           static_cast<void *>(this), sent, length, sendErrno, _sockUDP);
+                failed = true;
+                break;
+            }
+            sent += static_cast<int32_t>(rc);
+            chunk = length - sent;
+            if (chunk == 0) break;
+            // The pause between the datagrams of one message is part of the
+            // design: n datagrams take at least n - 1 seconds.
+            OSV1_Sleep(1);
+            ZEVD_TRACE(trc, TRACE_FLOW, "[@%p] Sent<%d> Remaining<%d>\n", static_cast<void *>(this),
+                       sent, chunk);
+        }
+    } else {
+        int fd = static_cast<int>(connectedSockFD);
+        ZEVD_TRACE(trc, TRACE_DETAIL,
+                   "[@%p] Using Family=AF_INET, Type=TCP, connectedSockFD set to %d\n",
+                   static_cast<void *>(this), fd);
+        // MSG_NOSIGNAL: a peer that went away fails the send instead of
+        // ending the process with SIGPIPE.
+        ssize_t rc = send(fd, buffer, static_cast<size_t>(length), MSG_NOSIGNAL);
+        int sendErrno = errno;
+        if (rc == length) {
+            sent = static_cast<int32_t>(rc);
+        } else if (sendErrno == EAGAIN) {
+            // Waits on the object's own TCP socket, not on connectedSockFD,
+            // as designed.
+            int32_t timeout = _envDCHtimeout.load();
+            ZEVD_TRACE(trc, TRACE_DETAIL, "SEND would block - waiting on Select for %d seconds.\n",
+                       timeout);
+            fd_set writeMask;
+            FD_ZERO(&writeMask);
+            int count = -1;
+            int selectErrno = EBADF;
+            if (fitsSelectSet(_sockTCP)) {
+                FD_SET(_sockTCP, &writeMask);
+                struct timeval timeOut = {timeout, 0};
+                count = select(_sockTCP + 1, nullptr, &writeMask, nullptr, &timeOut);
+                selectErrno = errno;
+            }
+            if (count <= 0) {
+                ZEVD_TRACE(trc, TRACE_ERROR, "Error: [@%p] select - count=%d errno=%d\n",
+                           static_cast<void *>(this), count, selectErrno);
+                failed = true;
+            } else {
+                ZEVD_TRACE(trc, TRACE_DETAIL, "Select returned. Count=%d, errno=%d\n", count,
+                           selectErrno);
+                // The whole message again from its first byte: a partial
+                // send is never continued.
+                rc = send(fd, buffer, static_cast<size_t>(length), MSG_NOSIGNAL);
+                sendErrno = errno;
+                if (rc == length) {
+                    sent = static_cast<int32_t>(rc);
+                } else {
+                    ZEVD_TRACE(
+                        trc, TRACE_ERROR, "Error: [@%p] SEND - Sent %d bytes out of %d: errno=%d\n",
+                        static_cast<void *>(this), static_cast<int32_t>(rc), length, sendErrno);
+                    failed = true;
+                }
+            }
+        } else {
+            ZEVD_TRACE(trc, TRACE_ERROR, "Error: [@%p] SEND - Sent %d bytes out of %d: errno=%d\n",
+                       static_cast<void *>(this), static_cast<int32_t>(rc), length, sendErrno);
+            failed = true;
+        }
+    }
+    if (failed) return trc.exit(-1);
+    ZEVD_TRACE(trc, TRACE_DETAIL, "Sent %d bytes out of %d\n", sent, length);
+    if (trc.on(TRACE_DUMP)) ZEV0_PrintDump(buffer, 0, length);
+    return trc.exit(sent);
+}

@@ -1,0 +1,143 @@
+// ipcSock: the socket transport. One UDP socket (borrowed from the
+// process-wide pool or made for the object) and, where a stream is needed,
+// one TCP socket; the DCH server side and the client side share the class.
+#ifndef ZEVD_IPC_ZEVDSOCK_H
+#define ZEVD_IPC_ZEVDSOCK_H
+
+#include <netinet/in.h>
+#include <pthread.h>
+#include <sys/select.h>
+
+#include <atomic>
+#include <cstdint>
+
+#include "ipc/zevdipc.h"
+
+// Accepted TCP connections a server object keeps at once.
+inline constexpr int IPC_MAX_TCP_CLIENTS = 64;
+// Largest datagram of a message; longer messages are split.
+inline constexpr int IPC_DATAGRAM_SIZE = 8192;
+// Datagrams one read may join into a message.
+inline constexpr int IPC_MAX_DATAGRAMS = 32;
+// Defaults of the process-wide configuration.
+inline constexpr uint16_t IPC_DEFAULT_DCH_PORT = 1919;
+inline constexpr int32_t IPC_DEFAULT_DCH_TIMEOUT = 30;
+inline constexpr int32_t IPC_DEFAULT_UDP_POOL = 32;
+// Size of the DCH host name buffer, its terminating zero included.
+inline constexpr int IPC_DCH_NAME_SIZE = 256;
+
+// One socket of the UDP pool.
+struct UDPSockElement {
+    int16_t inUse;    // 0 free, 1 lent out; guarded by _UDPSockLock
+    int32_t sockUDP;  // negative when its creation failed
+};
+
+// The destructor is not virtual (nor is the base's): owners delete an
+// ipcSock through its own type.
+class ipcSock : public DCHipc {
+public:
+    // Must not be used: reports so and sets the object's error to 1.
+    ipcSock();
+    // service: type of service of the base (2 server, 1 and 3 client).
+    // connectTo: 0 talks to the DCH; any other value gives the object a
+    // socket pair of its own and resolves no address.
+    // useFromSockPool: nonzero borrows the UDP socket from the pool. The
+    // first object of service 3 with connectTo 0 and the pool on makes the
+    // pool. Never fails outright: check ipcGetError() afterwards.
+    ipcSock(int16_t service, int32_t connectTo, int32_t useFromSockPool);
+    // Closes the TCP socket and a UDP socket of the object's own; pooled
+    // sockets stay open for the life of the process.
+    ~ipcSock();
+    ipcSock(const ipcSock &) = delete;
+    ipcSock &operator=(const ipcSock &) = delete;
+
+    // Receives one message on the UDP socket, joining up to 32 datagrams
+    // until its length word is met. Blocks up to wait seconds for the first
+    // datagram (below 1: no limit), then 10 seconds for each further one.
+    // On success *buffer is a new array (delete[], owned by the caller) that
+    // holds the whole message, at least its 4-byte length word, and the
+    // result is the byte count of the last datagram. 0: the first wait
+    // timed out and no retry was left; *buffer is unchanged. -1: failure,
+    // *buffer unchanged. Nothing received is read or written outside the
+    // bytes that arrived.
+    int32_t ipcRead(char **buffer, int32_t wait) override;
+    // connectedSockFD 0: sends over UDP to the peer address, in datagrams of
+    // at most 8192 bytes with a one-second pause between them. Otherwise
+    // sends once on that connected TCP socket. buffer stays the caller's.
+    // Returns length, or -1.
+    int32_t ipcWrite(const char *buffer, int32_t length, uint32_t connectedSockFD) override;
+    // Copies 16 bytes of addr into the peer address, or clears it for NULL.
+    // addrLen is not used. Returns 0.
+    int32_t setClientAddr(const void *addr, int32_t addrLen) override;
+    // The server's receive loop. Not part of this build yet: reports so and
+    // returns 1.
+    int32_t IPCServer() override;
+    // Client set-up: gives the object its sockets and, for connectTo 0, the
+    // DCH's address. addr is not used. Returns 0 on success, 1 on failure.
+    int32_t IPCClient(void *addr, int32_t connectTo, int32_t typeOfServer) override;
+    // A UDP socket for this object: from the pool (waiting, possibly without
+    // end, while every pooled socket is lent out) or newly made. -999 when
+    // the pool cannot be used; the negative result of socket creation
+    // without the pool.
+    int32_t allocateIPC() override;
+    // Gives _sockUDP back to the pool and wakes one waiting borrower. 0 on
+    // success and for an object without the pool switch (its destructor
+    // closes the socket); 1 when the socket is not the pool's.
+    int32_t releaseIPC() override;
+    // The configured DCH time-out, passed through 16 bits on purpose: values
+    // above 32767 come back negative.
+    int32_t DCHtimeout() override;
+
+    // Binds the DCH port for the server loop; exits the process when the
+    // port cannot be owned.
+    int32_t allocateDCHport();
+
+    int32_t sockUDP() const { return _sockUDP; }
+    // Local ports of the two sockets (host order), cached in _portTCP and
+    // _portUDP; 0 when the socket has none.
+    uint16_t sockPortTCP();
+    uint16_t sockPortUDP();
+    // Lowest free _sockClientFD slot, or -1 when all 64 are taken.
+    int32_t sockGetAvailableIndex();
+    void sockResetIndex();
+    // Fills set with the UDP socket, the TCP socket and every client above
+    // 0; returns the highest descriptor + 1 for select.
+    int32_t sockSetSelectReadMask(fd_set *set);
+    // One step of the scan over the client slots after select: the ready
+    // descriptor (slot index in *index), 0 for a slot that is not ready
+    // (*index -1), -1 at the end of the scan.
+    int32_t sockCheckReadMask(fd_set *set, int32_t *index);
+
+protected:
+    // Reads the process-wide configuration; the constructor calls it once
+    // per process under the env-vars-init lock.
+    void getEnvVariables();
+
+    int32_t _sockError = 0;
+    uint16_t _portTCP = 0;
+    uint16_t _portUDP = 0;
+    int32_t _sockTCP = IPC_NO_SOCKET;
+    int32_t _sockUDP = IPC_NO_SOCKET;
+    int32_t _sockIndex = 0;
+    int32_t _sockClientFD[IPC_MAX_TCP_CLIENTS] = {};
+    struct sockaddr_in _sockAddress = {};
+    int32_t _sockAddressLen = sizeof(struct sockaddr_in);
+    int32_t _useFromSockPool = 0;
+
+    // Process-wide state, one copy shared by every object and never freed.
+    // The flags are set only under the env-vars-init lock; the values are
+    // written there once and read afterwards without it.
+    static std::atomic<int32_t> _envVarsInit;
+    static std::atomic<int32_t> _envDCHUDPInit;
+    static char _envDCHname[IPC_DCH_NAME_SIZE];
+    static std::atomic<uint16_t> _envPortNo;
+    static std::atomic<int32_t> _envDCHtimeout;
+    static std::atomic<int32_t> _envTRAPEMIT;
+    static std::atomic<int32_t> _UDPSocketsInPool;
+    // Published (release) once its elements are filled in.
+    static std::atomic<UDPSockElement *> _UDPSockList;
+    static pthread_mutex_t _UDPSockLock;
+    static pthread_cond_t _UDPSockCond;
+};
+
+#endif  // ZEVD_IPC_ZEVDSOCK_H
