@@ -625,6 +625,19 @@ TEST_F(QueueTest, ExistingSlotGrowsToFirstStepAboveLength) {
     EXPECT_EQ(consumer.take(q, 20000).data, std::string(20000, 'c'));
 }
 
+TEST_F(QueueTest, ExistingSlotGrowsOnlyPastTheLength) {
+    put(q, "first");  // slot 0 holds 4096 bytes
+    ASSERT_EQ(consumer.take(q, 5).error, 0);
+    cycleTo(0);
+    put(q, std::string(8191, 'p'));  // 8192 is already greater
+    EXPECT_EQ(q.queue()->dataSize[0], 8192);
+    ASSERT_EQ(consumer.take(q, 8191).data, std::string(8191, 'p'));
+    cycleTo(0);
+    put(q, std::string(8192, 'q'));  // equal: one more step
+    EXPECT_EQ(q.queue()->dataSize[0], 12288);
+    EXPECT_EQ(consumer.take(q, 8192).data, std::string(8192, 'q'));
+}
+
 TEST_F(QueueTest, ExistingSlotIsZeroedBehindAShorterMessage) {
     put(q, std::string(3000, 'l'));
     ASSERT_EQ(consumer.take(q, 3000).error, 0);
@@ -691,6 +704,8 @@ TEST_F(QueueTest, ShortClientNameIsNeverTaken) {
     const char *slotName = q.queue()->slot[0].clientName;
     TraceCapture capture("zevdipc=error");
     for (int attempt = 0; attempt < 3; ++attempt) {
+        // Checked first, so that a taken entry cannot leave a get waiting.
+        ASSERT_EQ(q.numFull(), 2);
         Received r = consumer.take(q, 5);
         EXPECT_EQ(r.error, 1);
         // The data was copied before the name was checked.
