@@ -85,13 +85,24 @@ public:
     // Thread routine of the server; never joined.
     static void *IPCServerThread(void *transport);
 
+    // Create and free the queue with its slot buffers. ipc_new_cb sets the
+    // error word to 1 when the queue cannot be allocated.
     void ipc_new_cb();
     void ipc_delete_cb();
-    // Producer side: blocks while IPC_QSIZE - 1 entries wait.
+    // Producer side: blocks while IPC_QSIZE - 1 entries wait. Copies data,
+    // at most 256 address bytes and at most 255 name characters (NULL
+    // name: 255 blanks); nothing is kept of the caller's pointers. Refuses a
+    // negative length, one too large to size a slot for, or NULL data with
+    // a length (error 1). Without a queue it reports so and leaves error 0;
+    // otherwise the error word ends as the result of releasing the lock.
     void ipc_put_data(int32_t length, const void *data, const void *clientAddr,
                       int32_t clientAddrLen, const char *clientName, uint32_t connectedSockFD);
-    // Consumer side: blocks while the queue is empty. *buffer is grown here
-    // when needed; *bufferLen reports its capacity, not the message length.
+    // Consumer side: blocks while the queue is empty. *buffer (NULL or an
+    // array of *bufferLen bytes that the caller owns) is replaced here by a
+    // larger array when needed; *bufferLen reports its capacity, not the
+    // message length. clientAddr takes up to 256 bytes, clientName up to 256
+    // characters; NULL skips either. An entry whose client name has 6
+    // characters or fewer is never taken: error 1, and it stays at the head.
     void ipc_get_data(char **buffer, int32_t *bufferLen, void *clientAddr, int32_t *clientAddrLen,
                       char *clientName, uint32_t *connectedSockFD);
 
