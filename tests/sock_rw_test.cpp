@@ -288,12 +288,14 @@ TEST(SockRwTest, MessageOfExactly32DatagramsIsJoined) {
     char *received = nullptr;
     std::thread reader([&] { result = pair.b->ipcRead(&received, 5); });
     // Paced by the reader, so that the receive buffer never overflows.
-    for (uint32_t i = 0; i < 32; ++i) {
+    bool paced = true;
+    for (uint32_t i = 0; i < 32 && paced; ++i) {
         std::vector<char> datagram(message.begin() + i * 8192, message.begin() + (i + 1) * 8192);
-        ASSERT_TRUE(raw.send(datagram));
-        ASSERT_TRUE(waitFor([&] { return capture.count("ipcBufCount=") >= i + 1; }, 5000ms));
+        paced = raw.send(datagram) &&
+                waitFor([&] { return capture.count("ipcBufCount=") >= i + 1; }, 5000ms);
     }
     reader.join();
+    ASSERT_TRUE(paced) << capture.joined();
     ASSERT_EQ(result.load(), 8192);
     ASSERT_NE(received, nullptr);
     EXPECT_EQ(memcmp(received, message.data(), length), 0);

@@ -109,6 +109,12 @@ TEST(SockRwTimeoutTest, RetriesCountFurtherWaits) {
 TEST(SockRwTimeoutTest, WaitZeroBlocksUntilADatagramComes) {
     SockPair pair;
     TraceCapture capture("zevdsock=all");
+    // Taken before the read starts: the transport belongs to the reading
+    // thread from then on.
+    int udp = pair.b->sockUDP();
+    std::string waiting = "Waiting on SELECT: UDP[" + std::to_string(udp) + "] Port[" +
+                          std::to_string(pair.b->sockPortUDP()) + "] MaxFD[" +
+                          std::to_string(udp + 1) + "] WaitTime[0]\n";
     std::atomic<bool> returned{false};
     std::atomic<int32_t> result{-2};
     char *received = nullptr;
@@ -116,10 +122,6 @@ TEST(SockRwTimeoutTest, WaitZeroBlocksUntilADatagramComes) {
         result = pair.b->ipcRead(&received, 0);
         returned = true;
     });
-    int udp = pair.b->sockUDP();
-    std::string waiting = "Waiting on SELECT: UDP[" + std::to_string(udp) + "] Port[" +
-                          std::to_string(pair.b->sockPortUDP()) + "] MaxFD[" +
-                          std::to_string(udp + 1) + "] WaitTime[0]\n";
     EXPECT_TRUE(waitFor([&] { return capture.hasText(waiting); }, 5000ms)) << capture.joined();
     EXPECT_FALSE(returned.load());
     std::vector<char> message = makeMessage(100);
