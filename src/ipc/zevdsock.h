@@ -54,12 +54,17 @@ public:
     // Receives one message on the UDP socket, joining up to 32 datagrams
     // until its length word is met. Blocks up to wait seconds for the first
     // datagram (below 1: no limit), then 10 seconds for each further one.
-    // On success *buffer is a new array (delete[], owned by the caller) that
-    // holds the whole message, at least its 4-byte length word, and the
-    // result is the byte count of the last datagram. 0: the first wait
-    // timed out and no retry was left; *buffer is unchanged. -1: failure,
-    // *buffer unchanged. Nothing received is read or written outside the
-    // bytes that arrived.
+    // A timed-out wait is followed by up to ipcGetRetryRead() further waits
+    // in all. On success *buffer is a new array (delete[], owned by the
+    // caller) that holds the whole message, at least its 4-byte length
+    // word, and the result is the byte count of the last datagram. When a
+    // wait times out with no retry left, nothing is handed over (*buffer
+    // unchanged) and the result is the last datagram's byte count: 0 when
+    // nothing came, positive for a message cut short. -1: failure, *buffer
+    // unchanged; a first datagram shorter than a length word, or whose
+    // length word is 0, smaller than what came, or more than 32 datagrams
+    // can carry, is such a failure. Nothing received is read or written
+    // outside the bytes that arrived.
     int32_t ipcRead(char **buffer, int32_t wait) override;
     // connectedSockFD 0: sends over UDP to the peer address, in datagrams of
     // at most 8192 bytes with a one-second pause between them. Otherwise
