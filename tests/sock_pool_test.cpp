@@ -2,6 +2,7 @@
 // helpers of the server loop.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/select.h>
 #include <unistd.h>
 
@@ -13,6 +14,7 @@
 #include <string>
 #include <thread>
 
+#include "support/fresh_process.h"
 #include "support/sock_probe.h"
 #include "support/trace_capture.h"
 #include "support/wait_for.h"
@@ -36,6 +38,70 @@ const bool environmentSet = [] {
 
 bool isOpen(int fd) {
     return fcntl(fd, F_GETFD) != -1;
+}
+
+TEST(SockPoolTest, FirstClientObjectMakesThePool) {
+    ZEVD_IN_FRESH_PROCESS({
+        TraceCapture capture("zevdsock=all");
+        EXPECT_EQ(ipcSockProbe::pool(), nullptr);
+        // Other kinds of object leave the pool alone.
+        { ipcSockProbe server(1, 0, 0); }
+        { ipcSockProbe own(3, 1, 1); }
+        EXPECT_EQ(ipcSockProbe::envDCHUDPInit(), 0);
+        ipcSockProbe sock(3, 0, 1);
+        ASSERT_NE(ipcSockProbe::pool(), nullptr);
+        EXPECT_EQ(ipcSockProbe::envDCHUDPInit(), 1);
+        int fd = sock.sockUDP();
+        char expected[160];
+        snprintf(expected, sizeof expected,
+                 "Initializing mutex[@%p] and Cond[@%p] for ipcSock object @%p\n",
+                 ipcSockProbe::poolLock(), ipcSockProbe::poolCond(), static_cast<void *>(&sock));
+        EXPECT_TRUE(capture.hasText(expected)) << capture.joined();
+        EXPECT_TRUE(capture.hasText("Initializing 1 UDP sockets.\n"));
+        snprintf(expected, sizeof expected, "Allocated _UDPSockList @%p\n",
+                 static_cast<const void *>(ipcSockProbe::pool()));
+        EXPECT_TRUE(capture.hasText(expected)) << capture.joined();
+        EXPECT_TRUE(capture.hasText("[0] UDP Socket " + std::to_string(fd) + " allocated.\n"));
+        EXPECT_TRUE(capture.hasText("[0] UDP Socket " + std::to_string(fd) + " is available\n"));
+        EXPECT_EQ(capture.count("Initializing 1 UDP sockets."), 1u);
+        EXPECT_EQ(sock.releaseIPC(), 0);
+        // Made once per process.
+        ipcSockProbe again(3, 0, 1);
+        EXPECT_EQ(capture.count("Initializing 1 UDP sockets."), 1u);
+        EXPECT_EQ(again.sockUDP(), fd);
+        EXPECT_EQ(again.releaseIPC(), 0);
+    });
+}
+
+TEST(SockPoolTest, PoolSocketThatFailedToOpenIsLentLikeAnyOther) {
+    ZEVD_IN_FRESH_PROCESS({
+        // Built once first, so that a sanitizer's checks of this type need
+        // no descriptor once the limit below is in force.
+        { ipcSockProbe warmUp(3, 1, 1); }
+        // No descriptor above those open now: the pool's socket cannot be
+        // made.
+        int lowest = dup(0);
+        ASSERT_GE(lowest, 0);
+        close(lowest);
+        struct rlimit saved;
+        ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
+        struct rlimit tight = saved;
+        tight.rlim_cur = static_cast<rlim_t>(lowest);
+        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &tight), 0);
+        TraceCapture capture("zevdsock=all");
+        ipcSockProbe sock(3, 0, 1);
+        setrlimit(RLIMIT_NOFILE, &saved);
+        EXPECT_TRUE(capture.hasText("Error: _UDPSockList[i].sockUDP[-1]  errno=24\n"))
+            << capture.joined();
+        ASSERT_NE(ipcSockProbe::pool(), nullptr);
+        EXPECT_EQ(ipcSockProbe::pool()[0].sockUDP, -1);
+        EXPECT_EQ(sock.sockUDP(), -1);
+        EXPECT_TRUE(capture.hasText("[0] UDP Socket -1 is available\n")) << capture.joined();
+        EXPECT_TRUE(capture.contains("Error: _sockUDP[-1]  errno=")) << capture.joined();
+        EXPECT_EQ(sock.ipcGetError(), 1);
+        // It goes back to the pool like any other.
+        EXPECT_EQ(sock.releaseIPC(), 0);
+    });
 }
 
 TEST(SockPoolTest, SecondBorrowerWaitsUntilTheFirstReleases) {

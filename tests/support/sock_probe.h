@@ -29,6 +29,8 @@ public:
     static int envVarsInit() { return _envVarsInit.load(); }
     static int envDCHUDPInit() { return _envDCHUDPInit.load(); }
     static const UDPSockElement *pool() { return _UDPSockList.load(); }
+    static void *poolLock() { return &_UDPSockLock; }
+    static void *poolCond() { return &_UDPSockCond; }
     // True when fd is one of the pool's sockets.
     static bool inPool(int fd) {
         const UDPSockElement *list = pool();
