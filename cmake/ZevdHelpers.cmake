@@ -22,11 +22,13 @@ function(zevd_set_sanitizer kind)
   endif()
 endfunction()
 
-# zevd_add_test(NAME SOURCES src... [LIBS lib...] [LABELS label...])
-# One GoogleTest binary; each test case becomes its own ctest entry, so
-# every case runs in a fresh process.
+# zevd_add_test(NAME SOURCES src... [LIBS lib...] [LABELS label...]
+#               [ENVIRONMENT VAR=value...] [TIMEOUT seconds] [ONE_PROCESS])
+# One GoogleTest binary. Each test case becomes its own ctest entry and runs
+# in a fresh process, unless ONE_PROCESS asks for the whole binary to run as
+# one entry (suites that share a process-wide server harness).
 function(zevd_add_test name)
-  cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;LIBS;LABELS" ${ARGN})
+  cmake_parse_arguments(ARG "ONE_PROCESS" "TIMEOUT" "SOURCES;LIBS;LABELS;ENVIRONMENT" ${ARGN})
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE zevd_test_support ${ARG_LIBS})
   if(NOT ARG_TIMEOUT)
@@ -36,5 +38,13 @@ function(zevd_add_test name)
   if(ARG_LABELS)
     list(APPEND props LABELS "${ARG_LABELS}")
   endif()
-  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST PROPERTIES ${props})
+  if(ARG_ENVIRONMENT)
+    list(APPEND props ENVIRONMENT "${ARG_ENVIRONMENT}")
+  endif()
+  if(ARG_ONE_PROCESS)
+    add_test(NAME ${name} COMMAND ${name})
+    set_tests_properties(${name} PROPERTIES ${props})
+  else()
+    gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST PROPERTIES ${props})
+  endif()
 endfunction()

@@ -124,6 +124,55 @@ ZEVD_EXPORT void ZEVA_validateHelpText(char *helpText);
  * program could not be started gets 0 and goes on running the caller. */
 ZEVD_EXPORT int ZEVA_StartDPprocess(const char *executableName);
 
+/* ------------------------------------------------------------------ */
+/* Frame                                                               */
+/* ------------------------------------------------------------------ */
+
+/* Creates the mutexes of the data-consumer waits; once per process. */
+ZEVD_EXPORT void DCH_api_init(void);
+/* Destroys them; a later DCH_api_init does not create them again. */
+ZEVD_EXPORT void DCH_api_destroy(void);
+/* Unfinished: only reports so in the trace. */
+ZEVD_EXPORT void DCH_shutdown(int how);
+
+/* ------------------------------------------------------------------ */
+/* Data providers                                                      */
+/* ------------------------------------------------------------------ */
+/* Every request function returns 0, or 1 after a failure; the detailed
+ * outcome (the DCH's status, or a ZEVD_STATUS_ value) is in *status. */
+
+/* Registers the application described by a registration text:
+ * "APPL name [help]", "GROUP name [help]", "ATTR name letter size [help]",
+ * separated by newlines or ';', or "@path" to read the text from a file. */
+ZEVD_EXPORT int dp_register(long *status, const char *registration);
+/* Brings an attribute group of an application online for a source
+ * (names of at most 20, 32 and 32 characters); *handle receives the handle
+ * under which rows are sent. */
+ZEVD_EXPORT int dp_online(long *status, long *handle, const char *applName,
+                          const char *attrGroup, const char *sourceName);
+ZEVD_EXPORT int dp_offline(long *status, long handle);
+ZEVD_EXPORT int dp_unregister(long *status, const char *applName);
+/* Unfinished: nothing is sent; *status is 0. */
+ZEVD_EXPORT int dp_cancel(long *status, long handle);
+/* Unfinished: nothing is sent. */
+ZEVD_EXPORT void dp_waitForAction(long ignored);
+ZEVD_EXPORT void dp_provideActionResults(long ignored1, long ignored2);
+
+/* Appends one attribute to a row: *workBuffer starts NULL and is allocated
+ * (4096 bytes) by the first call; *size receives the row's length. attrType
+ * is the attribute type letter: A C G L N integers of valueSize 2 or 4
+ * bytes, I S 16-bit integers, D R T U Z strings of valueSize bytes. An
+ * attribute that does not fit the row is refused with status 1. */
+ZEVD_EXPORT int dp_formatData(long *status, char **workBuffer, long *size, const char *attrName,
+                              const void *attrValue, long valueSize, char attrType);
+/* Sends the row under a handle and frees it (*workBuffer is NULL after the
+ * call, whatever happened). */
+ZEVD_EXPORT int dp_data(long *status, long handle, short dataFlag, char **workBuffer);
+/* dp_data with a read time-out in seconds (0: the DCH time-out) and a retry
+ * setting for the response. */
+ZEVD_EXPORT int dp_actionData(long *status, long handle, short dataFlag, char **workBuffer,
+                              short timeout, short retry);
+
 #ifdef __cplusplus
 }
 #endif

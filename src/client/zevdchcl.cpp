@@ -1,0 +1,709 @@
+// The client object and the exported data-provider functions.
+#include "client/zevdchcl.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <string>
+
+#include "ipc/zevdlpc.h"
+#include "ipc/zevdsock.h"
+#include "zev0.h"
+#include "zevd610.h"
+
+ZEVD_TRACE_UNIT(unitZevdchcl);
+
+pthread_mutex_t _dc_waitOnDataLock;
+pthread_mutex_t _dc_waitOnDataCancelLock;
+pthread_mutex_t _dc_waitForDPStatusLock;
+
+namespace {
+
+// Set by the first DCH_api_init and never cleared, so the mutexes are made
+// once per process.
+int16_t locksInitialized = 0;
+
+// Ends the process after the transport could not be had: both streams are
+// flushed and the trace has a second to reach its file.
+[[noreturn]] void endProcess() {
+    fflush(stderr);
+    fflush(stdout);
+    OSV1_Sleep(1);
+    exit(1);
+}
+
+bool isIntegerLetter(char c) {
+    return c != '\0' && strchr("ACGLN", c) != nullptr;
+}
+bool isShortLetter(char c) {
+    return c == 'I' || c == 'S';
+}
+bool isStringLetter(char c) {
+    return c != '\0' && strchr("DRTUZ", c) != nullptr;
+}
+
+// The caller's integer of valueSize bytes (1, 2, 4 or 8; others by their
+// first four bytes), widened.
+int64_t readInteger(const void *value, long valueSize) {
+    switch (valueSize) {
+        case 1: {
+            int8_t v;
+            memcpy(&v, value, 1);
+            return v;
+        }
+        case 2: {
+            int16_t v;
+            memcpy(&v, value, 2);
+            return v;
+        }
+        case 8: {
+            int64_t v;
+            memcpy(&v, value, 8);
+            return v;
+        }
+        case 4: {
+            int32_t v;
+            memcpy(&v, value, 4);
+            return v;
+        }
+        default: {
+            int32_t v = 0;
+            memcpy(&v, value, valueSize < 4 ? static_cast<size_t>(valueSize) : 4);
+            return v;
+        }
+    }
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// The client object
+// ---------------------------------------------------------------------------
+
+DCHclient::DCHclient(int interrupt, int useFromSockPool) {
+    ZEVD_TRACE_FUNCTION("DCHclientConstructor");
+    _error = 0;
+    _interruptFD = IPC_NO_SOCKET;
+    _ipcType = ZEVA_GetIPCtype();
+    if (_ipcType == 1) {
+        auto *sock = new (std::nothrow) ipcSock(IPC_SERVICE_CLIENT_OBJECT, 0, useFromSockPool);
+        _ipcClient = sock;
+        if (sock != nullptr) {
+            ZEVD_TRACE(trc, TRACE_DETAIL, "Allocated _ipcClient @%p\n", static_cast<void *>(sock));
+            if (interrupt != 0) {
+                struct sockaddr_in address;
+                memset(&address, 0, sizeof address);
+                int addressLen = sizeof address;
+                // Kept: the address length stands where the error word goes.
+                _interruptFD = ZEV0_OpenLocalSocket(2, 0, &address, 0, &addressLen, 0);
+                if (_interruptFD < 0) {
+                    ZEVD_TRACE(trc, TRACE_ERROR, "Error: _interruptFD[%d]  errno=%d\n",
+                               _interruptFD, errno);
+                    _error = 1;
+                } else {
+                    _interruptPort = ZEV0_RetrieveSockPort(_interruptFD);
+                    ZEVD_TRACE(trc, TRACE_STORAGE, "_interruptFD socket[%d] bound to port[%d]\n",
+                               _interruptFD, _interruptPort);
+                }
+            }
+            _DCHtimeout = sock->DCHtimeout();
+            _ipcReadTimeout = _DCHtimeout;
+            ZEVD_TRACE(trc, TRACE_DETAIL, "_DCHtimeout=%d _ipcReadTimeout=%d\n", _DCHtimeout,
+                       _ipcReadTimeout);
+        } else {
+            ZEVD_TRACE(trc, TRACE_ERROR, "Error: ipcSock creation failed.\n");
+            _error = 1;
+        }
+    } else if (_ipcType == 2) {
+        auto *lpc = new (std::nothrow) ipcLPC(IPC_SERVICE_CLIENT, nullptr, 0);
+        _ipcClient = lpc;
+        ZEVD_TRACE(trc, TRACE_DETAIL, "Allocated _ipcClient @%p\n", static_cast<void *>(lpc));
+        // The LPC path takes no time-outs of its own: the transport's default.
+        _DCHtimeout = lpc != nullptr ? lpc->DCHtimeout() : 30;
+        _ipcReadTimeout = _DCHtimeout;
+    } else {
+        ZEVD_TRACE(trc, TRACE_ERROR, "Error: Unrecognized IPC type %d, exiting...\n", _ipcType);
+        endProcess();
+    }
+    if (_ipcClient != nullptr && _ipcClient->ipcGetError() > 0) {
+        ZEVD_TRACE(trc, TRACE_ERROR,
+                   "Error: DCH Client cannot continue. IPC initialization failed, exiting...\n");
+        endProcess();
+    }
+    ZEVD_TRACE(trc, TRACE_DETAIL, "Allocated DCH Client object @%p, _interruptFD[%d]\n",
+               static_cast<void *>(this), _interruptFD);
+    trc.exit();
+}
+
+DCHclient::~DCHclient() {
+    ZEVD_TRACE_FUNCTION("DCHclient::~DCHclient");
+    if (_ipcType == 1) {
+        if (_ipcClient != nullptr) _ipcClient->releaseIPC();
+        if (_interruptFD != IPC_NO_SOCKET) {
+            ZEVD_TRACE(trc, TRACE_DETAIL, "Closing socket[%d]\n", _interruptFD);
+            ZEV0_CloseTheSocket(_interruptFD);
+        }
+        if (_ipcClient != nullptr) {
+            ZEVD_TRACE(trc, TRACE_DETAIL, "Deleting _ipcClient @%p, _interruptFD[%d]\n",
+                       static_cast<void *>(_ipcClient), _interruptFD);
+            // Through the concrete type: the base's destructor is not virtual,
+            // and nothing derives from the transport that the client made.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdelete-non-virtual-dtor"
+            delete static_cast<ipcSock *>(_ipcClient);
+#pragma GCC diagnostic pop
+            _ipcClient = nullptr;
+        }
+    } else if (_ipcType == 2) {
+        // Kept exactly so: no "Error: " and no line end.
+        ZEVD_TRACE(trc, TRACE_ERROR, "FINISH ME UP!!!!");
+        if (_ipcClient != nullptr) {
+            ZEVD_TRACE(trc, TRACE_DETAIL, "Deleting _ipcClient @%p\n",
+                       static_cast<void *>(_ipcClient));
+            delete static_cast<ipcLPC *>(_ipcClient);
+            _ipcClient = nullptr;
+        }
+    } else {
+        ZEVD_TRACE(trc, TRACE_ERROR, "Error: Unrecognized IPC type %d\n", _ipcType);
+    }
+    delete[] _readBuffer;  // normally NULL: every request frees its response
+    _readBuffer = nullptr;
+    ZEVD_TRACE(trc, TRACE_DETAIL, "Deleting DCH Client object @%p\n", static_cast<void *>(this));
+    trc.exit();
+}
+
+void DCHclient::setReadTimeout(int timeout) {
+    _ipcReadTimeout = timeout != 0 ? timeout : _DCHtimeout;
+}
+
+void DCHclient::setRetryRead(int retry) {
+    if (_ipcClient != nullptr) _ipcClient->ipcSetRetryRead(retry);
+}
+
+void DCHclient::shutdown(int /*how*/) {
+    ZEVD_TRACE_FUNCTION("DCHclient::shutdown");
+    // Unfinished on purpose: it only says so.
+    if (_error < 1) ZEVD_TRACE(trc, TRACE_ERROR, "Error: FINISH ME UP!");
+    trc.exit();
+}
+
+// ---------------------------------------------------------------------------
+// The exchange shared by every request
+// ---------------------------------------------------------------------------
+
+bool DCHclient::writeRequest(zevd::TraceFrame &trc, const char *buffer, uint32_t length,
+                             long *status, const DCHrequestTexts &texts) {
+    if (trc.on(TRACE_DUMP)) {
+        TLG1_Printf(trc.record(), __LINE__, texts.dump, static_cast<int>(length));
+        ZEV0_PrintDump(buffer, 0, static_cast<int>(length));
+    }
+    ZEVD_TRACE(trc, TRACE_DETAIL, texts.writing, static_cast<int>(length));
+    int32_t written = _ipcClient->ipcWrite(buffer, static_cast<int32_t>(length), 0);
+    if (written != static_cast<int32_t>(length)) {
+        ZEVD_TRACE(trc, TRACE_ERROR, texts.writeError, texts.writeErrorArg);
+        _error = 1;
+        *status = ZEVD_STATUS_NOT_SENT;
+        return false;
+    }
+    return true;
+}
+
+void DCHclient::refuseRequest(zevd::TraceFrame &trc, int fieldType, long *status,
+                              const DCHrequestTexts &texts) {
+    ZEVD_TRACE(trc, TRACE_ERROR, "Error: %s does not fit in the %d-byte request buffer\n",
+               zevd::fieldName(fieldType), zevd::kRequestSize);
+    ZEVD_TRACE(trc, TRACE_ERROR, texts.writeError, texts.writeErrorArg);
+    _error = 1;
+    *status = ZEVD_STATUS_NOT_SENT;
+}
+
+bool DCHclient::readResponse(zevd::TraceFrame &trc, long *status, const char *waiting,
+                             int32_t timeout) {
+    ZEVD_TRACE(trc, TRACE_DETAIL, waiting, static_cast<void *>(_ipcClient), timeout);
+    _readBuffer = nullptr;
+    int32_t got = _ipcClient->ipcRead(&_readBuffer, timeout);
+    if (got < 1) {
+        // Kept: only a wait of one second is reported. The companion text
+        // "Error: ipcRead with wait[%d seconds] failed\n" is never written.
+        if (timeout == 1)
+            ZEVD_TRACE(trc, TRACE_ERROR, "Error: ipcRead with wait[1 second] failed\n");
+        _error = 1;
+        *status = ZEVD_STATUS_NO_RESPONSE;
+        return false;
+    }
+    return true;
+}
+
+zevd::FieldReader DCHclient::responseReader() const {
+    // The transport hands over a message whose length word it has checked
+    // against the bytes it received; the walk stops there.
+    if (_readBuffer == nullptr) return zevd::FieldReader(nullptr, 0);
+    return zevd::FieldReader(_readBuffer, zevd::messageLength(_readBuffer));
+}
+
+void DCHclient::freeReadBuffer(zevd::TraceFrame &trc) {
+    if (_readBuffer == nullptr) return;
+    ZEVD_TRACE(trc, TRACE_STORAGE, "Deleting _readBuffer<@%p>\n", static_cast<void *>(_readBuffer));
+    if (ZEV0_IsValidPointer(_readBuffer)) delete[] _readBuffer;
+    _readBuffer = nullptr;
+}
+
+bool DCHclient::readStatus(zevd::TraceFrame &trc, zevd::FieldReader &reader, long *status,
+                           const char *statusLine, long lacking) {
+    int type = reader.next();
+    if (type != DCH_status) {
+        ZEVD_TRACE(trc, TRACE_ERROR, "Error: dataType of DCH_status missing: %d\n", type);
+        _error = 1;
+        *status = lacking;
+        return false;
+    }
+    *status = reader.int32();
+    ZEVD_TRACE(trc, TRACE_DETAIL, statusLine, static_cast<int>(*status));
+    return true;
+}
+
+// ---------------------------------------------------------------------------
+// Data-provider lifecycle
+// ---------------------------------------------------------------------------
+
+int DCHclient::dp_register(long *status, const char *registration) {
+    ZEVD_TRACE_FUNCTION("DCHclient::dp_register");
+    *status = ZEVD_STATUS_OK;
+    if (_error >= 1) return trc.exit(_error);
+    const DCHrequestTexts texts = {
+        "DUMP[%d] of dp_register request.\n", "Writing dp_register message. %d bytes\n",
+        "[@%p] Waiting for dp_register response.\n",
+        "Error: writing dp_register message to DCHserver for [%s]\n", registration};
+    char *request = nullptr;
+    if (ZEVP_ConstructDPregisterBuffer(registration, &request) == 0) {
+        ZEVD_TRACE(trc, TRACE_ERROR, "Error: ZEVP_ConstructDPregisterBuffer failed: [%s]\n",
+                   registration);
+        _error = 1;
+        *status = ZEVD_STATUS_REJECTED;
+    } else {
+        writeRequest(trc, request, zevd::messageLength(request), status, texts);
+    }
+    // Kept: the response is awaited even after a local failure, so a DCH
+    // answer still reaches the status word.
+    if (readResponse(trc, status, texts.waiting, _DCHtimeout)) {
+        zevd::FieldReader reader = responseReader();
+        readStatus(trc, reader, status, "status <%d>\n", ZEVD_STATUS_NOT_SENT);
+    }
+    freeReadBuffer(trc);
+    return trc.exit(_error);
+}
+
+int DCHclient::dp_online(long *status, long *handle, const char *applName, const char *attrGroup,
+                         const char *sourceName) {
+    ZEVD_TRACE_FUNCTION("DCHclient::dp_online");
+    *status = ZEVD_STATUS_OK;
+    if (_error >= 1) return trc.exit(_error);
+    const DCHrequestTexts texts = {"DUMP[%d] of dp_online request.\n",
+                                   "Writing dp_online message. %d bytes\n",
+                                   "[@%p] Waiting for dp_online response.\n",
+                                   "Error: writing dp_online message to DCHserver\n"};
+    if (applName == nullptr || attrGroup == nullptr || sourceName == nullptr) {
+        ZEVD_TRACE(trc, TRACE_ERROR, "Error: applName/attrGroup/sourceName were NULL\n");
+        _error = 1;
+        *status = ZEVD_STATUS_NULL_NAME;
+    } else if (strlen(applName) > 20 || strlen(attrGroup) > 32 || strlen(sourceName) > 32) {
+        ZEVD_TRACE(trc, TRACE_ERROR,
+                   "Error: max length exceeded: applName[%d] attrGroup[%d] sourceName[%d]\n",
+                   static_cast<int>(strlen(applName)), static_cast<int>(strlen(attrGroup)),
+                   static_cast<int>(strlen(sourceName)));
+        _error = 1;
+        *status = ZEVD_STATUS_REJECTED;
+    } else {
+        zevd::MessageBuilder request(_message);
+        request.clear();
+        request.add16(DCH_requestType, ZEVD_REQ_DP_ONLINE);
+        request.addString(DCH_applName, applName);
+        request.addString(DCH_attrGroup, attrGroup);
+        request.addString(DCH_sourceName, sourceName);
+        writeRequest(trc, _message, request.length(), status, texts);
+    }
+    // Kept: the response is awaited even after a failed check or write.
+    if (readResponse(trc, status, texts.waiting, _DCHtimeout)) {
+        zevd::FieldReader reader = responseReader();
+        if (readStatus(trc, reader, status, "status <%d>\n", ZEVD_STATUS_NOT_SENT) && _error == 0) {
+            int type = reader.next();
+            if (type == DCH_handle) {
+                *handle = reader.int32();
+                ZEVD_TRACE(trc, TRACE_DETAIL, "handle <%d>\n", static_cast<int>(*handle));
+            } else {
+                ZEVD_TRACE(trc, TRACE_ERROR, "Error: dataType of DCH_handle missing: %d\n", type);
+                _error = 1;
+                *status = ZEVD_STATUS_NOT_SENT;
+            }
+        }
+    }
+    freeReadBuffer(trc);
+    return trc.exit(_error);
+}
+
+int DCHclient::dp_offline(long *status, long handle) {
+    ZEVD_TRACE_FUNCTION("DCHclient::dp_offline");
+    *status = ZEVD_STATUS_OK;
+    if (_error >= 1) return trc.exit(_error);
+    const DCHrequestTexts texts = {"DUMP[%d] of dp_offline request.\n",
+                                   "Writing dp_offline message. %d bytes\n",
+                                   "[@%p] Waiting for dp_offline response.\n",
+                                   "Error: writing dp_offline message to DCHserver\n"};
+    zevd::MessageBuilder request(_message);
+    request.clear();
+    request.add16(DCH_requestType, ZEVD_REQ_DP_OFFLINE);
+    request.add32(DCH_handle, static_cast<int32_t>(handle));  // cut to its low 32 bits
+    writeRequest(trc, _message, request.length(), status, texts);
+    if (_error == 0 && readResponse(trc, status, texts.waiting, _DCHtimeout)) {
+        ZEVD_TRACE(trc, TRACE_DETAIL, "Getting Status info.\n");
+        zevd::FieldReader reader = responseReader();
+        readStatus(trc, reader, status, " returnStatus=%d\n", ZEVD_STATUS_REJECTED);
+    }
+    freeReadBuffer(trc);
+    return trc.exit(_error);
+}
+
+int DCHclient::dp_unregister(long *status, const char *applName) {
+    ZEVD_TRACE_FUNCTION("DCHclient::dp_unregister");
+    *status = ZEVD_STATUS_OK;
+    if (_error >= 1) return trc.exit(_error);
+    const DCHrequestTexts texts = {"DUMP[%d] of dp_unregister request.\n",
+                                   "Writing dp_unregister message. %d bytes\n",
+                                   "[@%p] Waiting for dp_unregister response.\n",
+                                   "Error: writing dp_unregister message to DCHserver\n"};
+    zevd::MessageBuilder request(_message);
+    request.clear();
+    request.add16(DCH_requestType, ZEVD_REQ_DP_UNREGISTER);
+    request.addString(DCH_applName, applName);
+    if (request.ok())
+        writeRequest(trc, _message, request.length(), status, texts);
+    else
+        refuseRequest(trc, request.failedType(), status, texts);
+    if (_error == 0 && readResponse(trc, status, texts.waiting, _DCHtimeout)) {
+        ZEVD_TRACE(trc, TRACE_DETAIL, "Getting Status info.\n");
+        zevd::FieldReader reader = responseReader();
+        readStatus(trc, reader, status, " returnStatus=%d\n", ZEVD_STATUS_REJECTED);
+    }
+    freeReadBuffer(trc);
+    return trc.exit(_error);
+}
+
+int DCHclient::dp_cancel(long *status, long /*handle*/) {
+    ZEVD_TRACE_FUNCTION("DCHclient::dp_cancel");
+    *status = ZEVD_STATUS_OK;
+    // Unfinished on purpose: nothing is sent.
+    if (_error < 1) ZEVD_TRACE(trc, TRACE_ERROR, "Error: FINISH ME UP!");
+    return trc.exit(_error);
+}
+
+void DCHclient::dp_waitForAction(long /*ignored*/) {
+    ZEVD_TRACE_FUNCTION("DCHclient::dp_waitForAction");
+    if (_error < 1) ZEVD_TRACE(trc, TRACE_ERROR, "Error: FINISH ME UP!");
+    trc.exit();
+}
+
+void DCHclient::dp_provideActionResults(long /*ignored1*/, long /*ignored2*/) {
+    ZEVD_TRACE_FUNCTION("DCHclient::dp_provideActionResults");
+    if (_error < 1) ZEVD_TRACE(trc, TRACE_ERROR, "Error: FINISH ME UP!");
+    trc.exit();
+}
+
+// ---------------------------------------------------------------------------
+// Data rows
+// ---------------------------------------------------------------------------
+
+int DCHclient::dp_formatData(long *status, char **workBuffer, long *size, const char *attrName,
+                             const void *attrValue, long valueSize, char attrType) {
+    ZEVD_TRACE_FUNCTION("DCHclient::dp_formatData");
+    *status = ZEVD_STATUS_OK;
+    if (_error >= 1) return trc.exit(_error);
+    ZEVD_TRACE(trc, TRACE_DETAIL, "workBuffer: [%p]\n", static_cast<void *>(*workBuffer));
+    ZEVD_TRACE(trc, TRACE_DETAIL, "size      : [%d]\n", static_cast<int>(*size));
+    ZEVD_TRACE(trc, TRACE_DETAIL, "attrType  : [%c]\n", attrType);
+    ZEVD_TRACE(trc, TRACE_DETAIL, "attrName  : [%s]\n", attrName);
+    ZEVD_TRACE(trc, TRACE_DETAIL, "valueSize : [%d]\n", static_cast<int>(valueSize));
+    if (valueSize <= 0) return trc.exit(_error);
+
+    // The value as the encoder takes it: integers in a local of the field's
+    // own width, strings and other letters as the caller's bytes.
+    int16_t value16 = 0;
+    int32_t value32 = 0;
+    const void *encoded = attrValue;
+    if (attrValue != nullptr && (isIntegerLetter(attrType) || isShortLetter(attrType))) {
+        int64_t wide = readInteger(attrValue, valueSize);
+        value16 = static_cast<int16_t>(wide);
+        value32 = static_cast<int32_t>(wide);
+        bool narrow = isShortLetter(attrType) || valueSize == 2;
+        encoded =
+            narrow ? static_cast<const void *>(&value16) : static_cast<const void *>(&value32);
+        if (narrow)
+            ZEVD_TRACE(trc, TRACE_DETAIL, "attrValue : [%d]\n", static_cast<uint16_t>(value16));
+        else
+            ZEVD_TRACE(trc, TRACE_DETAIL, "attrValue : [%d]\n", value32);
+    } else if (isStringLetter(attrType) && trc.on(TRACE_DETAIL)) {
+        const char *text = static_cast<const char *>(attrValue);
+        std::string shown = text != nullptr ? std::string(text, strnlen(text, valueSize)) : "";
+        ZEVD_TRACE(trc, TRACE_DETAIL, "attrValue : [%s]\n", text != nullptr ? shown.c_str() : text);
+    }
+    int encodedSize = (isIntegerLetter(attrType) || isShortLetter(attrType))
+                          ? (isShortLetter(attrType) || valueSize == 2 ? 2 : 4)
+                          : static_cast<int>(valueSize);
+
+    if (*workBuffer == nullptr) {
+        *size = 0;
+        *workBuffer = new (std::nothrow) char[zevd::kRequestSize];
+        if (*workBuffer != nullptr) {
+            ZEVD_TRACE(trc, TRACE_STORAGE, "Allocated *workBuffer @%p for length %d\n",
+                       static_cast<void *>(*workBuffer), zevd::kRequestSize);
+            memset(*workBuffer, 0, zevd::kRequestSize);
+        } else {
+            ZEVD_TRACE(trc, TRACE_ERROR, "Error: allocation for workBuffer failed.\n");
+            _error = 1;
+            *status = ZEVD_STATUS_NO_WORKBUF;
+        }
+    } else {
+        ZEVD_TRACE(trc, TRACE_DETAIL, "Using workBuffer @%p\n", static_cast<void *>(*workBuffer));
+    }
+    if (_error < 1) {
+        zevd::MessageBuilder row(*workBuffer);
+        if (*size != 0) {
+            row.resume();  // at the end of the row so far (the size mirrors the length word)
+        } else {
+            ZEVD_TRACE(trc, TRACE_DETAIL, "Placing placeholders in buffer.\n");
+            row.add16(DCH_requestType, ZEVD_REQ_DP_DATA);
+            row.add32(DCH_handle, 0);
+            row.add16(DCH_dataFlag, 17);  // placeholder: dp_data always patches it
+        }
+        uint32_t before = row.length();
+        if (!row.addString(DCH_attrName, attrName) ||
+            !row.addValue(DCH_attrValue, encoded, encodedSize, &attrType)) {
+            // Neither field of the pair stays.
+            uint32_t after = row.length();
+            memset(*workBuffer + before, 0, after - before);
+            uint32_t word = htonl(before);
+            memcpy(*workBuffer, &word, sizeof word);
+            ZEVD_TRACE(trc, TRACE_ERROR,
+                       "Error: attribute <%s> does not fit in the %d-byte row buffer\n", attrName,
+                       zevd::kRequestSize);
+            _error = 1;
+            *status = ZEVD_STATUS_REJECTED;
+        }
+        *size = row.length();
+        if (trc.on(TRACE_DUMP)) {
+            TLG1_Printf(trc.record(), __LINE__, "DUMP[%d] of buffer.\n", static_cast<int>(*size));
+            ZEV0_PrintDump(*workBuffer, 0, static_cast<int>(*size));
+        }
+    }
+    return trc.exit(_error);
+}
+
+int DCHclient::dp_data(long *status, long handle, short dataFlag, char **workBuffer) {
+    ZEVD_TRACE_FUNCTION("DCHclient::dp_data");
+    *status = ZEVD_STATUS_OK;
+    if (_error >= 1) return trc.exit(_error);
+    char *row = workBuffer != nullptr ? *workBuffer : nullptr;
+    if (row != nullptr) {
+        uint32_t length = zevd::messageLength(row);
+        // The handle and the flag are patched in place at their fixed offsets.
+        uint32_t handleWord = htonl(static_cast<uint32_t>(handle));
+        uint16_t flagWord = htons(static_cast<uint16_t>(dataFlag));
+        memcpy(row + 18, &handleWord, sizeof handleWord);
+        memcpy(row + 28, &flagWord, sizeof flagWord);
+        const DCHrequestTexts texts = {"DUMP[%d] of dp_data request.\n",
+                                       "Writing dp_data message. %d bytes\n", nullptr,
+                                       "Error: writing dp_data message to DCHserver\n"};
+        if (length < 30 || length > static_cast<uint32_t>(zevd::kRequestSize)) {
+            // Not a row that dp_formatData built: never sent past its buffer.
+            ZEVD_TRACE(trc, TRACE_ERROR, "Error: work buffer length %u is not a row's\n", length);
+            ZEVD_TRACE(trc, TRACE_ERROR, texts.writeError);
+            _error = 1;
+            *status = ZEVD_STATUS_NOT_SENT;
+        } else {
+            writeRequest(trc, row, length, status, texts);
+        }
+    }
+    // The work buffer is consumed whatever happened to the write.
+    if (row != nullptr) {
+        ZEVD_TRACE(trc, TRACE_STORAGE, "Deleting workBuffer @%p\n", static_cast<void *>(row));
+        delete[] row;
+        *workBuffer = nullptr;
+    } else {
+        ZEVD_TRACE(trc, TRACE_ERROR, "Error: freeing workBuffer storage.\n");
+        _error = 1;
+        *status = ZEVD_STATUS_NO_WORKBUF;
+    }
+    if (_error == 0) {
+        if (readResponse(trc, status, "[@%p] Waiting for dp_data response, timeout: %d seconds\n",
+                         _ipcReadTimeout)) {
+            ZEVD_TRACE(trc, TRACE_DETAIL, "Getting Status info.\n");
+            zevd::FieldReader reader = responseReader();
+            readStatus(trc, reader, status, " returnStatus=%d\n", ZEVD_STATUS_REJECTED);
+        }
+        freeReadBuffer(trc);
+    }
+    return trc.exit(_error);
+}
+
+// ---------------------------------------------------------------------------
+// Exported functions
+// ---------------------------------------------------------------------------
+
+namespace {
+
+// The wrapper shared by the exported request functions: a client with
+// (interrupt 0, pool 1) for the one call. A client that could not be made
+// gives 1.
+template <typename Request>
+int withClient(zevd::TraceFrame &trc, bool checkValid, Request request) {
+    auto *client = new (std::nothrow) DCHclient(0, 1);
+    if (client == nullptr) return 1;
+    int result = request(*client);
+    if (checkValid && ZEV0_IsValidPointer(client) == 0) {
+        ZEVD_TRACE(trc, TRACE_ERROR, "Error: client object @%p is no longer valid\n",
+                   static_cast<void *>(client));
+        return result;
+    }
+    delete client;
+    return result;
+}
+
+thread_local long ignoredStatus;
+
+}  // namespace
+
+extern "C" ZEVD_EXPORT void DCH_api_init(void) {
+    ZEVD_TRACE_FUNCTION("C::DCH_api_init");
+    if (locksInitialized == 0) {
+        locksInitialized = 1;
+        ZEVD_TRACE(trc, TRACE_STORAGE, "Initializing DCHclient locks.\n");
+        ZEV0_InitializeMutex(&_dc_waitOnDataLock);
+        ZEV0_InitializeMutex(&_dc_waitOnDataCancelLock);
+        ZEV0_InitializeMutex(&_dc_waitForDPStatusLock);
+    }
+    trc.exit();
+}
+
+extern "C" ZEVD_EXPORT void DCH_api_destroy(void) {
+    ZEVD_TRACE_FUNCTION("C::DCH_api_destroy");
+    ZEVD_TRACE(trc, TRACE_STORAGE, "Destroying DCHclient locks.\n");
+    pthread_mutex_destroy(&_dc_waitOnDataLock);
+    pthread_mutex_destroy(&_dc_waitOnDataCancelLock);
+    pthread_mutex_destroy(&_dc_waitForDPStatusLock);
+    // Kept: the initialised flag stays set, so a later DCH_api_init does
+    // not make the mutexes again.
+    trc.exit();
+}
+
+extern "C" ZEVD_EXPORT void DCH_shutdown(int how) {
+    auto *client = new (std::nothrow) DCHclient(0, 1);
+    if (client == nullptr) return;
+    client->shutdown(how);
+    delete client;
+}
+
+extern "C" ZEVD_EXPORT int dp_register(long *status, const char *registration) {
+    ZEVD_TRACE_FUNCTION("C::dp_register");
+    if (status == nullptr) status = &ignoredStatus;
+    return trc.exit(
+        withClient(trc, false, [&](DCHclient &c) { return c.dp_register(status, registration); }));
+}
+
+extern "C" ZEVD_EXPORT int dp_online(long *status, long *handle, const char *applName,
+                                     const char *attrGroup, const char *sourceName) {
+    ZEVD_TRACE_FUNCTION("C::dp_online");
+    if (status == nullptr) status = &ignoredStatus;
+    long ignoredHandle = 0;
+    if (handle == nullptr) handle = &ignoredHandle;
+    return trc.exit(withClient(trc, false, [&](DCHclient &c) {
+        return c.dp_online(status, handle, applName, attrGroup, sourceName);
+    }));
+}
+
+extern "C" ZEVD_EXPORT int dp_offline(long *status, long handle) {
+    ZEVD_TRACE_FUNCTION("C::dp_offline");
+    if (status == nullptr) status = &ignoredStatus;
+    return trc.exit(
+        withClient(trc, false, [&](DCHclient &c) { return c.dp_offline(status, handle); }));
+}
+
+extern "C" ZEVD_EXPORT int dp_unregister(long *status, const char *applName) {
+    ZEVD_TRACE_FUNCTION("C::dp_unregister");
+    if (status == nullptr) status = &ignoredStatus;
+    return trc.exit(
+        withClient(trc, false, [&](DCHclient &c) { return c.dp_unregister(status, applName); }));
+}
+
+extern "C" ZEVD_EXPORT int dp_cancel(long *status, long handle) {
+    ZEVD_TRACE_FUNCTION("C::dp_cancel");
+    if (status == nullptr) status = &ignoredStatus;
+    return trc.exit(
+        withClient(trc, false, [&](DCHclient &c) { return c.dp_cancel(status, handle); }));
+}
+
+extern "C" ZEVD_EXPORT void dp_waitForAction(long ignored) {
+    ZEVD_TRACE_FUNCTION("C::dp_waitForAction");
+    auto *client = new (std::nothrow) DCHclient(0, 1);
+    if (client == nullptr) {
+        ZEVD_TRACE(trc, TRACE_ERROR, "Error: failed to instantiate DCHclient.\n");
+        return;
+    }
+    client->dp_waitForAction(ignored);
+    delete client;
+}
+
+extern "C" ZEVD_EXPORT void dp_provideActionResults(long ignored1, long ignored2) {
+    ZEVD_TRACE_FUNCTION("C::dp_provideActionResults");
+    auto *client = new (std::nothrow) DCHclient(0, 1);
+    if (client == nullptr) {
+        ZEVD_TRACE(trc, TRACE_ERROR, "Error: failed to instantiate DCHclient.\n");
+        return;
+    }
+    client->dp_provideActionResults(ignored1, ignored2);
+    delete client;
+}
+
+extern "C" ZEVD_EXPORT int dp_formatData(long *status, char **workBuffer, long *size,
+                                         const char *attrName, const void *attrValue,
+                                         long valueSize, char attrType) {
+    ZEVD_TRACE_FUNCTION("C::dp_formatData");
+    if (status == nullptr) status = &ignoredStatus;
+    if (workBuffer == nullptr || size == nullptr) {
+        ZEVD_TRACE(trc, TRACE_ERROR, "Error: workBuffer/size were NULL\n");
+        *status = ZEVD_STATUS_NO_WORKBUF;
+        return trc.exit(1);
+    }
+    return trc.exit(withClient(trc, true, [&](DCHclient &c) {
+        return c.dp_formatData(status, workBuffer, size, attrName, attrValue, valueSize, attrType);
+    }));
+}
+
+extern "C" ZEVD_EXPORT int dp_data(long *status, long handle, short dataFlag, char **workBuffer) {
+    ZEVD_TRACE_FUNCTION("C::dp_data");
+    if (status == nullptr) status = &ignoredStatus;
+    return trc.exit(withClient(
+        trc, true, [&](DCHclient &c) { return c.dp_data(status, handle, dataFlag, workBuffer); }));
+}
+
+extern "C" ZEVD_EXPORT int dp_actionData(long *status, long handle, short dataFlag,
+                                         char **workBuffer, short timeout, short retry) {
+    ZEVD_TRACE_FUNCTION("C::dp_actionData");
+    if (status == nullptr) status = &ignoredStatus;
+    auto *client = new (std::nothrow) DCHclient(0, 1);
+    if (client == nullptr) return trc.exit(1);
+    client->setReadTimeout(timeout);
+    client->setRetryRead(retry);
+    int result = client->dp_data(status, handle, dataFlag, workBuffer);
+    if (ZEV0_IsValidPointer(client) == 0) {
+        ZEVD_TRACE(trc, TRACE_ERROR, "Error: client object @%p is no longer valid\n",
+                   static_cast<void *>(client));
+        return trc.exit(result);
+    }
+    ZEVD_TRACE(trc, TRACE_STORAGE, "Deleting DCHclient @%p\n", static_cast<void *>(client));
+    delete client;
+    return trc.exit(result);
+}

@@ -1,0 +1,99 @@
+// DCHclient: builds one request in its own buffer, writes it through its
+// transport and reads the response. The exported dp_ and dc_ functions each
+// create one for the length of the call.
+#ifndef ZEVD_CLIENT_ZEVDCHCL_H
+#define ZEVD_CLIENT_ZEVDCHCL_H
+
+#include <pthread.h>
+
+#include <cstdint>
+
+#include "common/message.h"
+#include "common/trace.h"
+#include "ipc/zevdipc.h"
+
+// The process-wide mutexes of the data-consumer waits, made by
+// DCH_api_init and destroyed by DCH_api_destroy.
+extern pthread_mutex_t _dc_waitOnDataLock;
+extern pthread_mutex_t _dc_waitOnDataCancelLock;
+extern pthread_mutex_t _dc_waitForDPStatusLock;
+
+// Texts that tell one request's exchange from another's in the trace.
+struct DCHrequestTexts {
+    const char *dump;                     // "DUMP[%d] of dp_online request.\n"
+    const char *writing;                  // "Writing dp_online message. %d bytes\n"
+    const char *waiting;                  // "[@%p] Waiting for dp_online response.\n"
+    const char *writeError;               // "Error: writing dp_online message to DCHserver\n"
+    const char *writeErrorArg = nullptr;  // the %s of writeError, if it has one
+};
+
+// Not polymorphic. A client's _error leaves 0 at most once and never
+// returns to 0; at 1 or more every request method only returns it.
+class DCHclient {
+public:
+    // interrupt: non-zero opens an interrupt socket. useFromSockPool: the
+    // socket transport borrows its UDP socket from the process's pool.
+    // Ends the process (status 1) for an unknown transport kind or a
+    // transport that cannot start.
+    DCHclient(int interrupt, int useFromSockPool);
+    ~DCHclient();
+    DCHclient(const DCHclient &) = delete;
+    DCHclient &operator=(const DCHclient &) = delete;
+
+    // Read time-out of data requests; 0 restores _DCHtimeout.
+    void setReadTimeout(int timeout);
+    void setRetryRead(int retry);
+    // Unfinished: only reports so.
+    void shutdown(int how);
+
+    int dp_register(long *status, const char *registration);
+    int dp_online(long *status, long *handle, const char *applName, const char *attrGroup,
+                  const char *sourceName);
+    int dp_offline(long *status, long handle);
+    int dp_unregister(long *status, const char *applName);
+    // Unfinished operations: they report so and send nothing.
+    int dp_cancel(long *status, long handle);
+    void dp_waitForAction(long ignored);
+    void dp_provideActionResults(long ignored1, long ignored2);
+
+    int dp_formatData(long *status, char **workBuffer, long *size, const char *attrName,
+                      const void *attrValue, long valueSize, char attrType);
+    int dp_data(long *status, long handle, short dataFlag, char **workBuffer);
+
+    int error() const { return _error; }
+
+protected:
+    // Dumps and writes a built request; false after a failed write (error 1,
+    // status 2).
+    bool writeRequest(zevd::TraceFrame &trc, const char *buffer, uint32_t length, long *status,
+                      const DCHrequestTexts &texts);
+    // A request whose fields did not all fit: one line naming the field, then
+    // the failure of a write.
+    void refuseRequest(zevd::TraceFrame &trc, int fieldType, long *status,
+                       const DCHrequestTexts &texts);
+    // Waits up to timeout seconds for the response into _readBuffer; false
+    // when nothing was read (error 1, status 5).
+    bool readResponse(zevd::TraceFrame &trc, long *status, const char *waiting, int32_t timeout);
+    // The walk over the response just read; never leaves it.
+    zevd::FieldReader responseReader() const;
+    void freeReadBuffer(zevd::TraceFrame &trc);
+    // Reads the status field of a data-provider response: copies it into the
+    // status word and writes statusLine, or reports it missing and sets the
+    // status to lacking.
+    bool readStatus(zevd::TraceFrame &trc, zevd::FieldReader &reader, long *status,
+                    const char *statusLine, long lacking);
+
+    int32_t _ipcType = 0;
+    DCHipc *_ipcClient = nullptr;
+    char *_readBuffer = nullptr;
+    char _message[zevd::kRequestSize] = {};
+    char _applName[21] = {};
+    char _attrGroup[33] = {};
+    int32_t _interruptFD = IPC_NO_SOCKET;
+    int32_t _DCHtimeout = 30;
+    int32_t _ipcReadTimeout = 30;
+    int32_t _error = 0;
+    uint16_t _interruptPort = 0;
+};
+
+#endif  // ZEVD_CLIENT_ZEVDCHCL_H
