@@ -267,6 +267,16 @@ bool DCHclient::readStatus(zevd::TraceFrame &trc, zevd::FieldReader &reader, lon
     return true;
 }
 
+void DCHclient::awaitReturnStatus(zevd::TraceFrame &trc, long *status, const char *waiting,
+                                  int32_t timeout) {
+    if (readResponse(trc, status, waiting, timeout)) {
+        ZEVD_TRACE(trc, TRACE_DETAIL, "Getting Status info.\n");
+        zevd::FieldReader reader = responseReader();
+        readStatus(trc, reader, status, " returnStatus=%d\n", ZEVD_STATUS_REJECTED);
+    }
+    freeReadBuffer(trc);
+}
+
 // ---------------------------------------------------------------------------
 // Data-provider lifecycle
 // ---------------------------------------------------------------------------
@@ -359,12 +369,7 @@ int DCHclient::dp_offline(long *status, long handle) {
     request.add16(DCH_requestType, ZEVD_REQ_DP_OFFLINE);
     request.add32(DCH_handle, static_cast<int32_t>(handle));  // cut to its low 32 bits
     writeRequest(trc, _message, request.length(), status, texts);
-    if (_error == 0 && readResponse(trc, status, texts.waiting, _DCHtimeout)) {
-        ZEVD_TRACE(trc, TRACE_DETAIL, "Getting Status info.\n");
-        zevd::FieldReader reader = responseReader();
-        readStatus(trc, reader, status, " returnStatus=%d\n", ZEVD_STATUS_REJECTED);
-    }
-    freeReadBuffer(trc);
+    if (_error == 0) awaitReturnStatus(trc, status, texts.waiting, _DCHtimeout);
     return trc.exit(_error);
 }
 
@@ -384,12 +389,7 @@ int DCHclient::dp_unregister(long *status, const char *applName) {
         writeRequest(trc, _message, request.length(), status, texts);
     else
         refuseRequest(trc, request.failedType(), status, texts);
-    if (_error == 0 && readResponse(trc, status, texts.waiting, _DCHtimeout)) {
-        ZEVD_TRACE(trc, TRACE_DETAIL, "Getting Status info.\n");
-        zevd::FieldReader reader = responseReader();
-        readStatus(trc, reader, status, " returnStatus=%d\n", ZEVD_STATUS_REJECTED);
-    }
-    freeReadBuffer(trc);
+    if (_error == 0) awaitReturnStatus(trc, status, texts.waiting, _DCHtimeout);
     return trc.exit(_error);
 }
 
@@ -537,15 +537,9 @@ int DCHclient::dp_data(long *status, long handle, short dataFlag, char **workBuf
         _error = 1;
         *status = ZEVD_STATUS_NO_WORKBUF;
     }
-    if (_error == 0) {
-        if (readResponse(trc, status, "[@%p] Waiting for dp_data response, timeout: %d seconds\n",
-                         _ipcReadTimeout)) {
-            ZEVD_TRACE(trc, TRACE_DETAIL, "Getting Status info.\n");
-            zevd::FieldReader reader = responseReader();
-            readStatus(trc, reader, status, " returnStatus=%d\n", ZEVD_STATUS_REJECTED);
-        }
-        freeReadBuffer(trc);
-    }
+    if (_error == 0)
+        awaitReturnStatus(trc, status, "[@%p] Waiting for dp_data response, timeout: %d seconds\n",
+                          _ipcReadTimeout);
     return trc.exit(_error);
 }
 

@@ -82,6 +82,10 @@ protected:
     // status to lacking.
     bool readStatus(zevd::TraceFrame &trc, zevd::FieldReader &reader, long *status,
                     const char *statusLine, long lacking);
+    // The read of dp_offline, dp_unregister and dp_data: a response that
+    // carries only a status (" returnStatus=%d\n"; lacking it gives 1).
+    void awaitReturnStatus(zevd::TraceFrame &trc, long *status, const char *waiting,
+                           int32_t timeout);
 
     int32_t _ipcType = 0;
     DCHipc *_ipcClient = nullptr;
