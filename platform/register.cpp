@@ -282,7 +282,7 @@ bool buildRequest(const std::vector<Statement> &statements, char *buffer, Failur
             case Kind::appl: ok = writer.add(kFieldApplName, st.name.c_str()); break;
             case Kind::group: ok = writer.add(kFieldAttrGroup, st.name.c_str()); break;
             case Kind::attr: {
-                int16_t letter = st.letter;
+                int16_t letter = static_cast<unsigned char>(st.letter);
                 int32_t size = st.size;
                 ok = writer.add(kFieldAttrName, st.name.c_str()) &&
                      writer.add(ZEV0_FIELD_REG_ATTR_TYPE, &letter) &&

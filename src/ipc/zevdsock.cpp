@@ -120,7 +120,9 @@ ipcSock::ipcSock(int16_t service, int32_t connectTo, int32_t useFromSockPool)
                            static_cast<void *>(list));
                 for (int32_t i = 0; i < count; ++i) {
                     list[i].inUse = 0;
-                    setClientAddr(nullptr, 0);
+                    // ipcSock's own setClientAddr is the one meant here.
+                    setClientAddr(nullptr,
+                                  0);  // NOLINT(clang-analyzer-optin.cplusplus.VirtualCall)
                     int error = 0;
                     list[i].sockUDP = ZEV0_OpenLocalSocket(2, 0, &_sockAddress, 0, &error, 0);
                     // A socket that failed to open stays in the pool.
