@@ -34,16 +34,16 @@ void appendHexArea(std::string &out, const void *area, int count) {
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
 template <typename T>
-void appendOne(std::string &out, const std::string &spec, T value) {
+void appendOne(std::string &out, const std::string &directive, T value) {
     char small[128];
-    int n = snprintf(small, sizeof small, spec.c_str(), value);
+    int n = snprintf(small, sizeof small, directive.c_str(), value);
     if (n < 0) return;
     if (static_cast<size_t>(n) < sizeof small) {
         out.append(small, static_cast<size_t>(n));
         return;
     }
     std::string big(static_cast<size_t>(n) + 1, '\0');
-    snprintf(big.data(), big.size(), spec.c_str(), value);
+    snprintf(big.data(), big.size(), directive.c_str(), value);
     out.append(big.data(), static_cast<size_t>(n));
 }
 #pragma GCC diagnostic pop
@@ -72,27 +72,27 @@ void formatText(std::string &out, const char *fmt, va_list ap) {
             ++p;
             continue;
         }
-        std::string spec = "%";
-        while (*p != '\0' && strchr("-+ #0'", *p) != nullptr) spec += *p++;
+        std::string directive = "%";
+        while (*p != '\0' && strchr("-+ #0'", *p) != nullptr) directive += *p++;
         bool widthStar = false;
         if (*p == '*') {
             widthStar = true;
-            spec += std::to_string(va_arg(args, int));
+            directive += std::to_string(va_arg(args, int));
             ++p;
         } else {
-            while (*p >= '0' && *p <= '9') spec += *p++;
+            while (*p >= '0' && *p <= '9') directive += *p++;
         }
         bool precisionStar = false;
         int precision = -1;
         if (*p == '.') {
-            spec += *p++;
+            directive += *p++;
             if (*p == '*') {
                 precisionStar = true;
                 precision = va_arg(args, int);
-                spec += std::to_string(precision < 0 ? 0 : precision);
+                directive += std::to_string(precision < 0 ? 0 : precision);
                 ++p;
             } else {
-                while (*p >= '0' && *p <= '9') spec += *p++;
+                while (*p >= '0' && *p <= '9') directive += *p++;
             }
         }
         Length length = Length::none;
@@ -124,20 +124,26 @@ void formatText(std::string &out, const char *fmt, va_list ap) {
             case 'd':
             case 'i': {
                 switch (length) {
-                    case Length::l: appendOne(out, spec + "l" + conv, va_arg(args, long)); break;
+                    case Length::l:
+                        appendOne(out, directive + "l" + conv, va_arg(args, long));
+                        break;
                     case Length::ll:
-                        appendOne(out, spec + "ll" + conv, va_arg(args, long long));
+                        appendOne(out, directive + "ll" + conv, va_arg(args, long long));
                         break;
                     case Length::z:
                     case Length::t:
-                        appendOne(out, spec + "t" + conv, va_arg(args, ptrdiff_t));
+                        appendOne(out, directive + "t" + conv, va_arg(args, ptrdiff_t));
                         break;
                     case Length::j:
-                        appendOne(out, spec + "j" + conv, va_arg(args, intmax_t));
+                        appendOne(out, directive + "j" + conv, va_arg(args, intmax_t));
                         break;
-                    case Length::hh: appendOne(out, spec + "hh" + conv, va_arg(args, int)); break;
-                    case Length::h: appendOne(out, spec + "h" + conv, va_arg(args, int)); break;
-                    default: appendOne(out, spec + conv, va_arg(args, int)); break;
+                    case Length::hh:
+                        appendOne(out, directive + "hh" + conv, va_arg(args, int));
+                        break;
+                    case Length::h:
+                        appendOne(out, directive + "h" + conv, va_arg(args, int));
+                        break;
+                    default: appendOne(out, directive + conv, va_arg(args, int)); break;
                 }
                 break;
             }
@@ -152,33 +158,35 @@ void formatText(std::string &out, const char *fmt, va_list ap) {
             case 'X': {
                 switch (length) {
                     case Length::l:
-                        appendOne(out, spec + "l" + conv, va_arg(args, unsigned long));
+                        appendOne(out, directive + "l" + conv, va_arg(args, unsigned long));
                         break;
                     case Length::ll:
-                        appendOne(out, spec + "ll" + conv, va_arg(args, unsigned long long));
+                        appendOne(out, directive + "ll" + conv, va_arg(args, unsigned long long));
                         break;
                     case Length::z:
-                    case Length::t: appendOne(out, spec + "z" + conv, va_arg(args, size_t)); break;
+                    case Length::t:
+                        appendOne(out, directive + "z" + conv, va_arg(args, size_t));
+                        break;
                     case Length::j:
-                        appendOne(out, spec + "j" + conv, va_arg(args, uintmax_t));
+                        appendOne(out, directive + "j" + conv, va_arg(args, uintmax_t));
                         break;
                     case Length::hh:
-                        appendOne(out, spec + "hh" + conv, va_arg(args, unsigned int));
+                        appendOne(out, directive + "hh" + conv, va_arg(args, unsigned int));
                         break;
                     case Length::h:
-                        appendOne(out, spec + "h" + conv, va_arg(args, unsigned int));
+                        appendOne(out, directive + "h" + conv, va_arg(args, unsigned int));
                         break;
-                    default: appendOne(out, spec + conv, va_arg(args, unsigned int)); break;
+                    default: appendOne(out, directive + conv, va_arg(args, unsigned int)); break;
                 }
                 break;
             }
-            case 'c': appendOne(out, spec + conv, va_arg(args, int)); break;
+            case 'c': appendOne(out, directive + conv, va_arg(args, int)); break;
             case 's': {
                 const char *text = va_arg(args, const char *);
-                appendOne(out, spec + conv, text != nullptr ? text : "(null)");
+                appendOne(out, directive + conv, text != nullptr ? text : "(null)");
                 break;
             }
-            case 'p': appendOne(out, spec + conv, va_arg(args, void *)); break;
+            case 'p': appendOne(out, directive + conv, va_arg(args, void *)); break;
             case 'f':
             case 'F':
             case 'e':
@@ -188,9 +196,9 @@ void formatText(std::string &out, const char *fmt, va_list ap) {
             case 'a':
             case 'A':
                 if (length == Length::L)
-                    appendOne(out, spec + "L" + conv, va_arg(args, long double));
+                    appendOne(out, directive + "L" + conv, va_arg(args, long double));
                 else
-                    appendOne(out, spec + conv, va_arg(args, double));
+                    appendOne(out, directive + conv, va_arg(args, double));
                 break;
             case 'n': (void)va_arg(args, void *); break;  // never writes through the argument
             default: out.append(start, static_cast<size_t>(p - start)); break;
