@@ -201,6 +201,45 @@ TEST(MessageBuilderTest, ResumeAppendsAtTheLengthWord) {
     EXPECT_EQ(reader.int32(), 9);
 }
 
+TEST(MessageBuilderTest, ResumeAtAppendsAtTheGivenLength) {
+    char buffer[zevd::kRequestSize] = {};
+    zevd::MessageBuilder first(buffer);
+    first.clear();
+    first.add16(DCH_requestType, ZEVD_REQ_DP_DATA);
+    first.add32(DCH_handle, 9);
+    ASSERT_EQ(first.length(), 22u);
+    // Back over the handle: the next field replaces it.
+    zevd::MessageBuilder again(buffer);
+    EXPECT_TRUE(again.resumeAt(12));
+    EXPECT_EQ(again.offset(), 12u);
+    EXPECT_TRUE(again.add16(DCH_dataFlag, 3));
+    EXPECT_EQ(again.length(), 20u);
+    EXPECT_EQ(again.offset(), 20u);
+    FieldReader reader(buffer, sizeof buffer);
+    EXPECT_EQ(reader.next(), DCH_requestType);
+    EXPECT_EQ(reader.next(), DCH_dataFlag);
+    EXPECT_EQ(reader.int16(), 3);
+}
+
+TEST(MessageBuilderTest, ResumeAtOutsideTheBufferTakesNoField) {
+    char buffer[zevd::kRequestSize] = {};
+    zevd::MessageBuilder first(buffer);
+    first.clear();
+    first.add16(DCH_requestType, ZEVD_REQ_DP_DATA);
+    std::vector<char> before(buffer, buffer + sizeof buffer);
+    for (size_t at : {size_t{0}, size_t{3}, size_t{zevd::kRequestSize} + 1}) {
+        zevd::MessageBuilder again(buffer);
+        EXPECT_FALSE(again.resumeAt(at)) << at;
+        EXPECT_FALSE(again.ok());
+        EXPECT_FALSE(again.add16(DCH_dataFlag, 3)) << at;
+        EXPECT_EQ(std::vector<char>(buffer, buffer + sizeof buffer), before) << at;
+    }
+    // The very end is a place, where nothing more fits.
+    zevd::MessageBuilder atEnd(buffer);
+    EXPECT_TRUE(atEnd.resumeAt(zevd::kRequestSize));
+    EXPECT_FALSE(atEnd.add16(DCH_dataFlag, 3));
+}
+
 TEST(MessageBuilderTest, LargerBuffersForTheDaemon) {
     std::vector<char> big(65536);
     zevd::MessageBuilder b(big.data(), big.size());

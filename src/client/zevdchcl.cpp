@@ -471,22 +471,27 @@ int DCHclient::dp_formatData(long *status, char **workBuffer, long *size, const 
     }
     if (_error < 1) {
         zevd::MessageBuilder row(*workBuffer);
+        bool placed = true;
         if (*size != 0) {
-            row.resume();  // at the end of the row so far (the size mirrors the length word)
+            // At the caller's size: a caller that sets it back takes back the
+            // pairs after it. A size outside the buffer takes no pair.
+            placed = *size > 0 && row.resumeAt(static_cast<size_t>(*size));
         } else {
             ZEVD_TRACE(trc, TRACE_DETAIL, "Placing placeholders in buffer.\n");
             row.add16(DCH_requestType, ZEVD_REQ_DP_DATA);
             row.add32(DCH_handle, 0);
             row.add16(DCH_dataFlag, 17);  // placeholder: dp_data always patches it
         }
-        uint32_t before = row.length();
-        if (!row.addString(DCH_attrName, attrName) ||
+        size_t at = row.offset();
+        if (!placed || !row.addString(DCH_attrName, attrName) ||
             !row.addValue(DCH_attrValue, encoded, encodedSize, &attrType)) {
-            // Neither field of the pair stays.
-            uint32_t after = row.length();
-            memset(*workBuffer + before, 0, after - before);
-            uint32_t word = htonl(before);
-            memcpy(*workBuffer, &word, sizeof word);
+            if (placed) {
+                // Neither field of the pair stays: the row ends where the pair
+                // would have begun, and what the name wrote is cleared again.
+                memset(*workBuffer + at, 0, row.offset() - at);
+                uint32_t word = htonl(static_cast<uint32_t>(at));
+                memcpy(*workBuffer, &word, sizeof word);
+            }
             ZEVD_TRACE(trc, TRACE_ERROR,
                        "Error: attribute <%s> does not fit in the %d-byte row buffer\n", attrName,
                        zevd::kRequestSize);

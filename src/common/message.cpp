@@ -55,6 +55,17 @@ void MessageBuilder::resume() {
     failedType_ = 0;
 }
 
+bool MessageBuilder::resumeAt(size_t length) {
+    failedType_ = 0;
+    if (length < static_cast<size_t>(kFirstField) || length > capacity_) {
+        cursor_ = buffer_ + kFirstField;
+        failedType_ = -1;  // no field type: nothing may be appended
+        return false;
+    }
+    cursor_ = buffer_ + length;
+    return true;
+}
+
 bool MessageBuilder::append(int type, const void *value, int valueLen, const char *attrType) {
     if (failedType_ != 0) return false;
     int n = ZEV0_FormatDataFieldN(buffer_, capacity_, cursor_, type, value, valueLen, attrType);

@@ -33,6 +33,10 @@ public:
     void clear();
     // Goes on appending to a message already in the buffer.
     void resume();
+    // Goes on appending at byte length of the buffer, whatever its length
+    // word says. False, and every field refused, when length lies before the
+    // first field or past the capacity.
+    bool resumeAt(size_t length);
 
     bool add16(int type, int16_t value);
     bool add32(int type, int32_t value);
@@ -41,9 +45,12 @@ public:
     bool addValue(int type, const void *value, int valueLen, const char *attrType);
 
     bool ok() const { return failedType_ == 0; }
-    // Type of the first field that did not fit, 0 when all did.
+    // Type of the first field that did not fit, 0 when all did (-1 after
+    // resumeAt refused its place).
     int failedType() const { return failedType_; }
     uint32_t length() const { return messageLength(buffer_); }
+    // Where the next field goes, in bytes from the buffer start.
+    size_t offset() const { return static_cast<size_t>(cursor_ - buffer_); }
     char *buffer() const { return buffer_; }
 
 private:
