@@ -198,14 +198,6 @@ TEST(SockClientTest, DefaultConstructorIsReportedAndFails) {
         << capture.joined();
 }
 
-TEST(SockClientTest, ServerLoopIsNotInThisBuild) {
-    ipcSockProbe sock(1, 1, 0);
-    TraceCapture capture("zevdsock=error");
-    EXPECT_EQ(sock.IPCServer(), 1);
-    EXPECT_TRUE(capture.hasText("Error: IPCServer is not available in this build.\n"))
-        << capture.joined();
-}
-
 TEST(SockClientTest, SetClientAddrCopiesSixteenBytesOrClears) {
     ipcSockProbe sock(1, 1, 0);
     struct sockaddr_in peer;

@@ -7,6 +7,7 @@
 #include <netinet/in.h>
 #include <pthread.h>
 #include <sys/select.h>
+#include <sys/types.h>
 
 #include <atomic>
 #include <cstdint>
@@ -74,8 +75,18 @@ public:
     // Copies 16 bytes of addr into the peer address, or clears it for NULL.
     // addrLen is not used. Returns 0.
     int32_t setClientAddr(const void *addr, int32_t addrLen) override;
-    // The server's receive loop. Not part of this build yet: reports so and
-    // returns 1.
+    // The server's receive loop, the body of the receive thread: owns the
+    // DCH port (allocateDCHport), queues "IPC-SERVER_READY" once it listens,
+    // then queues every UDP datagram (cut at 4096 bytes), every TCP message
+    // (joined by its length word) and the control texts "DP-DISCONNECT" and
+    // "RESEND_MESSAGE", serving one kind of event per pass over up to 64 TCP
+    // clients. Blocks while the queue is full and while a TCP message is
+    // incomplete. Returns only when select fails (2); ends the process when
+    // the port cannot be owned or a receive buffer cannot be allocated.
+    // Once the ready entry is queued the loop writes nothing that
+    // setClientAddr or ipcWrite read, and reads nothing they write, so the
+    // queue's consumer may answer on this object while the loop runs; a
+    // connection is closed only under the lock that ipcWrite's sends take.
     int32_t IPCServer() override;
     // Client set-up: gives the object its sockets and, for connectTo 0, the
     // DCH's address. addr is not used. Returns 0 on success, 1 on failure.
@@ -93,8 +104,12 @@ public:
     // above 32767 come back negative.
     int32_t DCHtimeout() override;
 
-    // Binds the DCH port for the server loop; exits the process when the
-    // port cannot be owned.
+    // Opens _sockUDP and _sockTCP on the DCH port for the server loop: the
+    // configured port after a 2-second pause, or, for a named instance on
+    // the default port or with product item 0 set, the first free candidate
+    // of a search, which it publishes in ZEVA_DCH_PORT and product items 21
+    // (and 22). Returns 1; exits the process (status 1) when it cannot own a
+    // port.
     int32_t allocateDCHport();
 
     int32_t sockUDP() const { return _sockUDP; }
@@ -118,6 +133,20 @@ protected:
     // per process under the env-vars-init lock.
     void getEnvVariables();
 
+    // The server loop's buffers and per-message state, kept on its own
+    // stack.
+    struct ipcServerState;
+    // One pass's event of the server loop: a UDP datagram, a connection on
+    // the listener, or one TCP message from the client in slot.
+    void sockServeUDP(ipcServerState &state);
+    void sockServeListener(ipcServerState &state);
+    void sockServeClient(ipcServerState &state, int32_t fd, int32_t slot);
+    // One send of length bytes on a client connection, under _sockClientLock.
+    ssize_t sockSendClient(int fd, const char *buffer, int32_t length);
+
+    // The server loop's severity (0, 1, 2) once the receive thread runs: the
+    // constructor's last writes and the loop's meet here, so both go through
+    // atomic accesses.
     int32_t _sockError = 0;
     uint16_t _portTCP = 0;
     uint16_t _portUDP = 0;
@@ -128,6 +157,10 @@ protected:
     struct sockaddr_in _sockAddress = {};
     int32_t _sockAddressLen = sizeof(struct sockaddr_in);
     int32_t _useFromSockPool = 0;
+    // Held around every send on a client connection (ipcWrite) and around
+    // the server loop's closing of one, so that a worker's answer is never
+    // sent on a descriptor while the loop closes it.
+    pthread_mutex_t _sockClientLock = PTHREAD_MUTEX_INITIALIZER;
 
     // Process-wide state, one copy shared by every object and never freed.
     // The flags are set only under the env-vars-init lock; the values are
