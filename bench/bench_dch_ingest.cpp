@@ -1,0 +1,237 @@
+// One-way ingest of 100-byte UDP datagrams: a sender process sends a batch
+// as fast as it can to the DCH port, the server loop queues each datagram
+// and a consumer thread takes it out; beside it, the floor: one thread in a
+// plain select + recvfrom loop on a socket of its own, fed the same way.
+//
+// The time reported is the time per message received (from the start of the
+// batch to the last message taken, divided by the messages taken), so the
+// report's ratio is the cost of a message through the DCH side against the
+// plain receive. Counters: msgs_per_s (messages taken per second),
+// dropped_share (the part of the batch the receiver never saw: the sender
+// outruns both receivers on purpose) and, for the DCH, of_floor (its rate
+// over the floor's rate in the same run).
+#include <arpa/inet.h>
+#include <benchmark/benchmark.h>
+#include <netinet/in.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <thread>
+
+#include "ipc/zevdsock.h"
+
+namespace {
+
+constexpr int kBatch = 50000;
+constexpr int kLength = 100;
+constexpr int kBatchesPerRun = 5;
+
+int64_t nowNs() {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(
+               std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+// What a receiver has taken so far, and when it took the last one.
+struct Tally {
+    std::atomic<uint64_t> received{0};
+    std::atomic<int64_t> lastNs{0};
+    void count() {
+        received.fetch_add(1, std::memory_order_relaxed);
+        lastNs.store(nowNs(), std::memory_order_relaxed);
+    }
+};
+
+struct sockaddr_in loopback(uint16_t port) {
+    struct sockaddr_in address;
+    memset(&address, 0, sizeof address);
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return address;
+}
+
+// A free port on 127.0.0.1 for both protocols, as the DCH needs.
+uint16_t freePort() {
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        int udp = socket(AF_INET, SOCK_DGRAM, 0);
+        struct sockaddr_in any = loopback(0);
+        bind(udp, reinterpret_cast<struct sockaddr *>(&any), sizeof any);
+        struct sockaddr_in bound;
+        socklen_t length = sizeof bound;
+        getsockname(udp, reinterpret_cast<struct sockaddr *>(&bound), &length);
+        int tcp = socket(AF_INET, SOCK_STREAM, 0);
+        bool free = bind(tcp, reinterpret_cast<struct sockaddr *>(&bound), sizeof bound) == 0;
+        close(udp);
+        close(tcp);
+        if (free) return ntohs(bound.sin_port);
+    }
+    return 0;
+}
+
+// The DCH side: the server loop and a consumer thread, started once and
+// kept for the process (the receive thread is never joined).
+struct Dch {
+    uint16_t port = 0;
+    Tally tally;
+    std::atomic<bool> ready{false};
+
+    Dch() {
+        port = freePort();
+        setenv("ZEVA_DCH_ADDR", "127.0.0.1", 1);
+        setenv("ZEVA_DCH_BIND", "127.0.0.1", 1);
+        setenv("ZEVA_DCH_PORT", std::to_string(port).c_str(), 1);
+        auto *server = new ipcSock(IPC_SERVICE_SERVER, 0, 0);
+        std::thread([this, server] {
+            char *buffer = nullptr;
+            int32_t capacity = 0;
+            char address[IPC_CLIENT_ADDR_SIZE];
+            char name[IPC_CLIENT_NAME_SIZE];
+            int32_t addressLength = 0;
+            uint32_t fd = 0;
+            server->ipc_get_data(&buffer, &capacity, address, &addressLength, name, &fd);
+            ready.store(true);  // "IPC-SERVER_READY"
+            for (;;) {
+                server->ipc_get_data(&buffer, &capacity, address, &addressLength, name, &fd);
+                tally.count();
+            }
+        }).detach();
+        for (int i = 0; i < 1000 && !ready.load(); ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+};
+
+// The floor: one thread, select and recvfrom on a plain UDP socket.
+struct Floor {
+    uint16_t port = 0;
+    Tally tally;
+
+    Floor() {
+        int fd = socket(AF_INET, SOCK_DGRAM, 0);
+        struct sockaddr_in any = loopback(0);
+        bind(fd, reinterpret_cast<struct sockaddr *>(&any), sizeof any);
+        struct sockaddr_in bound;
+        socklen_t length = sizeof bound;
+        getsockname(fd, reinterpret_cast<struct sockaddr *>(&bound), &length);
+        port = ntohs(bound.sin_port);
+        std::thread([this, fd] {
+            char buffer[4096];
+            for (;;) {
+                fd_set mask;
+                FD_ZERO(&mask);
+                FD_SET(fd, &mask);
+                if (select(fd + 1, &mask, nullptr, nullptr, nullptr) <= 0) continue;
+                struct sockaddr_in from;
+                socklen_t fromLength = sizeof from;
+                if (recvfrom(fd, buffer, sizeof buffer, 0,
+                             reinterpret_cast<struct sockaddr *>(&from), &fromLength) > 0)
+                    tally.count();
+            }
+        }).detach();
+    }
+};
+
+// Sends one batch from a child process, as fast as it can.
+void sendBatch(uint16_t port) {
+    pid_t child = fork();
+    if (child == 0) {
+        int fd = socket(AF_INET, SOCK_DGRAM, 0);
+        struct sockaddr_in to = loopback(port);
+        connect(fd, reinterpret_cast<struct sockaddr *>(&to), sizeof to);
+        char datagram[kLength];
+        memset(datagram, 'd', sizeof datagram);
+        uint32_t word = htonl(kLength);
+        memcpy(datagram, &word, sizeof word);
+        for (int i = 0; i < kBatch; ++i) send(fd, datagram, sizeof datagram, 0);
+        _exit(0);
+    }
+    int status = 0;
+    if (child > 0) waitpid(child, &status, 0);
+}
+
+struct Batch {
+    uint64_t received;
+    double seconds;  // start of the batch to the last message taken
+};
+
+Batch runBatch(uint16_t port, Tally &tally) {
+    uint64_t before = tally.received.load();
+    int64_t start = nowNs();
+    sendBatch(port);
+    // The receiver drains what was queued; the batch is over when nothing
+    // more has come for 50 ms (or all of it came), at most 10 s.
+    uint64_t seen = tally.received.load();
+    for (int quiet = 0, round = 0; quiet < 10 && round < 2000; ++round) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        uint64_t now = tally.received.load();
+        quiet = now == seen ? quiet + 1 : 0;
+        seen = now;
+        if (seen - before >= static_cast<uint64_t>(kBatch)) break;
+    }
+    uint64_t received = tally.received.load() - before;
+    double seconds = static_cast<double>(tally.lastNs.load() - start) / 1e9;
+    return {received, seconds > 0 ? seconds : 0};
+}
+
+double floorRate = 0;  // of the last floor run, for the DCH's of_floor
+
+void report(benchmark::State &state, uint64_t received, double seconds, uint64_t sent) {
+    double rate = seconds > 0 ? static_cast<double>(received) / seconds : 0;
+    state.counters["msgs_per_s"] = rate;
+    state.counters["dropped_share"] =
+        sent > 0 ? 1.0 - static_cast<double>(received) / static_cast<double>(sent) : 0;
+}
+
+void ingest(benchmark::State &state, uint16_t port, Tally &tally, double *rateOut) {
+    uint64_t received = 0;
+    double seconds = 0;
+    uint64_t sent = 0;
+    for (auto _ : state) {
+        Batch batch = runBatch(port, tally);
+        if (batch.received == 0) {
+            state.SkipWithError("nothing received");
+            break;
+        }
+        state.SetIterationTime(batch.seconds / static_cast<double>(batch.received));
+        received += batch.received;
+        seconds += batch.seconds;
+        sent += kBatch;
+    }
+    report(state, received, seconds, sent);
+    if (rateOut != nullptr && seconds > 0) *rateOut = static_cast<double>(received) / seconds;
+}
+
+void BM_UdpIngestFloor(benchmark::State &state) {
+    static Floor *floor = new Floor();
+    ingest(state, floor->port, floor->tally, &floorRate);
+}
+BENCHMARK(BM_UdpIngestFloor)
+    ->UseManualTime()
+    ->Iterations(kBatchesPerRun)
+    ->Unit(benchmark::kNanosecond);
+
+void BM_DchIngest(benchmark::State &state) {
+    static Dch *dch = new Dch();
+    if (!dch->ready.load()) {
+        state.SkipWithError("the server did not become ready");
+        for (auto _ : state) {
+        }
+        return;
+    }
+    double rate = 0;
+    ingest(state, dch->port, dch->tally, &rate);
+    if (floorRate > 0) state.counters["of_floor"] = rate / floorRate;
+}
+BENCHMARK(BM_DchIngest)->UseManualTime()->Iterations(kBatchesPerRun)->Unit(benchmark::kNanosecond);
+
+}  // namespace
+
+BENCHMARK_MAIN();
