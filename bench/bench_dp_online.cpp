@@ -14,6 +14,7 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -107,6 +108,8 @@ Child startFakeDch() {
     std::string path = fakeDchPath();
     pid_t pid = fork();
     if (pid == 0) {
+        // Ends with this program, however that ends.
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
         dup2(out[1], STDOUT_FILENO);
         int null = open("/dev/null", O_WRONLY);
         if (null >= 0) dup2(null, STDERR_FILENO);
@@ -146,6 +149,7 @@ Child startEcho() {
     getsockname(fd, reinterpret_cast<struct sockaddr *>(&bound), &length);
     pid_t pid = fork();
     if (pid == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);  // ends with this program
         char in[8192];
         const unsigned char answer[kAnswerBytes] = {
             0, 0,   0, 24,                     // length word
