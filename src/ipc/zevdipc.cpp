@@ -267,16 +267,16 @@ void DCHipc::ipc_put_data(int32_t length, const void *data, const void *clientAd
         }
     }
 
+    // Kept: the caller sees the release result alone; the failures above
+    // and a failed signal below are traced, not returned. The signal comes
+    // right after the release, so the woken consumer finds the lock free
+    // instead of waking only to wait for it.
+    ipcSetError(ZEVA_ReleaseLock(&cb->lock, this));
     // Signalled even when the message was not stored.
     int rc = pthread_cond_signal(&cb->slotFilled);
-    if (rc != 0) {
+    if (rc != 0)
         ZEVD_TRACE(trc, TRACE_ERROR, "Error: pthread_cond_signal failed. rc=%d errno=%d\n", rc,
                    errno);
-        ipcSetError(1);
-    }
-    // Kept: the caller sees the release result alone; the failures above
-    // have been traced and are overwritten here.
-    ipcSetError(ZEVA_ReleaseLock(&cb->lock, this));
     trc.exit();
 }
 
@@ -286,6 +286,7 @@ void DCHipc::ipc_get_data(char **buffer, int32_t *bufferLen, void *clientAddr,
     int32_t error = 0;  // this side's own copy, as in ipc_put_data
     ipcSetError(error);
     ipcCircularBuffer *cb = _ipcCircularBuffer;
+    bool freed = false;
     if (cb == nullptr) {
         ZEVD_TRACE(trc, TRACE_ERROR, "Error: ipcCircularBuffer has not been allocated\n");
         ipcSetError(1);
@@ -394,12 +395,7 @@ void DCHipc::ipc_get_data(char **buffer, int32_t *bufferLen, void *clientAddr,
             ZEVD_TRACE(trc, TRACE_DETAIL, "Exit: start_idx=%d and num_full=%d\n",
                        loadIndex(cb->start_idx), loadIndex(cb->num_full));
 
-            int rc = pthread_cond_signal(&cb->slotFreed);
-            if (rc != 0) {
-                ZEVD_TRACE(trc, TRACE_ERROR, "Error: pthread_cond_signal failed. rc=%d errno=%d\n",
-                           rc, errno);
-                ipcSetError(1);
-            }
+            freed = true;
         } else {
             // Kept: a name of 6 characters or fewer is never taken, so the
             // entry stays at the head of the queue.
@@ -414,6 +410,15 @@ void DCHipc::ipc_get_data(char **buffer, int32_t *bufferLen, void *clientAddr,
     if (ZEVA_ReleaseLock(&cb->lock, this) != 0) {
         ZEVD_TRACE(trc, TRACE_ERROR, "Error: unable to release ipcCircularBuffer lock\n");
         ipcSetError(1);
+    }
+    // After the release, so the woken producer finds the lock free.
+    if (freed) {
+        int rc = pthread_cond_signal(&cb->slotFreed);
+        if (rc != 0) {
+            ZEVD_TRACE(trc, TRACE_ERROR, "Error: pthread_cond_signal failed. rc=%d errno=%d\n", rc,
+                       errno);
+            ipcSetError(1);
+        }
     }
     trc.exit();
 }
