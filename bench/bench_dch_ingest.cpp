@@ -27,8 +27,13 @@
 #include <thread>
 
 #include "ipc/zevdsock.h"
+#include "support/free_port.h"
+#include "support/loopback.h"
 
 namespace {
+
+using zevd::test::freeLoopbackPort;
+using zevd::test::loopbackAddress;
 
 constexpr int kBatch = 50000;
 constexpr int kLength = 100;
@@ -50,33 +55,6 @@ struct Tally {
     }
 };
 
-struct sockaddr_in loopback(uint16_t port) {
-    struct sockaddr_in address;
-    memset(&address, 0, sizeof address);
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return address;
-}
-
-// A free port on 127.0.0.1 for both protocols, as the DCH needs.
-uint16_t freePort() {
-    for (int attempt = 0; attempt < 100; ++attempt) {
-        int udp = socket(AF_INET, SOCK_DGRAM, 0);
-        struct sockaddr_in any = loopback(0);
-        bind(udp, reinterpret_cast<struct sockaddr *>(&any), sizeof any);
-        struct sockaddr_in bound;
-        socklen_t length = sizeof bound;
-        getsockname(udp, reinterpret_cast<struct sockaddr *>(&bound), &length);
-        int tcp = socket(AF_INET, SOCK_STREAM, 0);
-        bool free = bind(tcp, reinterpret_cast<struct sockaddr *>(&bound), sizeof bound) == 0;
-        close(udp);
-        close(tcp);
-        if (free) return ntohs(bound.sin_port);
-    }
-    return 0;
-}
-
 // The DCH side: the server loop and a consumer thread, started once and
 // kept for the process (the receive thread is never joined).
 struct Dch {
@@ -85,7 +63,7 @@ struct Dch {
     std::atomic<bool> ready{false};
 
     Dch() {
-        port = freePort();
+        port = freeLoopbackPort();
         setenv("ZEVA_DCH_ADDR", "127.0.0.1", 1);
         setenv("ZEVA_DCH_BIND", "127.0.0.1", 1);
         setenv("ZEVA_DCH_PORT", std::to_string(port).c_str(), 1);
@@ -116,7 +94,7 @@ struct Floor {
 
     Floor() {
         int fd = socket(AF_INET, SOCK_DGRAM, 0);
-        struct sockaddr_in any = loopback(0);
+        struct sockaddr_in any = loopbackAddress(0);
         bind(fd, reinterpret_cast<struct sockaddr *>(&any), sizeof any);
         struct sockaddr_in bound;
         socklen_t length = sizeof bound;
@@ -144,7 +122,7 @@ void sendBatch(uint16_t port) {
     pid_t child = fork();
     if (child == 0) {
         int fd = socket(AF_INET, SOCK_DGRAM, 0);
-        struct sockaddr_in to = loopback(port);
+        struct sockaddr_in to = loopbackAddress(port);
         connect(fd, reinterpret_cast<struct sockaddr *>(&to), sizeof to);
         char datagram[kLength];
         memset(datagram, 'd', sizeof datagram);

@@ -28,9 +28,12 @@
 #include <vector>
 
 #include "client/zevdchcl.h"
+#include "support/loopback.h"
 #include "zevd610.h"
 
 namespace {
+
+using zevd::test::loopbackAddress;
 
 constexpr int kRoundTrips = 20000;
 // dp_online("bench", "group", "7") is 44 bytes; its answer (status, handle) 24.
@@ -49,15 +52,6 @@ std::string fakeDchPath() {
     return (slash == std::string::npos ? std::string(".") : path.substr(0, slash)) +
            "/zevd_fake_dch";
 #endif
-}
-
-struct sockaddr_in loopback(uint16_t port) {
-    struct sockaddr_in address;
-    memset(&address, 0, sizeof address);
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return address;
 }
 
 // Reads from fd until a whole line has come, for at most 10 seconds.
@@ -139,7 +133,7 @@ Child startFakeDch() {
 Child startEcho() {
     Child child;
     int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    struct sockaddr_in any = loopback(0);
+    struct sockaddr_in any = loopbackAddress(0);
     if (fd < 0 || bind(fd, reinterpret_cast<struct sockaddr *>(&any), sizeof any) != 0) {
         if (fd >= 0) close(fd);
         return child;
@@ -225,9 +219,9 @@ const unsigned char kOnlineRequest[kRequestBytes] = {
 // process at port: no library on this side.
 void rawPingPong(benchmark::State &state, uint16_t port) {
     int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    struct sockaddr_in any = loopback(0);
+    struct sockaddr_in any = loopbackAddress(0);
     bind(fd, reinterpret_cast<struct sockaddr *>(&any), sizeof any);
-    struct sockaddr_in to = loopback(port);
+    struct sockaddr_in to = loopbackAddress(port);
     char answer[8192];
     std::vector<double> micros;
     micros.reserve(kRoundTrips);
@@ -300,7 +294,7 @@ void BM_DpOnlineClientWithEchoPeer(benchmark::State &state) {
         state.SkipWithError("a peer process did not start");
         return;
     }
-    struct sockaddr_in to = loopback(echoPeer().port);
+    struct sockaddr_in to = loopbackAddress(echoPeer().port);
     std::vector<double> micros;
     micros.reserve(kRoundTrips);
     for (auto _ : state) {

@@ -11,19 +11,14 @@
 #include <vector>
 
 #include "ipc/zevdsock.h"
+#include "support/loopback.h"
 
 namespace {
 
-constexpr int kMessageLength = 100;
+using zevd::test::boundPort;
+using zevd::test::loopbackAddress;
 
-struct sockaddr_in loopback(uint16_t port) {
-    struct sockaddr_in address;
-    memset(&address, 0, sizeof address);
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return address;
-}
+constexpr int kMessageLength = 100;
 
 std::vector<char> message() {
     std::vector<char> bytes(kMessageLength, 'm');
@@ -35,16 +30,11 @@ std::vector<char> message() {
 void BM_RawUdpRoundTripFloor(benchmark::State &state) {
     int a = socket(AF_INET, SOCK_DGRAM, 0);
     int b = socket(AF_INET, SOCK_DGRAM, 0);
-    struct sockaddr_in any = loopback(0);
+    struct sockaddr_in any = loopbackAddress(0);
     bind(a, reinterpret_cast<struct sockaddr *>(&any), sizeof any);
     bind(b, reinterpret_cast<struct sockaddr *>(&any), sizeof any);
-    struct sockaddr_in bound;
-    socklen_t len = sizeof bound;
-    getsockname(a, reinterpret_cast<struct sockaddr *>(&bound), &len);
-    struct sockaddr_in toA = loopback(ntohs(bound.sin_port));
-    len = sizeof bound;
-    getsockname(b, reinterpret_cast<struct sockaddr *>(&bound), &len);
-    struct sockaddr_in toB = loopback(ntohs(bound.sin_port));
+    struct sockaddr_in toA = loopbackAddress(boundPort(a));
+    struct sockaddr_in toB = loopbackAddress(boundPort(b));
     std::vector<char> out = message();
     char in[8192];
     for (auto _ : state) {
@@ -65,8 +55,8 @@ void BM_SockTransportRoundTrip(benchmark::State &state) {
     // Sockets of their own: no pool and no DCH address to resolve.
     ipcSock a(1, 1, 0);
     ipcSock b(1, 1, 0);
-    struct sockaddr_in toB = loopback(b.sockPortUDP());
-    struct sockaddr_in toA = loopback(a.sockPortUDP());
+    struct sockaddr_in toB = loopbackAddress(b.sockPortUDP());
+    struct sockaddr_in toA = loopbackAddress(a.sockPortUDP());
     a.setClientAddr(&toB, sizeof toB);
     b.setClientAddr(&toA, sizeof toA);
     std::vector<char> out = message();

@@ -13,6 +13,7 @@
 
 #include "support/client_probe.h"
 #include "support/fake_dch.h"
+#include "support/fake_dch_fixture.h"
 #include "support/sock_pair.h"
 #include "support/trace_capture.h"
 #include "zevd610.h"
@@ -20,20 +21,13 @@
 namespace {
 
 using zevd::test::DchMessage;
-using zevd::test::FakeDch;
+using zevd::test::hasLine;
 using zevd::test::hexBytes;
 using zevd::test::hexText;
 using zevd::test::normalized;
 using zevd::test::TraceCapture;
 
 constexpr long kUntouched = -4242;
-
-// True when some line reads text once its addresses are replaced by "P".
-bool hasLine(const TraceCapture &capture, const std::string &text) {
-    for (const std::string &t : capture.texts())
-        if (normalized(t) == text) return true;
-    return false;
-}
 
 // Position of the first line that reads text (as hasLine), or -1.
 int lineIndex(const TraceCapture &capture, const std::string &text) {
@@ -59,27 +53,9 @@ std::vector<char> cutTo(std::vector<char> message, uint32_t keep) {
     return message;
 }
 
-class ClientLifecycleTest : public ::testing::Test {
+class ClientLifecycleTest : public zevd::test::FakeDchClientTest {
 protected:
-    void SetUp() override {
-        ASSERT_STREQ(getenv("ZEVA_DCH_TIMEOUT"), "1")
-            << "run through ctest, which sets ZEVA_DCH_TIMEOUT=1";
-        dch_ = &FakeDch::instance();
-        dch_->reset();
-        zevd::test::drainPooledSockets();
-    }
-
-    FakeDch &dch() { return *dch_; }
-
-    // The one request the DCH received in this case.
-    std::vector<char> onlyRequest() {
-        EXPECT_TRUE(dch().waitReceived(1));
-        std::vector<zevd::test::DchRequest> requests = dch().received();
-        EXPECT_EQ(requests.size(), 1u);
-        return requests.empty() ? std::vector<char>() : requests.front().bytes;
-    }
-
-    FakeDch *dch_ = nullptr;
+    ClientLifecycleTest() : FakeDchClientTest("1") {}
 };
 
 // ---------------------------------------------------------------------------

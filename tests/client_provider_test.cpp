@@ -19,11 +19,14 @@
 
 namespace {
 
+using zevd::test::be16;
+using zevd::test::be32;
 using zevd::test::DchMessage;
 using zevd::test::DchReply;
 using zevd::test::DchRequest;
 using zevd::test::FakeDch;
 using zevd::test::hexText;
+using zevd::test::hostBytes;
 using zevd::test::WireMessage;
 
 constexpr int kRows = 1000;
@@ -34,14 +37,6 @@ constexpr const char *kRegistration =
     "ATTR port S 2;ATTR gauge G 4;ATTR count N 4;ATTR total L 2;ATTR host D 32;"
     "ATTR stamp T 16;ATTR note Z 40;ATTR raw X 3";
 
-std::vector<char> be16(uint16_t v) {
-    return WireMessage::be16(v);
-}
-
-std::vector<char> be32(uint32_t v) {
-    return WireMessage::be32(v);
-}
-
 // One attribute of a row: what the provider hands to dp_formatData, and the
 // value bytes the DCH must find for it.
 struct Attribute {
@@ -50,13 +45,6 @@ struct Attribute {
     std::vector<char> value;  // the provider's bytes
     std::vector<char> wire;   // the DCH_attrValue value on the wire
 };
-
-template <typename T>
-std::vector<char> hostBytes(T v) {
-    std::vector<char> out(sizeof v);
-    memcpy(out.data(), &v, sizeof v);
-    return out;
-}
 
 std::vector<char> textBytes(const std::string &s) {
     return std::vector<char>(s.c_str(), s.c_str() + s.size() + 1);

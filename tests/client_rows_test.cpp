@@ -12,28 +12,25 @@
 
 #include "support/client_probe.h"
 #include "support/fake_dch.h"
+#include "support/fake_dch_fixture.h"
 #include "support/sock_pair.h"
 #include "support/trace_capture.h"
 #include "zevd610.h"
 
 namespace {
 
+using zevd::test::be16;
+using zevd::test::be32;
 using zevd::test::DchMessage;
-using zevd::test::FakeDch;
+using zevd::test::hasLine;
 using zevd::test::hexBytes;
 using zevd::test::hexText;
-using zevd::test::normalized;
+using zevd::test::hostBytes;
 using zevd::test::pointerText;
 using zevd::test::TraceCapture;
 using zevd::test::WireMessage;
 
 constexpr long kUntouched = -4242;
-
-bool hasLine(const TraceCapture &capture, const std::string &text) {
-    for (const std::string &t : capture.texts())
-        if (normalized(t) == text) return true;
-    return false;
-}
 
 // "Error:" lines of the client's own unit.
 size_t clientErrors(const TraceCapture &capture) {
@@ -49,14 +46,6 @@ uint32_t lengthWord(const char *buffer) {
     uint32_t word;
     memcpy(&word, buffer, sizeof word);
     return ntohl(word);
-}
-
-std::vector<char> be16(uint16_t v) {
-    return WireMessage::be16(v);
-}
-
-std::vector<char> be32(uint32_t v) {
-    return WireMessage::be32(v);
 }
 
 // A row built apart from the library: the three header fields, then one
@@ -85,26 +74,9 @@ struct Row {
     }
 };
 
-class ClientRowsTest : public ::testing::Test {
+class ClientRowsTest : public zevd::test::FakeDchClientTest {
 protected:
-    void SetUp() override {
-        ASSERT_STREQ(getenv("ZEVA_DCH_TIMEOUT"), "1")
-            << "run through ctest, which sets ZEVA_DCH_TIMEOUT=1";
-        dch_ = &FakeDch::instance();
-        dch_->reset();
-        zevd::test::drainPooledSockets();
-    }
-
-    FakeDch &dch() { return *dch_; }
-
-    std::vector<char> onlyRequest() {
-        EXPECT_TRUE(dch().waitReceived(1));
-        std::vector<zevd::test::DchRequest> requests = dch().received();
-        EXPECT_EQ(requests.size(), 1u);
-        return requests.empty() ? std::vector<char>() : requests.front().bytes;
-    }
-
-    FakeDch *dch_ = nullptr;
+    ClientRowsTest() : FakeDchClientTest("1") {}
 };
 
 // ---------------------------------------------------------------------------
@@ -251,13 +223,6 @@ struct Letter {
     std::vector<char> encoded;  // the DCH_attrValue field's value
     const char *line;           // the value line, or nullptr for none
 };
-
-template <typename T>
-std::vector<char> hostBytes(T v) {
-    std::vector<char> out(sizeof v);
-    memcpy(out.data(), &v, sizeof v);
-    return out;
-}
 
 std::vector<char> text(const char *s, size_t n) {
     return std::vector<char>(s, s + n);

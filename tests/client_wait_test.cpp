@@ -10,6 +10,7 @@
 
 #include "support/client_probe.h"
 #include "support/fake_dch.h"
+#include "support/fake_dch_fixture.h"
 #include "support/sock_pair.h"
 #include "support/trace_capture.h"
 #include "zevd610.h"
@@ -17,31 +18,14 @@
 namespace {
 
 using zevd::test::DchMessage;
-using zevd::test::FakeDch;
-using zevd::test::normalized;
+using zevd::test::hasLine;
 using zevd::test::TraceCapture;
 
 constexpr long kUntouched = -4242;
 
-bool hasLine(const TraceCapture &capture, const std::string &text) {
-    for (const std::string &t : capture.texts())
-        if (normalized(t) == text) return true;
-    return false;
-}
-
-class ClientWaitTest : public ::testing::Test {
+class ClientWaitTest : public zevd::test::FakeDchClientTest {
 protected:
-    void SetUp() override {
-        ASSERT_STREQ(getenv("ZEVA_DCH_TIMEOUT"), "2")
-            << "run through ctest, which sets ZEVA_DCH_TIMEOUT=2";
-        dch_ = &FakeDch::instance();
-        dch_->reset();
-        zevd::test::drainPooledSockets();
-    }
-
-    FakeDch &dch() { return *dch_; }
-
-    FakeDch *dch_ = nullptr;
+    ClientWaitTest() : FakeDchClientTest("2") {}
 };
 
 TEST_F(ClientWaitTest, NoAnswerWithATimeoutOtherThanOneWritesNoLine) {

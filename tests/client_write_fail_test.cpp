@@ -15,17 +15,11 @@
 
 namespace {
 
-using zevd::test::normalized;
+using zevd::test::hasLine;
 using zevd::test::pointerText;
 using zevd::test::TraceCapture;
 
 constexpr long kUntouched = -4242;
-
-bool hasLine(const TraceCapture &capture, const std::string &text) {
-    for (const std::string &t : capture.texts())
-        if (normalized(t) == text) return true;
-    return false;
-}
 
 // Lines written by the transport's read: none when nothing was awaited.
 size_t readLines(const TraceCapture &capture) {

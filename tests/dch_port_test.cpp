@@ -267,15 +267,6 @@ Ending expectExit(const PortCase &c) {
     return ending;
 }
 
-// Runs body in a forked child (the server's thread is never joined); the
-// child's failures are reported with the test's.
-#define IN_CHILD(...)                                                                       \
-    do {                                                                                    \
-        GTEST_FLAG_SET(death_test_style, "fast");                                           \
-        auto childBody = [&]() { __VA_ARGS__; };                                            \
-        EXPECT_EXIT(::zevd::test::runAndExit(childBody), ::testing::ExitedWithCode(0), ""); \
-    } while (0)
-
 // Starts the server as the case configured it and waits for its ready entry.
 LoopServer &startAndWaitReady(const PortCase &c) {
     c.apply();
@@ -376,7 +367,7 @@ TEST(DchPortTest, FreeFixedPortIsOpenedAfterThePauseAndNotPublished) {
     std::string before = settings.text();
     int port = zevd::test::freeLoopbackPort();
     ASSERT_NE(port, 0);
-    IN_CHILD({
+    ZEVD_IN_FORKED_CHILD({
         TraceCapture capture("error,ipcSock::allocateDCHport=all");
         auto started = std::chrono::steady_clock::now();
         LoopServer &server = startAndWaitReady(PortCase{port, &settings});
@@ -403,7 +394,7 @@ TEST(DchPortTest, NamedInstanceOnAnotherPortKeepsTheFixedPath) {
     int port = zevd::test::freeLoopbackPort();
     ASSERT_NE(port, 0);
     ASSERT_NE(port, kDefaultPort);
-    IN_CHILD({
+    ZEVD_IN_FORKED_CHILD({
         TraceCapture capture("error,ipcSock::allocateDCHport=all");
         PortCase c{port};
         c.instance = "blue";
@@ -439,7 +430,7 @@ TEST(DchPortTest, NamedInstanceOnTheDefaultPortSearchesAndPublishes) {
     int second = first + step;
     held.release(second);
     SettingsFile settings({{22, std::to_string(step)}});
-    IN_CHILD({
+    ZEVD_IN_FORKED_CHILD({
         TraceCapture capture("error,ipcSock::allocateDCHport=all");
         PortCase c{kDefaultPort, &settings};
         c.instance = "green";
@@ -482,7 +473,7 @@ TEST(DchPortTest, ItemsZeroAndOffsetStartAtTheConfiguredPortAndKeepTheOffset) {
     ASSERT_NE(port, 0);
     held.release(port);
     SettingsFile settings({{0, "search"}, {22, "7"}});
-    IN_CHILD({
+    ZEVD_IN_FORKED_CHILD({
         TraceCapture capture("error,ipcSock::allocateDCHport=all");
         LoopServer &server = startAndWaitReady(PortCase{port, &settings});
         expectBoundTo(server, port);
@@ -509,7 +500,7 @@ TEST(DchPortTest, OffsetZeroMeansAStepOfAThousand) {
     ASSERT_NE(port, 0);
     held.release(port + 1000);
     SettingsFile settings({{0, "1"}, {22, "0"}});
-    IN_CHILD({
+    ZEVD_IN_FORKED_CHILD({
         TraceCapture capture("error,ipcSock::allocateDCHport=all");
         LoopServer &server = startAndWaitReady(PortCase{port, &settings});
         expectBoundTo(server, port + 1000);
@@ -534,7 +525,7 @@ TEST(DchPortTest, ItemZeroAloneStartsAtThePortPlusTheBase) {
     held.release(candidate);
     int port = candidate - kSearchBase;
     SettingsFile settings({{0, "yes"}});
-    IN_CHILD({
+    ZEVD_IN_FORKED_CHILD({
         TraceCapture capture("error,ipcSock::allocateDCHport=all");
         LoopServer &server = startAndWaitReady(PortCase{port, &settings});
         expectBoundTo(server, candidate);
@@ -558,7 +549,7 @@ TEST(DchPortTest, CandidateWithOneProtocolTakenIsPassedWithItsErrnos) {
     held.release(port + 3);
     ASSERT_TRUE(held.hold(port, false, true));
     SettingsFile settings({{0, "1"}, {22, "3"}});
-    IN_CHILD({
+    ZEVD_IN_FORKED_CHILD({
         TraceCapture capture("error,ipcSock::allocateDCHport=all");
         LoopServer &server = startAndWaitReady(PortCase{port, &settings});
         expectBoundTo(server, port + 3);
@@ -578,7 +569,7 @@ TEST(DchPortTest, FailedPublishingIsReportedAndIgnored) {
     held.release(candidate);
     int step = candidate - kInstanceBase;
     SettingsFile settings({{22, std::to_string(step)}});
-    IN_CHILD({
+    ZEVD_IN_FORKED_CHILD({
         // The settings writer's temporary file cannot be made when a
         // directory stands at its name.
         std::string blocker = settings.path() + ".tmp." + std::to_string(getpid());

@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "support/dch_server.h"
+#include "support/loopback.h"
 #include "support/trace_capture.h"
 #include "support/wait_for.h"
 #include "zev0.h"
@@ -474,11 +475,7 @@ TEST(DchServerTest, FailedSelectEndsTheLoop) {
     ASSERT_GE(client, 0);
     close(server.sock().sockUDP());
     // A connection wakes the loop; its next select meets the closed socket.
-    struct sockaddr_in to;
-    memset(&to, 0, sizeof to);
-    to.sin_family = AF_INET;
-    to.sin_port = htons(server.port());
-    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    struct sockaddr_in to = zevd::test::loopbackAddress(server.port());
     ASSERT_EQ(connect(client, reinterpret_cast<struct sockaddr *>(&to), sizeof to), 0);
     ASSERT_TRUE(capture.waitFor("Error: IPCServer initialization failure", kLimit))
         << capture.joined();

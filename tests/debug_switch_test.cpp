@@ -53,23 +53,6 @@ void setVerbose(const char *value) {
         setenv("ZEVA_VERBOSE", value, 1);
 }
 
-// Texts of the lines written by the function with this trace name.
-std::vector<std::string> textsOf(const TraceCapture &capture, const std::string &function) {
-    std::vector<std::string> out;
-    for (const auto &line : capture.lines()) {
-        // "date time pid.tid unit function:line text"
-        size_t pos = 0;
-        for (int field = 0; field < 4 && pos != std::string::npos; ++field) {
-            pos = line.find(' ', pos);
-            if (pos != std::string::npos) ++pos;
-        }
-        if (pos == std::string::npos) continue;
-        if (line.compare(pos, function.size() + 1, function + ":") == 0)
-            out.push_back(zevd::test::traceText(line));
-    }
-    return out;
-}
-
 std::string joinTexts(const std::vector<std::string> &texts) {
     std::string all;
     for (const auto &t : texts) all += "[" + t + "]";
@@ -148,7 +131,7 @@ TEST(DebugSwitchDeathTest, InitializeRunsOnceAndItsExitCarriesTheCharacter) {
         int second = VX_Debug();
         CHILD_CHECK(first == 2 && second == 2,
                     "VX_Debug() = " + std::to_string(first) + ", " + std::to_string(second));
-        auto texts = textsOf(capture, "VX_Debug_Initialize");
+        auto texts = capture.textsOf("VX_Debug_Initialize");
         CHILD_CHECK(texts == std::vector<std::string>({"Entry\n", "Exit: 0x44\n"}),
                     "VX_Debug_Initialize wrote " + joinTexts(texts));
     });
@@ -166,8 +149,8 @@ TEST(DebugSwitchDeathTest, UnsetWritesNoVerboseLockLines) {
         // The capture is live: the switch was read inside ZEVA_GetLock and
         // its exit event ('N') was written.
         CHILD_CHECK(capture.hasText("Exit: 0x4e"), "no switch exit in " + capture.joined());
-        auto lockTexts = textsOf(capture, "ZEVA_GetLock");
-        auto releaseTexts = textsOf(capture, "ZEVA_ReleaseLock");
+        auto lockTexts = capture.textsOf("ZEVA_GetLock");
+        auto releaseTexts = capture.textsOf("ZEVA_ReleaseLock");
         CHILD_CHECK(lockTexts.empty(), "ZEVA_GetLock wrote " + joinTexts(lockTexts));
         CHILD_CHECK(releaseTexts.empty(), "ZEVA_ReleaseLock wrote " + joinTexts(releaseTexts));
         CHILD_CHECK(!capture.contains("<<Entry>>") && !capture.contains("<<Exit"),
@@ -200,10 +183,10 @@ TEST(DebugSwitchDeathTest, VerboseLockWritesEntryAndExitLines) {
         CHILD_CHECK(locked == 0 && released == 0,
                     "lock " + std::to_string(locked) + " release " + std::to_string(released));
         // Plain lines, not entry and exit events.
-        auto lockTexts = textsOf(capture, "ZEVA_GetLock");
+        auto lockTexts = capture.textsOf("ZEVA_GetLock");
         CHILD_CHECK(lockTexts == std::vector<std::string>({"<<Entry>>\n", "<<Exit: 0>>\n"}),
                     "ZEVA_GetLock wrote " + joinTexts(lockTexts));
-        auto releaseTexts = textsOf(capture, "ZEVA_ReleaseLock");
+        auto releaseTexts = capture.textsOf("ZEVA_ReleaseLock");
         CHILD_CHECK(releaseTexts == std::vector<std::string>({"<<Entry>>\n", "<<Exit: 0>>\n"}),
                     "ZEVA_ReleaseLock wrote " + joinTexts(releaseTexts));
     });
@@ -215,7 +198,7 @@ TEST(DebugSwitchDeathTest, VerboseLockFailureStatesItsResult) {
         TraceCapture capture("all");
         int locked = ZEVA_GetLock(nullptr, nullptr);
         CHILD_CHECK(locked == -1, "ZEVA_GetLock(NULL) = " + std::to_string(locked));
-        auto texts = textsOf(capture, "ZEVA_GetLock");
+        auto texts = capture.textsOf("ZEVA_GetLock");
         CHILD_CHECK(
             texts.size() == 3 && texts.front() == "<<Entry>>\n" && texts.back() == "<<Exit: -1>>\n",
             "ZEVA_GetLock wrote " + joinTexts(texts));

@@ -14,6 +14,7 @@
 
 #include "support/dch_server.h"
 #include "support/fake_dch.h"
+#include "support/loopback.h"
 
 namespace {
 
@@ -59,10 +60,7 @@ std::vector<char> receive(int fd) {
 class Client {
 public:
     Client() : fd_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
-        struct sockaddr_in local;
-        memset(&local, 0, sizeof local);
-        local.sin_family = AF_INET;
-        local.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        struct sockaddr_in local = zevd::test::loopbackAddress(0);
         bind(fd_, reinterpret_cast<struct sockaddr *>(&local), sizeof local);
     }
     ~Client() { close(fd_); }
@@ -70,11 +68,7 @@ public:
     Client &operator=(const Client &) = delete;
 
     bool send(const std::vector<char> &bytes) const {
-        struct sockaddr_in to;
-        memset(&to, 0, sizeof to);
-        to.sin_family = AF_INET;
-        to.sin_port = htons(FakeDch::instance().port());
-        to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        struct sockaddr_in to = zevd::test::loopbackAddress(FakeDch::instance().port());
         return sendto(fd_, bytes.data(), bytes.size(), 0, reinterpret_cast<struct sockaddr *>(&to),
                       sizeof to) == static_cast<ssize_t>(bytes.size());
     }

@@ -14,16 +14,11 @@
 
 namespace {
 
+using zevd::test::pointerText;
 using zevd::test::TraceCapture;
 
 // The tag only names the caller in messages; any address will do.
 void *const kTag = reinterpret_cast<void *>(static_cast<uintptr_t>(0x5eed0));
-
-std::string pointerText(const void *p) {
-    char text[64];
-    snprintf(text, sizeof text, "%p", p);
-    return text;
-}
 
 class ErrorCheckMutex {
 public:

@@ -46,16 +46,11 @@ void *operator new(std::size_t size, const std::nothrow_t &) noexcept {
 
 namespace {
 
+using zevd::test::pointerText;
 using zevd::test::TraceCapture;
 using namespace std::chrono_literals;
 
 constexpr auto kWaitLimit = 30s;
-
-std::string pointerText(const void *p) {
-    char text[64];
-    snprintf(text, sizeof text, "%p", p);
-    return text;
-}
 
 std::string hexText(const void *p, size_t n) {
     std::string out;

@@ -30,44 +30,16 @@ using zevd::test::loopbackAddress;
 using zevd::test::lyingDatagram;
 using zevd::test::makeMessage;
 using zevd::test::normalized;
+using zevd::test::pointerText;
 using zevd::test::RawSender;
 using zevd::test::SockPair;
 using zevd::test::TraceCapture;
 using zevd::test::waitFor;
 
-const bool environmentSet = [] {
-    setenv("ZEVA_DCH_ADDR", "127.0.0.1", 1);
-    setenv("ZEVA_DCH_TIMEOUT", "3", 1);
-    unsetenv("ZEVA_DCH_UDP_SOCKETS_IN_POOL");
-    unsetenv("ZEVA_SETTINGS_FILE");
-    return true;
-}();
+const bool environmentSet = zevd::test::setPairEnvironment();
 
 // A value *buffer keeps when a read hands nothing over.
 char *const kUntouched = reinterpret_cast<char *>(0x5a5a);
-
-std::string hexPointer(const void *p) {
-    char text[32];
-    snprintf(text, sizeof text, "%p", p);
-    return text;
-}
-
-// The texts of the lines that function wrote.
-std::vector<std::string> textsOf(const TraceCapture &capture, const std::string &function) {
-    std::vector<std::string> out;
-    for (const auto &line : capture.lines()) {
-        // "date time pid.tid unit function:line text"
-        size_t pos = 0;
-        for (int field = 0; field < 4 && pos != std::string::npos; ++field) {
-            pos = line.find(' ', pos);
-            if (pos != std::string::npos) ++pos;
-        }
-        if (pos == std::string::npos) continue;
-        if (line.compare(pos, function.size() + 1, function + ":") == 0)
-            out.push_back(zevd::test::traceText(line));
-    }
-    return out;
-}
 
 std::string addressHex(const struct sockaddr_in &address) {
     std::string hex;
@@ -121,10 +93,10 @@ TEST(SockRwTest, UdpMessageOf20000BytesTakesThreeDatagrams) {
     TraceCapture capture("zevdsock=all");
     udpRoundTrip(pair, 20000, 20000 - 2 * 8192);
     EXPECT_TRUE(
-        capture.hasText("[@" + hexPointer(pair.a.get()) + "] Sent<8192> Remaining<11808>\n"))
+        capture.hasText("[@" + pointerText(pair.a.get()) + "] Sent<8192> Remaining<11808>\n"))
         << capture.joined();
     EXPECT_TRUE(
-        capture.hasText("[@" + hexPointer(pair.a.get()) + "] Sent<16384> Remaining<3616>\n"));
+        capture.hasText("[@" + pointerText(pair.a.get()) + "] Sent<16384> Remaining<3616>\n"));
     EXPECT_TRUE(
         capture.hasText("recvfrom operation had no more data, totalRead: 20000, ipcBufCount: 3\n"));
 }
@@ -139,10 +111,10 @@ TEST(SockRwTest, ExactTextsOfATwoDatagramExchange) {
     ASSERT_NE(received, nullptr);
     EXPECT_EQ(memcmp(received, message.data(), 8193), 0);
 
-    std::string a = hexPointer(pair.a.get());
-    std::string b = hexPointer(pair.b.get());
+    std::string a = pointerText(pair.a.get());
+    std::string b = pointerText(pair.b.get());
     struct sockaddr_in toB = loopbackAddress(pair.b->sockPortUDP());
-    std::vector<std::string> writeTexts = textsOf(capture, "ipcSock::ipcWrite");
+    std::vector<std::string> writeTexts = capture.textsOf("ipcSock::ipcWrite");
     std::vector<std::string> expectedWrite = {
         "Entry\n",
         "[@" + a + "] Using Family=AF_INET, Type=UDP, totalLen=8193\n",
@@ -153,14 +125,14 @@ TEST(SockRwTest, ExactTextsOfATwoDatagramExchange) {
     };
     EXPECT_EQ(writeTexts, expectedWrite) << capture.joined();
     // The dump of the whole message: 16 bytes a line.
-    EXPECT_EQ(textsOf(capture, "ZEV0_PrintDump").size(), (8193u + 15) / 16);
+    EXPECT_EQ(capture.textsOf("ZEV0_PrintDump").size(), (8193u + 15) / 16);
 
     int udp = pair.b->sockUDP();
     std::string select10 = "Waiting on SELECT: UDP[" + std::to_string(udp) + "] Port[" +
                            std::to_string(pair.b->sockPortUDP()) + "] MaxFD[" +
                            std::to_string(udp + 1) + "] WaitTime[";
     std::vector<std::string> readTexts;
-    for (const auto &text : textsOf(capture, "ipcSock::ipcRead"))
+    for (const auto &text : capture.textsOf("ipcSock::ipcRead"))
         readTexts.push_back(normalized(text));
     std::vector<std::string> expectedRead = {
         "Entry\n",
@@ -185,7 +157,7 @@ TEST(SockRwTest, ExactTextsOfATwoDatagramExchange) {
     EXPECT_EQ(readTexts, expectedRead) << capture.joined();
     // The addresses themselves.
     EXPECT_TRUE(capture.hasText("[@" + b + "] Passed parms: buffer @(nil), initial wait=5\n"));
-    EXPECT_TRUE(capture.hasText("*readBuffer set to @" + hexPointer(received) + "\n"));
+    EXPECT_TRUE(capture.hasText("*readBuffer set to @" + pointerText(received) + "\n"));
     delete[] received;
 }
 
@@ -197,7 +169,7 @@ TEST(SockRwTest, OneDatagramIsHandedOverWithoutACopy) {
     char *received = nullptr;
     ASSERT_EQ(pair.b->ipcRead(&received, 5), 100);
     // The receive block itself, 8192 bytes, zero after the message.
-    EXPECT_TRUE(capture.contains("Allocated ipcBuffer @" + hexPointer(received) + " length 8192"))
+    EXPECT_TRUE(capture.contains("Allocated ipcBuffer @" + pointerText(received) + " length 8192"))
         << capture.joined();
     EXPECT_FALSE(capture.contains("completeBuffer")) << capture.joined();
     EXPECT_EQ(received[100], 0);
@@ -221,7 +193,7 @@ TEST(SockRwTest, DatagramsTooShortForALengthWordFail) {
     expectReadFails(pair, "] totalLen=0, bytesRead=1 errno=", capture);
     ASSERT_TRUE(raw.send(std::vector<char>(3, static_cast<char>(0xFF))));
     expectReadFails(pair, "] totalLen=0, bytesRead=3 errno=", capture);
-    EXPECT_EQ(capture.count("Error: [@" + hexPointer(pair.b.get()) + "] totalLen=0"), 2u);
+    EXPECT_EQ(capture.count("Error: [@" + pointerText(pair.b.get()) + "] totalLen=0"), 2u);
     // The transport goes on with the next message.
     udpRoundTrip(pair, 4, 4);
 }
@@ -241,7 +213,7 @@ TEST(SockRwTest, LengthWordSmallerThanWhatCameFails) {
     ASSERT_TRUE(raw.send(lyingDatagram(10, 100)));
     expectReadFails(
         pair,
-        "Error: [@" + hexPointer(pair.b.get()) + "] totalLen=10, bytesRead=100 errno=", capture);
+        "Error: [@" + pointerText(pair.b.get()) + "] totalLen=10, bytesRead=100 errno=", capture);
     ASSERT_TRUE(raw.send(lyingDatagram(2, 4)));
     expectReadFails(pair, "] totalLen=2, bytesRead=4 errno=", capture);
     // Joined datagrams that pass the length word fail the same way.
@@ -258,7 +230,7 @@ TEST(SockRwTest, LengthWordLargerThanWhatFollowsEndsAfter32Datagrams) {
     // that no ten-second wait runs out.
     ASSERT_TRUE(raw.send(lyingDatagram(200000, 100)));
     for (int i = 1; i < 32; ++i) ASSERT_TRUE(raw.send(std::vector<char>(100, 'y')));
-    std::string b = hexPointer(pair.b.get());
+    std::string b = pointerText(pair.b.get());
     expectReadFails(pair, "Error: [@" + b + "] Max 32 number of 16K buffers already read.\n",
                     capture);
     EXPECT_TRUE(capture.contains("Error: [@" + b + "] totalLen=200000, bytesRead=-1 errno="));
@@ -371,12 +343,12 @@ TEST(SockRwTest, TcpMessagesGoInOneSend) {
         EXPECT_EQ(memcmp(got.data(), message.data(), length), 0);
         std::vector<std::string> expected = {
             "Entry\n",
-            "[@" + hexPointer(pair.a.get()) +
+            "[@" + pointerText(pair.a.get()) +
                 "] Using Family=AF_INET, Type=TCP, connectedSockFD set to " +
                 std::to_string(link.accepted) + "\n",
             "Sent " + std::to_string(length) + " bytes out of " + std::to_string(length) + "\n",
         };
-        std::vector<std::string> texts = textsOf(capture, "ipcSock::ipcWrite");
+        std::vector<std::string> texts = capture.textsOf("ipcSock::ipcWrite");
         ASSERT_EQ(texts.size(), 4u) << capture.joined();
         texts.pop_back();  // the exit event
         EXPECT_EQ(texts, expected);
@@ -392,12 +364,12 @@ TEST(SockRwTest, DumpOnlyAtTheDumpLevel) {
         TraceCapture capture("zevdsock=detail");
         ASSERT_EQ(pair.a->ipcWrite(message.data(), 40, 0), 40);
         EXPECT_TRUE(capture.hasText("Sent 40 bytes out of 40\n")) << capture.joined();
-        EXPECT_TRUE(textsOf(capture, "ZEV0_PrintDump").empty()) << capture.joined();
+        EXPECT_TRUE(capture.textsOf("ZEV0_PrintDump").empty()) << capture.joined();
     }
     {
         TraceCapture capture("zevdsock=dump");
         ASSERT_EQ(pair.a->ipcWrite(message.data(), 40, 0), 40);
-        std::vector<std::string> dump = textsOf(capture, "ZEV0_PrintDump");
+        std::vector<std::string> dump = capture.textsOf("ZEV0_PrintDump");
         ASSERT_EQ(dump.size(), 3u) << capture.joined();
         EXPECT_EQ(dump[0].substr(0, 22), "00000000  00 00 00 28 ");
     }
@@ -415,7 +387,7 @@ TEST(SockRwTest, FailedWritesReport) {
     // A peer address of zeroes has no port: sendto refuses it.
     pair.a->setClientAddr(nullptr, 0);
     EXPECT_EQ(pair.a->ipcWrite(message.data(), 100, 0), -1);
-    std::string a = hexPointer(pair.a.get());
+    std::string a = pointerText(pair.a.get());
     EXPECT_TRUE(capture.hasText("Error: [@" + a +
                                 "] SENDTO - Sent 0 bytes out of 100: errno=22: _sockUDP=" +
                                 std::to_string(pair.a->sockUDP()) + "\n"))

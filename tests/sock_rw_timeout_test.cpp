@@ -34,13 +34,7 @@ using zevd::test::SockPair;
 using zevd::test::TraceCapture;
 using zevd::test::waitFor;
 
-const bool environmentSet = [] {
-    setenv("ZEVA_DCH_ADDR", "127.0.0.1", 1);
-    setenv("ZEVA_DCH_TIMEOUT", "3", 1);
-    unsetenv("ZEVA_DCH_UDP_SOCKETS_IN_POOL");
-    unsetenv("ZEVA_SETTINGS_FILE");
-    return true;
-}();
+const bool environmentSet = zevd::test::setPairEnvironment();
 
 char *const kUntouched = reinterpret_cast<char *>(0x5a5a);
 

@@ -9,11 +9,13 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <future>
 #include <string>
 #include <vector>
 
 #include "client/zevdchcl.h"
+#include "support/loopback.h"
 #include "support/sock_pair.h"
 #include "support/sock_probe.h"
 #include "support/trace_capture.h"
@@ -36,11 +38,19 @@ public:
     void setError(int32_t error) { _error = error; }
 };
 
-// "%p" as the trace writes it.
-inline std::string pointerText(const void *p) {
-    char text[32];
-    snprintf(text, sizeof text, "%p", p);
-    return text;
+// True when some line reads text once its addresses are replaced by "P".
+inline bool hasLine(const TraceCapture &capture, const std::string &text) {
+    for (const std::string &t : capture.texts())
+        if (normalized(t) == text) return true;
+    return false;
+}
+
+// The bytes of v as the host holds them.
+template <typename T>
+std::vector<char> hostBytes(T v) {
+    std::vector<char> out(sizeof v);
+    memcpy(out.data(), &v, sizeof v);
+    return out;
 }
 
 // Throws away whatever waits on the pooled UDP sockets, so that no answer
@@ -54,14 +64,6 @@ inline void drainPooledSockets() {
         for (int n = 0; n < 10000; ++n)
             if (recv(list[i].sockUDP, scrap, sizeof scrap, MSG_DONTWAIT) < 0) break;
     }
-}
-
-// The UDP port that the pooled socket fd is bound to (host order).
-inline uint16_t boundPort(int fd) {
-    struct sockaddr_in address;
-    socklen_t length = sizeof address;
-    if (getsockname(fd, reinterpret_cast<struct sockaddr *>(&address), &length) != 0) return 0;
-    return ntohs(address.sin_port);
 }
 
 // Bytes given as hex pairs, blanks ignored: "00 10 00 00".
@@ -117,6 +119,15 @@ private:
     }
     std::string fields_;
 };
+
+// v in network order, as the wire carries it.
+inline std::vector<char> be16(uint16_t v) {
+    return WireMessage::be16(v);
+}
+
+inline std::vector<char> be32(uint32_t v) {
+    return WireMessage::be32(v);
+}
 
 // A printable form of bytes for failure messages.
 inline std::string hexText(const std::vector<char> &bytes) {

@@ -180,10 +180,7 @@ public:
         local.sin_family = AF_INET;
         inet_pton(AF_INET, localAddress, &local.sin_addr);
         bound_ = bind(fd_, reinterpret_cast<struct sockaddr *>(&local), sizeof local) == 0;
-        memset(&to_, 0, sizeof to_);
-        to_.sin_family = AF_INET;
-        to_.sin_port = htons(serverPort);
-        to_.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        to_ = loopbackAddress(serverPort);
     }
     ~UdpPeer() {
         if (fd_ >= 0) close(fd_);
@@ -193,11 +190,7 @@ public:
 
     bool bound() const { return bound_; }
     uint16_t localPort() const { return boundPort(fd_); }
-    bool send(const std::vector<char> &datagram) const {
-        ssize_t n = sendto(fd_, datagram.data(), datagram.size(), 0,
-                           reinterpret_cast<const struct sockaddr *>(&to_), sizeof to_);
-        return n == static_cast<ssize_t>(datagram.size());
-    }
+    bool send(const std::vector<char> &datagram) const { return sendDatagram(fd_, to_, datagram); }
 
 private:
     int fd_;
@@ -209,11 +202,7 @@ private:
 class TcpPeer {
 public:
     explicit TcpPeer(uint16_t serverPort) : fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        struct sockaddr_in to;
-        memset(&to, 0, sizeof to);
-        to.sin_family = AF_INET;
-        to.sin_port = htons(serverPort);
-        to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        struct sockaddr_in to = loopbackAddress(serverPort);
         int on = 1;
         setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
         connected_ = connect(fd_, reinterpret_cast<struct sockaddr *>(&to), sizeof to) == 0;

@@ -8,7 +8,8 @@
 #include <unistd.h>
 
 #include <cstdint>
-#include <cstring>
+
+#include "support/loopback.h"
 
 namespace zevd::test {
 
@@ -18,25 +19,13 @@ namespace zevd::test {
 inline int bindLoopback(int type, uint16_t port) {
     int fd = socket(AF_INET, type | SOCK_CLOEXEC, 0);
     if (fd < 0) return -1;
-    struct sockaddr_in address;
-    memset(&address, 0, sizeof address);
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    struct sockaddr_in address = loopbackAddress(port);
     if (bind(fd, reinterpret_cast<struct sockaddr *>(&address), sizeof address) != 0 ||
         (type == SOCK_STREAM && listen(fd, 16) != 0)) {
         close(fd);
         return -1;
     }
     return fd;
-}
-
-inline uint16_t boundPort(int fd) {
-    struct sockaddr_in address;
-    socklen_t length = sizeof address;
-    memset(&address, 0, sizeof address);
-    if (getsockname(fd, reinterpret_cast<struct sockaddr *>(&address), &length) != 0) return 0;
-    return ntohs(address.sin_port);
 }
 
 // A port that is free on 127.0.0.1 for UDP and TCP alike (the DCH binds

@@ -31,16 +31,23 @@ template <typename Body>
 
 }  // namespace zevd::test
 
+// The statements run in a child process of the given death-test style.
+// Expectations are checked there; the child ends with status 0 when all of
+// them held, and its failures are shown with the test's.
+#define ZEVD_IN_CHILD_PROCESS(style, ...)                                                       \
+    do {                                                                                        \
+        GTEST_FLAG_SET(death_test_style, style);                                                \
+        auto zevdChildBody = [&]() { __VA_ARGS__; };                                            \
+        EXPECT_EXIT(::zevd::test::runAndExit(zevdChildBody), ::testing::ExitedWithCode(0), ""); \
+    } while (0)
+
 // The statements run in a re-executed copy of the program that runs this
 // test alone (the "threadsafe" death-test style starts the binary anew
 // rather than forking), so nothing read earlier in this process leaks in.
-// Expectations are checked there; the copy ends with status 0 when all of
-// them held, and its failures are shown with the test's.
-#define ZEVD_IN_FRESH_PROCESS(...)                                                              \
-    do {                                                                                        \
-        GTEST_FLAG_SET(death_test_style, "threadsafe");                                         \
-        auto zevdFreshBody = [&]() { __VA_ARGS__; };                                            \
-        EXPECT_EXIT(::zevd::test::runAndExit(zevdFreshBody), ::testing::ExitedWithCode(0), ""); \
-    } while (0)
+#define ZEVD_IN_FRESH_PROCESS(...) ZEVD_IN_CHILD_PROCESS("threadsafe", __VA_ARGS__)
+
+// The statements run in a forked child (the "fast" style), which keeps what
+// this process holds but leaves it behind: for threads that are never joined.
+#define ZEVD_IN_FORKED_CHILD(...) ZEVD_IN_CHILD_PROCESS("fast", __VA_ARGS__)
 
 #endif  // ZEVD_TESTS_SUPPORT_FRESH_PROCESS_H

@@ -11,23 +11,28 @@
 
 #include <cerrno>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <regex>
 #include <string>
 #include <vector>
 
+#include "support/loopback.h"
 #include "support/sock_probe.h"
 
 namespace zevd::test {
 
-inline struct sockaddr_in loopbackAddress(uint16_t port) {
-    struct sockaddr_in address;
-    memset(&address, 0, sizeof address);
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return address;
+// The transport configuration of the read and write suites, set before the
+// first transport of the process reads it: the DCH on 127.0.0.1, a
+// time-out of 3 seconds, the default pool and no settings file. Returns
+// true, for a namespace-scope constant that the cases check.
+inline bool setPairEnvironment() {
+    setenv("ZEVA_DCH_ADDR", "127.0.0.1", 1);
+    setenv("ZEVA_DCH_TIMEOUT", "3", 1);
+    unsetenv("ZEVA_DCH_UDP_SOCKETS_IN_POOL");
+    unsetenv("ZEVA_SETTINGS_FILE");
+    return true;
 }
 
 // Two transports with sockets of their own, each sending to the other's
@@ -71,11 +76,7 @@ public:
     }
     RawSender(const RawSender &) = delete;
     RawSender &operator=(const RawSender &) = delete;
-    bool send(const std::vector<char> &datagram) const {
-        ssize_t n = sendto(fd_, datagram.data(), datagram.size(), 0,
-                           reinterpret_cast<const struct sockaddr *>(&to_), sizeof to_);
-        return n == static_cast<ssize_t>(datagram.size());
-    }
+    bool send(const std::vector<char> &datagram) const { return sendDatagram(fd_, to_, datagram); }
 
 private:
     int fd_;

@@ -44,6 +44,22 @@ std::vector<std::string> TraceCapture::texts() const {
     return out;
 }
 
+std::vector<std::string> TraceCapture::textsOf(const std::string &function) const {
+    std::vector<std::string> out;
+    for (const auto &line : lines()) {
+        // "date time pid.tid unit function:line text"
+        size_t pos = 0;
+        for (int field = 0; field < 4 && pos != std::string::npos; ++field) {
+            pos = line.find(' ', pos);
+            if (pos != std::string::npos) ++pos;
+        }
+        if (pos == std::string::npos) continue;
+        if (line.compare(pos, function.size() + 1, function + ":") == 0)
+            out.push_back(traceText(line));
+    }
+    return out;
+}
+
 bool TraceCapture::hasText(const std::string &text) const {
     std::string want = text;
     if (want.empty() || want.back() != '\n') want += '\n';

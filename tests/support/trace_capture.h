@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <cstdio>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -23,6 +24,8 @@ public:
     std::vector<std::string> lines() const;
     // The text of each line after "unit function:line ".
     std::vector<std::string> texts() const;
+    // The texts of the lines that the function with this trace name wrote.
+    std::vector<std::string> textsOf(const std::string &function) const;
     // True when some line's text equals text exactly (without its '\n' when
     // text carries none).
     bool hasText(const std::string &text) const;
@@ -46,6 +49,13 @@ private:
 
 // The text of a trace line: what follows "unit function:line ".
 std::string traceText(const std::string &line);
+
+// A pointer as the trace writes it ("%p").
+inline std::string pointerText(const void *p) {
+    char text[32];
+    snprintf(text, sizeof text, "%p", p);
+    return text;
+}
 
 }  // namespace zevd::test
 
