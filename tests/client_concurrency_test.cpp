@@ -10,6 +10,8 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <mutex>
 #include <set>
 #include <string>
 #include <thread>
@@ -59,7 +61,19 @@ TEST(ClientConcurrencyTest, EveryCallGetsItsOwnAnswerThroughAPoolOfFour) {
         << "run through ctest, which sets ZEVA_DCH_UDP_SOCKETS_IN_POOL=4";
     FakeDch &dch = FakeDch::instance();
     dch.reset();
-    dch.setResponder([](const DchRequest &request) -> DchReply {
+    // The harness keeps only its latest requests: the responder notes the
+    // sender of each. Shared with the DCH's worker, which may outlive this
+    // test's frame.
+    struct Senders {
+        std::mutex lock;
+        std::set<uint16_t> ports;
+    };
+    auto senders = std::make_shared<Senders>();
+    dch.setResponder([senders](const DchRequest &request) -> DchReply {
+        {
+            std::lock_guard<std::mutex> guard(senders->lock);
+            senders->ports.insert(ntohs(request.from.sin_port));
+        }
         std::string source = stringField(request.bytes, DCH_sourceName);
         if (source.rfind("src-", 0) != 0) return DchMessage().int32(DCH_status, 77).bytes();
         int32_t handle = std::atoi(source.c_str() + 4);
@@ -100,12 +114,10 @@ TEST(ClientConcurrencyTest, EveryCallGetsItsOwnAnswerThroughAPoolOfFour) {
         poolPorts.insert(zevd::test::boundPort(pool[i].sockUDP));
     }
     ASSERT_TRUE(dch.waitReceived(kThreads * kCallsPerThread));
-    std::vector<DchRequest> received = dch.received();
-    EXPECT_EQ(received.size(), static_cast<size_t>(kThreads * kCallsPerThread));
-    std::set<uint16_t> senders;
-    for (const DchRequest &request : received) senders.insert(ntohs(request.from.sin_port));
-    EXPECT_LE(senders.size(), 4u);
-    for (uint16_t port : senders) EXPECT_EQ(poolPorts.count(port), 1u) << "port " << port;
+    EXPECT_EQ(dch.receivedCount(), static_cast<size_t>(kThreads * kCallsPerThread));
+    std::lock_guard<std::mutex> guard(senders->lock);
+    EXPECT_LE(senders->ports.size(), 4u);
+    for (uint16_t port : senders->ports) EXPECT_EQ(poolPorts.count(port), 1u) << "port " << port;
 }
 
 }  // namespace

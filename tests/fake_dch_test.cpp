@@ -158,6 +158,30 @@ TEST(FakeDchTest, RecordsBytesTypeAndSenderOfEachRequest) {
     EXPECT_TRUE(dch.received().empty());
 }
 
+TEST(FakeDchTest, KeepsOnlyTheLatestRequestsButCountsThemAll) {
+    FakeDch &dch = freshDch();
+    constexpr size_t kSent = 10000;
+    constexpr size_t kPace = 100;  // then wait, so the socket buffer never overflows
+    Client client;
+    for (size_t i = 0; i < kSent; ++i) {
+        ASSERT_TRUE(client.send(request(kOnline, std::to_string(i)))) << "datagram " << i;
+        if ((i + 1) % kPace == 0) {
+            ASSERT_TRUE(dch.waitReceived(i + 1)) << "datagram " << i;
+        }
+    }
+    ASSERT_TRUE(dch.waitReceived(kSent));
+    EXPECT_EQ(dch.receivedCount(), kSent);
+    std::vector<DchRequest> got = dch.received();
+    ASSERT_LE(got.size(), FakeDch::kKept);
+    ASSERT_FALSE(got.empty());
+    // The latest ones, oldest first.
+    EXPECT_EQ(got.front().bytes, request(kOnline, std::to_string(kSent - got.size())));
+    EXPECT_EQ(got.back().bytes, request(kOnline, std::to_string(kSent - 1)));
+    dch.reset();
+    EXPECT_EQ(dch.receivedCount(), 0u);
+    EXPECT_TRUE(dch.received().empty());
+}
+
 TEST(FakeDchTest, TcpRequestIsAnsweredOnItsConnection) {
     FakeDch &dch = freshDch();
     std::vector<char> answer = DchMessage().int32(kStatus, 0).int32(kHandle, 77).bytes();
@@ -176,7 +200,9 @@ TEST(FakeDchTest, TcpRequestIsAnsweredOnItsConnection) {
     // Its end is recorded apart from the requests, and not answered.
     peer.close();
     ASSERT_TRUE(dch.waitControls(1));
+    EXPECT_EQ(dch.controlCount(), 1u);
     std::vector<zevd::test::DchControl> controls = dch.controls();
+    ASSERT_EQ(controls.size(), 1u);
     EXPECT_EQ(controls[0].text, "DP-DISCONNECT");
     EXPECT_EQ(controls[0].connectedSockFD, got[0].connectedSockFD);
     EXPECT_EQ(controls[0].clientName, std::string(255, ' '));

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "common/message.h"
 #include "ipc/zevdsock.h"
@@ -37,6 +38,13 @@ size_t queuedLength(const char *buffer, int32_t capacity) {
     if (length < 4 || length > static_cast<uint32_t>(capacity))
         return static_cast<size_t>(capacity);
     return length;
+}
+
+// Appends entry, dropping the oldest once kept holds FakeDch::kKept.
+template <typename Entry>
+void keepLatest(std::deque<Entry> &kept, Entry entry) {
+    if (kept.size() >= FakeDch::kKept) kept.pop_front();
+    kept.push_back(std::move(entry));
 }
 
 }  // namespace
@@ -82,7 +90,9 @@ void FakeDch::reset() {
     script_.clear();
     responder_ = nullptr;
     received_.clear();
+    receivedCount_ = 0;
     controls_.clear();
+    controlCount_ = 0;
 }
 
 void FakeDch::reply(std::vector<char> bytes) {
@@ -102,22 +112,32 @@ void FakeDch::setResponder(std::function<DchReply(const DchRequest &)> responder
 
 std::vector<DchRequest> FakeDch::received() const {
     std::lock_guard<std::mutex> guard(lock_);
-    return received_;
+    return std::vector<DchRequest>(received_.begin(), received_.end());
+}
+
+size_t FakeDch::receivedCount() const {
+    std::lock_guard<std::mutex> guard(lock_);
+    return receivedCount_;
 }
 
 bool FakeDch::waitReceived(size_t count, std::chrono::milliseconds limit) const {
     std::unique_lock<std::mutex> guard(lock_);
-    return changed_.wait_for(guard, limit, [&] { return received_.size() >= count; });
+    return changed_.wait_for(guard, limit, [&] { return receivedCount_ >= count; });
 }
 
 std::vector<DchControl> FakeDch::controls() const {
     std::lock_guard<std::mutex> guard(lock_);
-    return controls_;
+    return std::vector<DchControl>(controls_.begin(), controls_.end());
+}
+
+size_t FakeDch::controlCount() const {
+    std::lock_guard<std::mutex> guard(lock_);
+    return controlCount_;
 }
 
 bool FakeDch::waitControls(size_t count, std::chrono::milliseconds limit) const {
     std::unique_lock<std::mutex> guard(lock_);
-    return changed_.wait_for(guard, limit, [&] { return controls_.size() >= count; });
+    return changed_.wait_for(guard, limit, [&] { return controlCount_ >= count; });
 }
 
 void FakeDch::serve() {
@@ -154,7 +174,8 @@ void FakeDch::serve() {
         }
         if (text == kDisconnect || text == kResend) {
             std::lock_guard<std::mutex> guard(lock_);
-            controls_.push_back({text, name, fd});
+            keepLatest(controls_, DchControl{text, name, fd});
+            ++controlCount_;
             changed_.notify_all();
             continue;
         }
@@ -172,7 +193,8 @@ void FakeDch::serve() {
         bool scripted = false;
         {
             std::lock_guard<std::mutex> guard(lock_);
-            received_.push_back(request);
+            keepLatest(received_, request);
+            ++receivedCount_;
             if (!script_.empty()) {
                 answer = std::move(script_.front());
                 script_.pop_front();

@@ -1,7 +1,8 @@
 // A scriptable DCH for the client suites: a real server transport
 // (ipcSock with service 2: the port allocation, the server loop and the
-// receive queue) served by one worker thread that records every request and
-// answers it with scripted bytes, or not at all.
+// receive queue) served by one worker thread that records each request (it
+// counts them all and keeps the most recent) and answers it with scripted
+// bytes, or not at all.
 //
 // The server's receive thread is never joined, so the harness is started
 // once per process and lives until the process ends; register the suites
@@ -79,22 +80,32 @@ public:
     // Computes the answer of every request the script does not cover.
     void setResponder(std::function<DchReply(const DchRequest &)> responder);
 
-    // Every request taken from the queue so far, control texts excluded.
-    // A request's bytes run to its length word, or to the whole buffer the
-    // queue handed over when the word is below 4 or beyond it.
+    // How many requests, and how many control texts, the harness keeps: the
+    // most recent ones. Older ones are dropped, so that a long run (the
+    // benchmark's peer) holds bounded memory; the counts go on.
+    static constexpr size_t kKept = 1000;
+
+    // The requests taken from the queue since reset(), control texts
+    // excluded: at most kKept, the most recent, oldest first. A request's
+    // bytes run to its length word, or to the whole buffer the queue handed
+    // over when the word is below 4 or beyond it.
     std::vector<DchRequest> received() const;
-    // Waits until at least count requests were received; false after limit.
+    // How many requests were taken since reset(), the dropped ones included.
+    size_t receivedCount() const;
+    // Waits until receivedCount() is at least count; false after limit.
     bool waitReceived(size_t count,
                       std::chrono::milliseconds limit = std::chrono::milliseconds(10000)) const;
-    // The control texts taken from the queue so far (cleared by reset()).
+    // The control texts taken since reset(): at most kKept, the most recent.
     std::vector<DchControl> controls() const;
+    // How many control texts were taken since reset().
+    size_t controlCount() const;
+    // Waits until controlCount() is at least count; false after limit.
     bool waitControls(size_t count,
                       std::chrono::milliseconds limit = std::chrono::milliseconds(10000)) const;
 
 private:
     FakeDch();
     void serve();  // the worker thread
-    std::vector<DchControl> controls_;
 
     ipcSock *server_ = nullptr;
     uint16_t port_ = 0;
@@ -102,7 +113,10 @@ private:
     mutable std::condition_variable changed_;
     std::deque<DchReply> script_;
     std::function<DchReply(const DchRequest &)> responder_;
-    std::vector<DchRequest> received_;
+    std::deque<DchRequest> received_;  // at most kKept
+    size_t receivedCount_ = 0;
+    std::deque<DchControl> controls_;  // at most kKept
+    size_t controlCount_ = 0;
     bool ready_ = false;
 };
 
