@@ -122,7 +122,14 @@ DCHclient::DCHclient(int interrupt, int useFromSockPool) {
     } else if (_ipcType == 2) {
         auto *lpc = new (std::nothrow) ipcLPC(IPC_SERVICE_CLIENT, nullptr, 0);
         _ipcClient = lpc;
-        ZEVD_TRACE(trc, TRACE_DETAIL, "Allocated _ipcClient @%p\n", static_cast<void *>(lpc));
+        if (lpc != nullptr) {
+            ZEVD_TRACE(trc, TRACE_DETAIL, "Allocated _ipcClient @%p\n", static_cast<void *>(lpc));
+        } else {
+            // As on the socket path: every request then ends at once with 1
+            // instead of reaching for the missing transport.
+            ZEVD_TRACE(trc, TRACE_ERROR, "Error: ipcLPC creation failed.\n");
+            _error = 1;
+        }
         // The LPC path takes no time-outs of its own: the transport's default.
         _DCHtimeout = lpc != nullptr ? lpc->DCHtimeout() : 30;
         _ipcReadTimeout = _DCHtimeout;

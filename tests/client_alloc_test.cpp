@@ -1,0 +1,85 @@
+// The client object when its transport cannot be allocated: the request
+// functions give 1 and say why, on the socket path and on the LPC path.
+// The transport kind is read once per process, so each case runs in a
+// fresh run of the program.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdlib>
+#include <new>
+
+#include "client/zevdchcl.h"
+#include "ipc/zevdlpc.h"
+#include "ipc/zevdsock.h"
+#include "support/fresh_process.h"
+#include "support/trace_capture.h"
+#include "zevd610.h"
+
+// Allocation failures on demand: the next nothrow allocation of exactly the
+// armed size fails. The library allocates with new (std::nothrow) only.
+namespace {
+std::atomic<size_t> failArrayOfSize{0};
+std::atomic<size_t> failObjectOfSize{0};
+
+void *allocateOrFail(std::atomic<size_t> &armed, size_t size, bool array) {
+    size_t expected = size;
+    if (size != 0 && armed.compare_exchange_strong(expected, 0)) return nullptr;
+    try {
+        return array ? ::operator new[](size) : ::operator new(size);
+    } catch (...) {
+        return nullptr;
+    }
+}
+}  // namespace
+
+void *operator new[](std::size_t size, const std::nothrow_t &) noexcept {
+    return allocateOrFail(failArrayOfSize, size, true);
+}
+
+void *operator new(std::size_t size, const std::nothrow_t &) noexcept {
+    return allocateOrFail(failObjectOfSize, size, false);
+}
+
+namespace {
+
+using zevd::test::TraceCapture;
+
+// Each request function once with the transport of the given size failing:
+// every one gives 1 and writes text once at the error level.
+void requestsFailWithout(size_t transportSize, const char *text) {
+    // The client object itself must still be had.
+    ASSERT_NE(transportSize, sizeof(DCHclient));
+    TraceCapture capture("error");
+
+    failObjectOfSize = transportSize;
+    long status = -1;
+    long handle = -1;
+    EXPECT_EQ(dp_online(&status, &handle, "appl", "group", "source"), 1);
+    EXPECT_EQ(failObjectOfSize.load(), 0u) << "the transport was never allocated";
+    EXPECT_EQ(capture.count(text), 1u) << capture.joined();
+
+    failObjectOfSize = transportSize;
+    EXPECT_EQ(dp_offline(&status, 7), 1);
+    EXPECT_EQ(failObjectOfSize.load(), 0u) << "the transport was never allocated";
+    EXPECT_EQ(capture.count(text), 2u) << capture.joined();
+    for (const std::string &line : capture.textsOf("DCHclientConstructor")) EXPECT_EQ(line, text);
+}
+
+TEST(ClientAllocTest, SocketTransportThatCannotBeAllocatedFailsTheRequest) {
+    ZEVD_IN_FRESH_PROCESS({
+        setenv("ZEVA_DCH_IPCTYPE", "1", 1);
+        ASSERT_EQ(ZEVA_GetIPCtype(), 1);
+        requestsFailWithout(sizeof(ipcSock), "Error: ipcSock creation failed.\n");
+    });
+}
+
+TEST(ClientAllocTest, LPCTransportThatCannotBeAllocatedFailsTheRequest) {
+    ZEVD_IN_FRESH_PROCESS({
+        setenv("ZEVA_DCH_IPCTYPE", "2", 1);
+        ASSERT_EQ(ZEVA_GetIPCtype(), 2);
+        requestsFailWithout(sizeof(ipcLPC), "Error: ipcLPC creation failed.\n");
+    });
+}
+
+}  // namespace
