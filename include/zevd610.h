@@ -103,10 +103,20 @@ ZEVD_EXPORT void ZEVA_SetInstanceName(const char *name);
 /* The stored instance name; never NULL, empty when none is stored. */
 ZEVD_EXPORT char *ZEVA_GetInstanceName(void);
 
-/* Composes "source:applRR" or "source:applRR_suffix" in subnodeName,
- * shortening the source so the name has at most 32 characters, and, when
- * subnodeNameUntouched is not NULL, "source:applgroupRR" there. 0 on
- * success, 1 when the untouched name would be too long. */
+/* Composes "source:applRR" or "source:applRR_suffix" in subnodeName and,
+ * when subnodeNameUntouched is not NULL, "source:applgroupRR" there. The
+ * first 32 characters of srcName and of attrGroup are read. When the name,
+ * counting RR as two characters, would pass 32 characters, the source loses
+ * as many from its left (all of them if it has fewer); the application
+ * name, RR and the suffix are never shortened, so the name can be longer.
+ * subnodeName must hold max(32, A + 3 + X) + R - 1 bytes, where A and R are
+ * the lengths of applName and RR and X is 0 without a suffix, else the
+ * suffix's length + 1: 33 bytes for a two-character RR and A + X <= 29.
+ * subnodeNameUntouched must hold 69 bytes: the call fails when the source
+ * and group as read, the application name and RR have more than 67
+ * characters together, which also keeps subnodeName within 69 + X bytes.
+ * 0 on success; 1, with nothing written, when the untouched name would be
+ * too long or subnodeName is NULL. */
 ZEVD_EXPORT int ZEVA_SetSubnodeName(const char *applName, const char *attrGroup,
                                     const char *srcName, const char *RR, char *subnodeName,
                                     char *subnodeNameUntouched, const char *subnodeSuffix);

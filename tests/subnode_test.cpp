@@ -3,6 +3,7 @@
 // them apart.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -271,6 +272,110 @@ TEST(SetSubnodeNameTest, OverlongGroupIsCutToThirtyTwo) {
               0);
     EXPECT_EQ(std::string(out.untouched), "S:A" + group.substr(0, 32) + "00");
     EXPECT_STREQ(out.name, "S:A00");
+}
+
+// A buffer of exactly size bytes followed by a guard area, to show a write
+// past its end.
+class GuardedBuffer {
+public:
+    explicit GuardedBuffer(size_t size) : size_(size), bytes_(size + kGuard, kFill) {}
+    char *data() { return bytes_.data(); }
+    // The text written, read no further than the buffer's own bytes.
+    std::string text() const { return std::string(bytes_.data(), strnlen(bytes_.data(), size_)); }
+    bool guardIntact() const {
+        for (size_t i = size_; i < bytes_.size(); ++i)
+            if (bytes_[i] != kFill) return false;
+        return true;
+    }
+
+private:
+    static constexpr size_t kGuard = 64;
+    static constexpr char kFill = '#';
+    size_t size_;
+    std::vector<char> bytes_;
+};
+
+// The size that the header gives for subnodeName: max(32, A + 3 + X) + R - 1.
+size_t subnodeNameBytes(const std::string &appl, const std::string &rr, const char *suffix) {
+    size_t x = suffix != nullptr ? strlen(suffix) + 1 : 0;
+    return std::max<size_t>(32, appl.size() + 3 + x) + rr.size() - 1;
+}
+
+// The size that the header gives for subnodeNameUntouched.
+constexpr size_t kUntouchedBytes = 69;
+
+struct LongestCase {
+    std::string appl;
+    std::string source;
+    std::string rr;
+    const char *suffix;
+    std::string expected;
+};
+
+TEST(SetSubnodeNameTest, LongestNamesFillTheDocumentedSizeExactly) {
+    const std::string appl40 = nameOf(40);
+    const std::string source40 = nameOf(40);
+    const LongestCase cases[] = {
+        // A long source is cut to 32 characters, then to what is left.
+        {"APP01", source40, "00", nullptr, source40.substr(8, 24) + ":APP0100"},
+        {"APP01", source40, "0000", nullptr, source40.substr(8, 24) + ":APP010000"},
+        {"APP01", source40, "00", "SFX", source40.substr(12, 20) + ":APP0100_SFX"},
+        // A long application name empties the source and is kept whole.
+        {appl40, "SOURCE", "00", nullptr, ":" + appl40 + "00"},
+        {appl40, "SOURCE", "00", "SFX", ":" + appl40 + "00_SFX"},
+        {appl40, source40, "0000", "SFX", ":" + appl40 + "0000_SFX"},
+    };
+    for (const LongestCase &c : cases) {
+        size_t size = subnodeNameBytes(c.appl, c.rr, c.suffix);
+        GuardedBuffer name(size);
+        ASSERT_EQ(ZEVA_SetSubnodeName(c.appl.c_str(), "GRP", c.source.c_str(), c.rr.c_str(),
+                                      name.data(), nullptr, c.suffix),
+                  0);
+        EXPECT_EQ(name.text(), c.expected);
+        EXPECT_EQ(name.text().size() + 1, size) << c.expected;
+        EXPECT_TRUE(name.guardIntact()) << c.expected;
+    }
+}
+
+TEST(SetSubnodeNameTest, LongestNamesBesideAnUntouchedNameFitSixtyNineBytes) {
+    // 65 + 2 = 67 characters of parts, the most the call accepts: both
+    // names have 68 characters.
+    const std::string appl = nameOf(65);
+    GuardedBuffer name(kUntouchedBytes);
+    GuardedBuffer untouched(kUntouchedBytes);
+    ASSERT_EQ(
+        ZEVA_SetSubnodeName(appl.c_str(), "", "", "00", name.data(), untouched.data(), nullptr), 0);
+    EXPECT_EQ(name.text(), ":" + appl + "00");
+    EXPECT_EQ(untouched.text(), ":" + appl + "00");
+    EXPECT_EQ(name.text().size() + 1, kUntouchedBytes);
+    EXPECT_EQ(untouched.text().size() + 1, kUntouchedBytes);
+    EXPECT_TRUE(name.guardIntact());
+    EXPECT_TRUE(untouched.guardIntact());
+
+    // The longest untouched name with every part present.
+    const std::string source = nameOf(20);
+    const std::string group = nameOf(30);
+    GuardedBuffer name2(subnodeNameBytes("APPLICATION0123", "00", nullptr));
+    GuardedBuffer untouched2(kUntouchedBytes);
+    ASSERT_EQ(ZEVA_SetSubnodeName("APPLICATION0123", group.c_str(), source.c_str(), "00",
+                                  name2.data(), untouched2.data(), nullptr),
+              0);
+    EXPECT_EQ(untouched2.text(), source + ":APPLICATION0123" + group + "00");
+    EXPECT_EQ(untouched2.text().size() + 1, kUntouchedBytes);
+    EXPECT_TRUE(untouched2.guardIntact());
+    EXPECT_EQ(name2.text(), source.substr(6) + ":APPLICATION012300");
+    EXPECT_TRUE(name2.guardIntact());
+
+    // One character more is refused, and neither buffer is written.
+    GuardedBuffer name3(kUntouchedBytes);
+    GuardedBuffer untouched3(kUntouchedBytes);
+    const std::string appl66 = nameOf(66);
+    TraceCapture capture("error");
+    EXPECT_EQ(
+        ZEVA_SetSubnodeName(appl66.c_str(), "", "", "00", name3.data(), untouched3.data(), nullptr),
+        1);
+    EXPECT_EQ(name3.text(), std::string(kUntouchedBytes, '#'));
+    EXPECT_EQ(untouched3.text(), std::string(kUntouchedBytes, '#'));
 }
 
 // ---------------------------------------------------------------------
