@@ -79,7 +79,7 @@ TEST(DchFuzzTest, RandomDatagramsAndStreamsLeaveTheLoopServing) {
 
     // Streams: random bytes whose first word is random, or nearly right,
     // sent in up to 32 writes and ended in order or by a reset. Each one
-    // ends with the disconnect of its connection.
+    // ends with the disconnect of its connection, whichever side closes it.
     std::uniform_int_distribution<size_t> streamLength(0, 20000);
     std::uniform_int_distribution<int> pick(0, 3);
     size_t disconnects = 0;
@@ -103,7 +103,9 @@ TEST(DchFuzzTest, RandomDatagramsAndStreamsLeaveTheLoopServing) {
             size_t left = stream.size() - at;
             size_t length =
                 w + 1 == pieces ? left : std::uniform_int_distribution<size_t>(1, left)(random);
-            ASSERT_TRUE(peer.send(stream.data() + at, length)) << s;
+            // The loop closes a connection whose message it cut off (a
+            // length word beyond what it joins): the rest cannot be sent.
+            if (!peer.send(stream.data() + at, length)) break;
             at += length;
         }
         if (pick(random) == 0) {

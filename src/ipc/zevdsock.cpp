@@ -451,9 +451,14 @@ constexpr int kSearchPause = 1;
 
 // The server loop's receive size, of UDP datagrams and of TCP pieces alike.
 constexpr int kServerBufferSize = 4096;
-// Pieces one TCP message may take; the message reaching this count ends the
-// process.
+// Pieces one TCP message may take; a message that reaches this count is cut
+// off.
 constexpr int kMaxPieces = 1024;
+// The longest TCP message the loop joins: a length word above it is cut off
+// at once.
+constexpr uint32_t kMaxTcpMessage = static_cast<uint32_t>(kMaxPieces - 1) * 4096u;
+// While accept fails for want of resources, the listener rests this long.
+constexpr int kAcceptRestSeconds = 1;
 constexpr int kListenBacklog = 5;
 // Control texts the loop queues beside the messages, without their zeros.
 constexpr char kServerReady[] = "IPC-SERVER_READY";
@@ -493,6 +498,10 @@ struct ipcSock::ipcServerState {
     // The listener is left out of the read mask while all client slots are
     // taken.
     bool listenerParked;
+    // The listener is left out for one timed pass after accept failed for
+    // want of descriptors or memory, which select would report again at
+    // once.
+    bool listenerResting;
 };
 
 int32_t ipcSock::allocateDCHport() {
@@ -683,7 +692,7 @@ int32_t ipcSock::IPCServer() {
         fd_set readMask;
         int32_t maxFD = sockSetSelectReadMask(&readMask);
         if (state.listenerParked) {
-            if (sockGetAvailableIndex() == -1) {
+            if (sockAcceptIndex() == -1) {
                 // A waiting connection would make select return at once on
                 // every pass and starve the connected clients.
                 if (fitsSelectSet(_sockTCP)) FD_CLR(_sockTCP, &readMask);
@@ -693,16 +702,20 @@ int32_t ipcSock::IPCServer() {
                            "Note: a TCP client slot is free again, accepting connections.\n");
             }
         }
-        // The scan never reports the last slot (a limit kept as designed),
-        // so its descriptor stays out of select as well: pending data there
-        // would otherwise make every select return at once.
-        int32_t lastSlotFD = _sockClientFD[IPC_MAX_TCP_CLIENTS - 1];
-        if (lastSlotFD > 0 && fitsSelectSet(lastSlotFD)) FD_CLR(lastSlotFD, &readMask);
+        struct timeval rest = {kAcceptRestSeconds, 0};
+        struct timeval *timeOut = nullptr;
+        if (state.listenerResting) {
+            state.listenerResting = false;
+            if (fitsSelectSet(_sockTCP)) FD_CLR(_sockTCP, &readMask);
+            timeOut = &rest;
+        }
 
         ZEVD_TRACE(pass, TRACE_DETAIL, "[@%p] Waiting on SELECT: UDP[%d] TCP[%d] MaxFD[%d]\n",
                    static_cast<void *>(this), _sockUDP, _sockTCP, maxFD);
-        int count = select(maxFD, &readMask, nullptr, nullptr, nullptr);
+        int count = select(maxFD, &readMask, nullptr, nullptr, timeOut);
         int selectErrno = errno;
+        // The listener's rest ended with nothing else to serve.
+        if (count == 0 && timeOut != nullptr) continue;
         if (count <= 0) {
             if (selectErrno == EINTR) {
                 ZEVD_TRACE(pass, TRACE_FLOW,
@@ -767,7 +780,7 @@ void ipcSock::sockServeUDP(ipcServerState &state) {
 void ipcSock::sockServeListener(ipcServerState &state) {
     ZEVD_TRACE_LEVEL("ipcSock::IPCServer");
     ZEVD_TRACE(trc, TRACE_DETAIL, "_sockTCP[%d] SET for reading", _sockTCP);
-    int32_t slot = sockGetAvailableIndex();
+    int32_t slot = sockAcceptIndex();
     if (slot == -1) {
         // Written once: the listener stays out of the read mask until a
         // slot is freed, and the connection waits in the backlog.
@@ -778,18 +791,22 @@ void ipcSock::sockServeListener(ipcServerState &state) {
     }
     socklen_t addressLength = sizeof state.sockClientAddr;
     // Close-on-exec, like the DCH port's own sockets: a provider process
-    // the DCH starts must not hold a client's connection open.
+    // the DCH starts must not hold a client's connection open. Non-blocking,
+    // so that an answer to a client that does not read takes the bounded
+    // would-block path of ipcWrite instead of holding the DCH's worker.
     int fd = accept4(_sockTCP, reinterpret_cast<struct sockaddr *>(&state.sockClientAddr),
-                     &addressLength, SOCK_CLOEXEC);
+                     &addressLength, SOCK_CLOEXEC | SOCK_NONBLOCK);
     int acceptErrno = errno;
-    _sockClientFD[slot] = fd;
     if (fd < 0) {
-        // Kept as designed: the negative value stays in the slot, which is
-        // then neither free nor watched.
+        // The slot stays free: failed accepts must not use up the slots.
         ZEVD_TRACE(trc, TRACE_ERROR, "Error: accept failed. errno=%d\n", acceptErrno);
         storeShared(_sockError, 1);
+        if (acceptErrno == EMFILE || acceptErrno == ENFILE || acceptErrno == ENOBUFS ||
+            acceptErrno == ENOMEM)
+            state.listenerResting = true;
         return;
     }
+    _sockClientFD[slot] = fd;
     if (!fitsSelectSet(fd)) {
         // select could never watch it: refuse the connection, keep the slot.
         ZEVD_TRACE(trc, TRACE_ERROR, "Error: accepted descriptor %d is above the select limit %d\n",
@@ -823,20 +840,29 @@ void ipcSock::sockServeClient(ipcServerState &state, int32_t fd, int32_t slot) {
     bool initRead = true;
     bool moreData = true;
     int lastErrno = 0;  // of the last receive or select that failed
+    // Set when the loop gives up on the message: the rest of it would be read
+    // as a new one, so the connection is closed after the mismatch.
+    bool cutOff = false;
+    // Each piece is waited for up to the DCH time-out (at least a second):
+    // the loop serves no one else meanwhile, so no peer may hold it longer.
+    int32_t pieceWait = std::max(_envDCHtimeout.load(), 1);
     while (moreData) {
-        // Blocks the loop on this one connection, without a time-out, until
-        // the message is complete or the connection fails: a peer that
-        // announces more than it sends holds every other client until it
-        // sends the rest or goes away. Kept as designed.
         fd_set connectionMask;
         FD_ZERO(&connectionMask);
         FD_SET(fd, &connectionMask);
         ZEVD_TRACE(trc, TRACE_DETAIL, "Waiting on SELECT: connectedSockFD[%d] MaxFD[%d]\n", fd,
                    fd + 1);
-        int count = select(fd + 1, &connectionMask, nullptr, nullptr, nullptr);
+        struct timeval timeOut = {pieceWait, 0};
+        errno = 0;
+        int count = select(fd + 1, &connectionMask, nullptr, nullptr, &timeOut);
         if (count <= 0) {
             lastErrno = errno;
             ZEVD_TRACE(trc, TRACE_ERROR, "Warning: select returned. errno[%d]\n", lastErrno);
+            if (count == 0) {
+                ZEVD_TRACE(trc, TRACE_ERROR,
+                           "Error: no more of the TCP message within %d seconds\n", pieceWait);
+                cutOff = true;
+            }
             moreData = false;
             break;
         }
@@ -883,12 +909,6 @@ void ipcSock::sockServeClient(ipcServerState &state, int32_t fd, int32_t slot) {
             totalRead += bytesRead;
             pieces[ipcBufCount].length = bytesRead;
             ++ipcBufCount;
-            if (ipcBufCount >= kMaxPieces) {
-                ZEVD_TRACE(trc, TRACE_ERROR,
-                           "Error: ipcBufCount %d exceeded allowed limit of %d.  Exiting...\n\n",
-                           kMaxPieces, kMaxPieces - 1);
-                exitProcess();
-            }
             if (initRead) {
                 // A first piece shorter than the word gives a word of the
                 // bytes that came, followed by zeros.
@@ -898,6 +918,20 @@ void ipcSock::sockServeClient(ipcServerState &state, int32_t fd, int32_t slot) {
                            (static_cast<uint32_t>(word[1]) << 16) |
                            (static_cast<uint32_t>(word[2]) << 8) | static_cast<uint32_t>(word[3]);
                 initRead = false;
+                if (totalLen > kMaxTcpMessage) {
+                    ZEVD_TRACE(trc, TRACE_ERROR,
+                               "Error: TCP message of %u bytes is longer than the %u allowed\n",
+                               totalLen, kMaxTcpMessage);
+                    cutOff = true;
+                    moreData = false;
+                }
+            }
+            if (!cutOff && ipcBufCount >= kMaxPieces &&
+                totalLen > static_cast<uint32_t>(totalRead)) {
+                ZEVD_TRACE(trc, TRACE_ERROR, "Error: ipcBufCount %d exceeded allowed limit of %d\n",
+                           kMaxPieces, kMaxPieces - 1);
+                cutOff = true;
+                moreData = false;
             }
         } else {
             if (ipcBufCount > 0) {
@@ -929,19 +963,11 @@ void ipcSock::sockServeClient(ipcServerState &state, int32_t fd, int32_t slot) {
         if (!(totalLen > static_cast<uint32_t>(totalRead) && totalLen > 0)) moreData = false;
     }
 
-    if (lastErrno == ECONNRESET || (totalLen == 0 && totalRead == 0)) {
+    if (!cutOff && (lastErrno == ECONNRESET || (totalLen == 0 && totalRead == 0))) {
         ZEVD_TRACE(trc, TRACE_DETAIL, "_sockClientFD[%d]=%d closed TCP connection: continue...",
                    slot, fd);
-        // Not while a worker sends its answer on this connection.
-        bool locked = ZEVA_GetLock(&_sockClientLock, this) == 0;
-        ZEV0_CloseTheSocket(fd);
-        if (locked) ZEVA_ReleaseLock(&_sockClientLock, this);
-        _sockClientFD[slot] = 0;
-        memset(state.workBuffer, 0, sizeof state.workBuffer);
-        memcpy(state.workBuffer, kDisconnect, sizeof kDisconnect - 1);
-        ipc_put_data(sizeof kDisconnect - 1, state.workBuffer, &state.sockClientAddr,
-                     kQueuedAddressLength, nullptr, static_cast<uint32_t>(fd));
-    } else if (static_cast<uint32_t>(totalRead) == totalLen) {
+        sockDisconnect(state, fd, slot);
+    } else if (!cutOff && static_cast<uint32_t>(totalRead) == totalLen) {
         ZEVD_TRACE(trc, TRACE_DETAIL,
                    "recvfrom operation had no more data, totalRead: %d, ipcBufCount: %d\n",
                    totalRead, ipcBufCount);
@@ -995,6 +1021,11 @@ void ipcSock::sockServeClient(ipcServerState &state, int32_t fd, int32_t slot) {
         memcpy(state.workBuffer, kResend, sizeof kResend - 1);
         ipc_put_data(sizeof kResend - 1, state.workBuffer, &state.sockClientAddr,
                      kQueuedAddressLength, state.clientName, static_cast<uint32_t>(fd));
+        if (cutOff) {
+            ZEVD_TRACE(trc, TRACE_ERROR,
+                       "Error: closing _sockClientFD[%d]=%d after its cut-off message\n", slot, fd);
+            sockDisconnect(state, fd, slot);
+        }
     }
 
     // Entry 0 is the first-piece buffer, never freed.
@@ -1011,8 +1042,27 @@ void ipcSock::sockServeClient(ipcServerState &state, int32_t fd, int32_t slot) {
     }
 }
 
+void ipcSock::sockDisconnect(ipcServerState &state, int32_t fd, int32_t slot) {
+    // Not while a worker sends its answer on this connection.
+    bool locked = ZEVA_GetLock(&_sockClientLock, this) == 0;
+    ZEV0_CloseTheSocket(fd);
+    if (locked) ZEVA_ReleaseLock(&_sockClientLock, this);
+    _sockClientFD[slot] = 0;
+    memset(state.workBuffer, 0, sizeof state.workBuffer);
+    memcpy(state.workBuffer, kDisconnect, sizeof kDisconnect - 1);
+    ipc_put_data(sizeof kDisconnect - 1, state.workBuffer, &state.sockClientAddr,
+                 kQueuedAddressLength, nullptr, static_cast<uint32_t>(fd));
+}
+
+int32_t ipcSock::sockAcceptIndex() {
+    int32_t slot = sockGetAvailableIndex();
+    return slot == IPC_MAX_TCP_CLIENTS - 1 ? -1 : slot;
+}
+
 ssize_t ipcSock::sockSendClient(int fd, const char *buffer, int32_t length) {
     bool locked = ZEVA_GetLock(&_sockClientLock, this) == 0;
+    // A partial send sets no errno: it must not read as an older failure.
+    errno = 0;
     // MSG_NOSIGNAL: a peer that went away fails the send instead of ending
     // the process with SIGPIPE.
     ssize_t rc = send(fd, buffer, static_cast<size_t>(length), MSG_NOSIGNAL);

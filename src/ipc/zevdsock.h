@@ -79,10 +79,14 @@ public:
     // DCH port (allocateDCHport), queues "IPC-SERVER_READY" once it listens,
     // then queues every UDP datagram (cut at 4096 bytes), every TCP message
     // (joined by its length word) and the control texts "DP-DISCONNECT" and
-    // "RESEND_MESSAGE", serving one kind of event per pass over up to 64 TCP
-    // clients. Blocks while the queue is full and while a TCP message is
-    // incomplete. Returns only when select fails (2); ends the process when
-    // the port cannot be owned or a receive buffer cannot be allocated.
+    // "RESEND_MESSAGE", serving one kind of event per pass over up to 63 TCP
+    // clients at once (the last of the 64 slots is never handed out).
+    // Blocks while the queue is full, and while a TCP message is incomplete
+    // for at most the DCH time-out per piece: a peer that stalls longer,
+    // announces more than 1023 x 4096 bytes or needs 1024 pieces gets
+    // "RESEND_MESSAGE" and its connection closed ("DP-DISCONNECT"). Returns
+    // only when select fails (2); ends the process when the port cannot be
+    // owned or a receive buffer cannot be allocated.
     // Once the ready entry is queued the loop writes nothing that
     // setClientAddr or ipcWrite read, and reads nothing they write, so the
     // queue's consumer may answer on this object while the loop runs; a
@@ -143,6 +147,18 @@ protected:
     void sockServeClient(ipcServerState &state, int32_t fd, int32_t slot);
     // One send of length bytes on a client connection, under _sockClientLock.
     ssize_t sockSendClient(int fd, const char *buffer, int32_t length);
+    // The slot an accepted connection takes: the lowest free one below the
+    // last, or -1. The scan after select never reports the last slot, so a
+    // connection there would never be read.
+    int32_t sockAcceptIndex();
+    // Closes the connection in slot on the server's side and queues its
+    // "DP-DISCONNECT".
+    void sockDisconnect(ipcServerState &state, int32_t fd, int32_t slot);
+    // Receives and drops every datagram waiting in fd, without blocking.
+    void sockDrainUDP(int32_t fd);
+    // Puts a fresh socket behind the descriptor _sockUDP; false when none
+    // could be opened (the old socket is then kept).
+    bool sockRenewUDP();
 
     // The server loop's severity (0, 1, 2) once the receive thread runs: the
     // constructor's last writes and the loop's meet here, so both go through
