@@ -23,6 +23,8 @@ ZEVD_TRACE_UNIT(unitZevdsock);
 std::atomic<int32_t> ipcSock::_envVarsInit{0};
 std::atomic<int32_t> ipcSock::_envDCHUDPInit{0};
 char ipcSock::_envDCHname[IPC_DCH_NAME_SIZE];
+struct sockaddr_in ipcSock::_envDCHaddress;
+std::atomic<int32_t> ipcSock::_envDCHresolved{0};
 std::atomic<uint16_t> ipcSock::_envPortNo{IPC_DEFAULT_DCH_PORT};
 std::atomic<int32_t> ipcSock::_envDCHtimeout{IPC_DEFAULT_DCH_TIMEOUT};
 std::atomic<int32_t> ipcSock::_envTRAPEMIT{0};
@@ -228,6 +230,14 @@ void ipcSock::getEnvVariables() {
     }
     _envPortNo.store(port);
     ZEVD_TRACE(trc, TRACE_DETAIL, "Assigned DCH port number to %d\n", port);
+
+    // Resolved here once and kept: resolving for every client would read
+    // the resolver's files on every request. Clients take the port from
+    // _envPortNo, which the DCH's own port search may still change.
+    _envDCHresolved.store(_envDCHname[0] != '\0' &&
+                                  ZEV0_ConvertNameToAddr(_envDCHname, port, &_envDCHaddress) != 0
+                              ? 1
+                              : 0);
 
     _envDCHtimeout.store(dchTimeout != nullptr ? atoi(dchTimeout) : IPC_DEFAULT_DCH_TIMEOUT);
 
@@ -1096,10 +1106,14 @@ int32_t ipcSock::IPCClient(void * /*addr*/, int32_t connectTo, int32_t typeOfSer
             }
             if (_sockError == 0) {
                 ZEVD_TRACE(trc, TRACE_DETAIL, "Using DCH port number: %d\n", _envPortNo.load());
-                if (ZEV0_ConvertNameToAddr(_envDCHname, _envPortNo.load(), &_sockAddress) == 0) {
+                // The address resolved with the configuration, at today's port.
+                if (_envDCHresolved.load() == 0) {
                     ZEVD_TRACE(trc, TRACE_ERROR, "Error: ZEV0_ConvertNameToAddr failed for[%s]\n",
                                _envDCHname);
                     _sockError = 1;
+                } else {
+                    _sockAddress = _envDCHaddress;
+                    _sockAddress.sin_port = htons(_envPortNo.load());
                 }
             }
         }

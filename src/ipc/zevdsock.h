@@ -184,6 +184,11 @@ protected:
     static std::atomic<int32_t> _envVarsInit;
     static std::atomic<int32_t> _envDCHUDPInit;
     static char _envDCHname[IPC_DCH_NAME_SIZE];
+    // _envDCHname resolved once, with the configuration; the port is set
+    // from _envPortNo for each client. _envDCHresolved is 0 when the name
+    // did not resolve.
+    static struct sockaddr_in _envDCHaddress;
+    static std::atomic<int32_t> _envDCHresolved;
     static std::atomic<uint16_t> _envPortNo;
     static std::atomic<int32_t> _envDCHtimeout;
     static std::atomic<int32_t> _envTRAPEMIT;
