@@ -234,7 +234,8 @@ bool DCHclient::readResponse(zevd::TraceFrame &trc, long *status, const char *wa
     ZEVD_TRACE(trc, TRACE_DETAIL, waiting, static_cast<void *>(_ipcClient), timeout);
     _readBuffer = nullptr;
     int32_t got = _ipcClient->ipcRead(&_readBuffer, timeout);
-    if (got < 1) {
+    // A positive count without a buffer is a message cut short: no response.
+    if (got < 1 || _readBuffer == nullptr) {
         // Kept: only a wait of one second is reported. The companion text
         // "Error: ipcRead with wait[%d seconds] failed\n" is never written.
         if (timeout == 1)

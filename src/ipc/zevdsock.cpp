@@ -4,10 +4,12 @@
 #include "ipc/zevdsock.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -50,6 +52,8 @@ constexpr uint32_t kMaxMessageLength =
     static_cast<uint32_t>(IPC_MAX_DATAGRAMS) * static_cast<uint32_t>(IPC_DATAGRAM_SIZE);
 // Size of the label buffers of the address trace lines.
 constexpr int kLabelSize = 64;
+// The most datagrams a borrower drops from a socket before using it.
+constexpr int kMostDrained = 4096;
 
 // True when fd may go into an fd_set: FD_SET outside this range writes past
 // the set.
@@ -334,7 +338,44 @@ int32_t ipcSock::allocateIPC() {
         }
     }
     ZEVA_ReleaseLock(&_UDPSockLock, this);
+    // What an earlier exchange left behind must not be read as this
+    // borrower's answer.
+    if (result >= 0) sockDrainUDP(result);
     return trc.exit(result);
+}
+
+void ipcSock::sockDrainUDP(int32_t fd) {
+    ZEVD_TRACE_LEVEL("ipcSock::allocateIPC");
+    char scrap[IPC_DATAGRAM_SIZE];
+    // Bounded: a sender that floods the socket cannot hold the borrower.
+    for (int i = 0; i < kMostDrained; ++i) {
+        ssize_t got = recv(fd, scrap, sizeof scrap, MSG_DONTWAIT | MSG_TRUNC);
+        if (got < 0) break;
+        ZEVD_TRACE(trc, TRACE_DETAIL,
+                   "Note: dropped a datagram of %d bytes left in UDP socket %d\n",
+                   static_cast<int>(got), fd);
+    }
+}
+
+bool ipcSock::sockRenewUDP() {
+    ZEVD_TRACE_LEVEL("ipcSock::releaseIPC");
+    struct sockaddr_in address;
+    memset(&address, 0, sizeof address);
+    int error = 0;
+    int fresh = ZEV0_OpenLocalSocket(2, 0, &address, 0, &error, 0);
+    // dup3 closes the old socket and keeps the descriptor's number, which
+    // the pool and this object both hold.
+    if (fresh < 0 || dup3(fresh, _sockUDP, O_CLOEXEC) < 0) {
+        ZEVD_TRACE(trc, TRACE_ERROR, "Error: UDP socket %d could not be renewed. errno=%d\n",
+                   _sockUDP, fresh < 0 ? error : errno);
+        if (fresh >= 0) ZEV0_CloseTheSocket(fresh);
+        return false;
+    }
+    ZEV0_CloseTheSocket(fresh);
+    ZEVD_TRACE(trc, TRACE_DETAIL,
+               "Note: UDP socket %d renewed: its last read handed over no complete message.\n",
+               _sockUDP);
+    return true;
 }
 
 int32_t ipcSock::releaseIPC() {
@@ -354,6 +395,10 @@ int32_t ipcSock::releaseIPC() {
         int32_t count = _UDPSocketsInPool.load();
         for (int32_t i = 0; i < count; ++i) {
             if (list[i].sockUDP == _sockUDP) {
+                // Still lent to this object while the lock is held: no
+                // borrower can meet the socket half renewed.
+                if (_sockReadIncomplete && _sockUDP >= 0 && sockRenewUDP())
+                    _sockReadIncomplete = false;
                 list[i].inUse = 0;
                 ZEVD_TRACE(trc, TRACE_DETAIL, "[%d] UDP Socket %d made available for use.\n", i,
                            _sockUDP);
@@ -1167,6 +1212,10 @@ int32_t ipcSock::ipcRead(char **buffer, int32_t wait) {
     // Further waits after a wait that timed out; once used up, a time-out
     // ends the read.
     int32_t retriesLeft = std::max(ipcGetRetryRead(), 0);
+    // Until a complete message is handed over, its answer may still come.
+    _sockReadIncomplete = true;
+    // After a failed select (a signal, say) the receive must not block.
+    int receiveFlags = 0;
 
     for (;;) {
         if (ipcBufCount > IPC_MAX_DATAGRAMS - 1) {
@@ -1202,7 +1251,10 @@ int32_t ipcSock::ipcRead(char **buffer, int32_t wait) {
             bytesRead = -1;
             // A socket that select cannot watch is not received from either.
             if (!fitsSelectSet(_sockUDP)) break;
-            // Otherwise the receive is attempted all the same, as designed.
+            // Otherwise the receive is attempted all the same, but without
+            // waiting: a signal must not turn a bounded read into an endless
+            // one.
+            receiveFlags = MSG_DONTWAIT;
         } else if (count == 0) {
             if (retriesLeft > 0) {
                 --retriesLeft;
@@ -1237,10 +1289,11 @@ int32_t ipcSock::ipcRead(char **buffer, int32_t wait) {
         memset(piece, 0, IPC_DATAGRAM_SIZE);
         struct sockaddr_in sender;
         socklen_t senderLen = sizeof sender;
-        bytesRead = static_cast<int32_t>(recvfrom(_sockUDP, piece, IPC_DATAGRAM_SIZE, 0,
+        bytesRead = static_cast<int32_t>(recvfrom(_sockUDP, piece, IPC_DATAGRAM_SIZE, receiveFlags,
                                                   reinterpret_cast<struct sockaddr *>(&sender),
                                                   &senderLen));
         int recvErrno = errno;
+        receiveFlags = 0;
 
         if (bytesRead < 1) {
             if (ZEV0_IsValidPointer(piece)) {
@@ -1303,6 +1356,7 @@ int32_t ipcSock::ipcRead(char **buffer, int32_t wait) {
             // Handed over without a copy: an 8192-byte block of which the
             // first totalLen bytes are the message.
             *buffer = ipcBufArray[0].buffer;
+            _sockReadIncomplete = false;
         } else {
             auto *completeBuffer = new (std::nothrow) char[totalRead];
             if (completeBuffer == nullptr) {
@@ -1325,6 +1379,7 @@ int32_t ipcSock::ipcRead(char **buffer, int32_t wait) {
                     offset += ipcBufArray[i].length;
                 }
                 *buffer = completeBuffer;
+                _sockReadIncomplete = false;
                 for (int32_t i = 0; i < ipcBufCount; ++i) {
                     if (ZEV0_IsValidPointer(ipcBufArray[i].buffer)) {
                         ZEVD_TRACE(trc, TRACE_STORAGE, "Deleting ipcBufArray[%i]: @%p\n", i,

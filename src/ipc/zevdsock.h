@@ -98,11 +98,15 @@ public:
     // A UDP socket for this object: from the pool (waiting, possibly without
     // end, while every pooled socket is lent out) or newly made. -999 when
     // the pool cannot be used; the negative result of socket creation
-    // without the pool.
+    // without the pool. A pooled socket is lent empty: whatever waits in it
+    // is received and dropped first.
     int32_t allocateIPC() override;
     // Gives _sockUDP back to the pool and wakes one waiting borrower. 0 on
     // success and for an object without the pool switch (its destructor
-    // closes the socket); 1 when the socket is not the pool's.
+    // closes the socket); 1 when the socket is not the pool's. A pooled
+    // socket whose last read handed over no complete message is renewed
+    // first (same descriptor, a new socket behind it), so that an answer
+    // arriving late finds no socket instead of the next borrower.
     int32_t releaseIPC() override;
     // The configured DCH time-out, passed through 16 bits on purpose: values
     // above 32767 come back negative.
@@ -173,6 +177,9 @@ protected:
     struct sockaddr_in _sockAddress = {};
     int32_t _sockAddressLen = sizeof(struct sockaddr_in);
     int32_t _useFromSockPool = 0;
+    // True when the last ipcRead handed over no complete message: its
+    // answer may still arrive, so the socket is not lent again as it is.
+    bool _sockReadIncomplete = false;
     // Held around every send on a client connection (ipcWrite) and around
     // the server loop's closing of one, so that a worker's answer is never
     // sent on a descriptor while the loop closes it.

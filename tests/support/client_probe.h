@@ -53,19 +53,6 @@ std::vector<char> hostBytes(T v) {
     return out;
 }
 
-// Throws away whatever waits on the pooled UDP sockets, so that no answer
-// left over from one case is read by the next.
-inline void drainPooledSockets() {
-    const UDPSockElement *list = ipcSockProbe::pool();
-    if (list == nullptr) return;
-    char scrap[65536];
-    for (int i = 0; i < ipcSockProbe::poolSize(); ++i) {
-        if (list[i].sockUDP < 0) continue;
-        for (int n = 0; n < 10000; ++n)
-            if (recv(list[i].sockUDP, scrap, sizeof scrap, MSG_DONTWAIT) < 0) break;
-    }
-}
-
 // Bytes given as hex pairs, blanks ignored: "00 10 00 00".
 inline std::vector<char> hexBytes(const std::string &hex) {
     std::vector<char> out;

@@ -23,7 +23,6 @@ protected:
             << "run through ctest, which sets ZEVA_DCH_TIMEOUT=" << dchTimeout_;
         dch_ = &FakeDch::instance();
         dch_->reset();
-        drainPooledSockets();
     }
 
     FakeDch &dch() { return *dch_; }
