@@ -7,10 +7,12 @@
 #include <pthread.h>
 
 #include <cstdint>
+#include <new>
 
 #include "common/message.h"
 #include "common/trace.h"
 #include "ipc/zevdipc.h"
+#include "zev0.h"
 
 // The process-wide mutexes of the data-consumer waits, made by
 // DCH_api_init and destroyed by DCH_api_destroy.
@@ -99,5 +101,29 @@ protected:
     int32_t _error = 0;
     uint16_t _interruptPort = 0;
 };
+
+namespace zevd {
+
+// The wrapper shared by the exported request functions: a client with
+// (interrupt 0, pool 1) for the one call. A client that could not be made
+// gives 1.
+template <typename Request>
+int withClient(zevd::TraceFrame &trc, bool checkValid, Request request) {
+    auto *client = new (std::nothrow) DCHclient(0, 1);
+    if (client == nullptr) return 1;
+    int result = request(*client);
+    if (checkValid && ZEV0_IsValidPointer(client) == 0) {
+        ZEVD_TRACE(trc, TRACE_ERROR, "Error: client object @%p is no longer valid\n",
+                   static_cast<void *>(client));
+        return result;
+    }
+    delete client;
+    return result;
+}
+
+// Takes the status of a caller that passed none.
+inline thread_local long ignoredStatus;
+
+}  // namespace zevd
 
 #endif  // ZEVD_CLIENT_ZEVDCHCL_H
