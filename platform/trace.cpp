@@ -7,6 +7,7 @@
 
 #include <fcntl.h>
 #include <unistd.h>
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -37,8 +38,7 @@ struct TraceState {
     TraceFunctionRecord *records = nullptr;  // linked through their link words
     unsigned int generation = 1;
 
-    std::mutex outputLock;  // destination of lines
-    int fd = STDERR_FILENO;
+    std::mutex outputLock;  // destination of lines, with outputFd below
     bool ownsFd = false;
     TLG1_Sink sink = nullptr;
     void *sinkCtx = nullptr;
@@ -48,6 +48,12 @@ TraceState &state() {
     static TraceState *s = new TraceState;  // never destroyed: lines may come from exit handlers
     return *s;
 }
+
+// What an unlocked line needs, readable without taking a lock: the file's
+// descriptor (changed only under outputLock) and the local zone's offset
+// from UTC in seconds, as the last local time computed had it.
+std::atomic<int> outputFd{STDERR_FILENO};
+std::atomic<long> utcOffset{0};
 
 std::once_flag initOnce;
 
@@ -104,14 +110,19 @@ bool parseLevels(std::string_view text, unsigned int *mask) {
     return true;
 }
 
-std::string unitToken(const TraceUnit *unit) {
+// The unit's file name without directory and extension; never allocates.
+std::string_view unitName(const TraceUnit *unit) {
     if (unit == nullptr || unit->fileName == nullptr) return "?";
     std::string_view name(unit->fileName);
     size_t slash = name.rfind('/');
     if (slash != std::string_view::npos) name.remove_prefix(slash + 1);
     size_t dot = name.find('.');
     if (dot != std::string_view::npos) name = name.substr(0, dot);
-    return std::string(name);
+    return name;
+}
+
+std::string unitToken(const TraceUnit *unit) {
+    return std::string(unitName(unit));
 }
 
 unsigned int lookup(const std::vector<ScopeLevel> &levels, const std::string &unit,
@@ -137,8 +148,8 @@ unsigned int lookup(const std::vector<ScopeLevel> &levels, const std::string &un
 void openDestination(TraceState &s, std::vector<std::string> *complaints) {
     const char *path = getenv("ZEVA_TRACE_FILE");
     std::lock_guard<std::mutex> guard(s.outputLock);
-    if (s.ownsFd) close(s.fd);
-    s.fd = STDERR_FILENO;
+    if (s.ownsFd) close(outputFd.load(std::memory_order_relaxed));
+    outputFd.store(STDERR_FILENO, std::memory_order_relaxed);
     s.ownsFd = false;
     if (path == nullptr || path[0] == '\0' || strcmp(path, "-") == 0) return;
     int fd = open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
@@ -147,7 +158,7 @@ void openDestination(TraceState &s, std::vector<std::string> *complaints) {
                               ">: " + strerror(errno) + ", writing to standard error\n");
         return;
     }
-    s.fd = fd;
+    outputFd.store(fd, std::memory_order_relaxed);
     s.ownsFd = true;
 }
 
@@ -189,6 +200,7 @@ void appendPrefix(std::string &out, const TraceFunctionRecord *rec, int line) {
     struct tm local;
     time_t seconds = now.tv_sec;
     localtime_r(&seconds, &local);
+    utcOffset.store(local.tm_gmtoff, std::memory_order_relaxed);
     char head[128];
     int n = snprintf(head, sizeof head, "%04d-%02d-%02d %02d:%02d:%02d.%06ld %ld.%ld ",
                      local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour,
@@ -223,6 +235,11 @@ void complain(const std::vector<std::string> &complaints) {
 }
 
 void initFromEnvironment() {
+    // The zone's offset for unlocked lines, before any line computes it.
+    struct tm local;
+    time_t now = time(nullptr);
+    if (localtime_r(&now, &local) != nullptr)
+        utcOffset.store(local.tm_gmtoff, std::memory_order_relaxed);
     std::vector<std::string> complaints;
     openDestination(state(), &complaints);
     configure(getenv("ZEVA_TRACE"), &complaints);
@@ -231,6 +248,115 @@ void initFromEnvironment() {
 
 void ensureInit() {
     std::call_once(initOnce, initFromEnvironment);
+}
+
+// Writes the bytes to fd: one write(2) unless the kernel cuts it.
+void writeWhole(int fd, const char *p, size_t left) {
+    while (left > 0) {
+        ssize_t n = write(fd, p, left);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return;
+        p += n;
+        left -= static_cast<size_t>(n);
+    }
+}
+
+// Longest unlocked line, its newline included; a longer one is cut.
+constexpr size_t kUnlockedLineSize = 2048;
+
+// A line built on the stack for TLG1_WriteUnlocked: no allocation, no lock,
+// nothing from the C library that may take one. Pieces are cut at the end
+// of the buffer, which keeps room for the final newline.
+class StackLine {
+public:
+    void add(std::string_view piece) {
+        size_t room = sizeof _text - 1 - _used;
+        size_t n = piece.size() < room ? piece.size() : room;
+        memcpy(_text + _used, piece.data(), n);
+        _used += n;
+    }
+    void add(char c) { add(std::string_view(&c, 1)); }
+    // value in decimal, with leading zeros to width digits.
+    void addNumber(long long value, int width = 1) {
+        char digits[24];
+        int n = 0;
+        unsigned long long magnitude = value < 0 ? 0ULL - static_cast<unsigned long long>(value)
+                                                 : static_cast<unsigned long long>(value);
+        do {
+            digits[n++] = static_cast<char>('0' + magnitude % 10);
+            magnitude /= 10;
+        } while (magnitude != 0);
+        while (n < width && n < static_cast<int>(sizeof digits)) digits[n++] = '0';
+        if (value < 0) add('-');
+        while (n > 0) add(digits[--n]);
+    }
+    // Ends the line with a newline unless it has one.
+    void end() {
+        if (_used == 0 || _text[_used - 1] != '\n') _text[_used++] = '\n';
+    }
+    const char *data() const { return _text; }
+    size_t size() const { return _used; }
+
+private:
+    char _text[kUnlockedLineSize];
+    size_t _used = 0;
+};
+
+// The civil date of a day counted from 1970-01-01 (proleptic Gregorian).
+void civilDate(long long day, long long *year, int *month, int *dayOfMonth) {
+    day += 719468;  // from 0000-03-01, so that a leap day ends its year
+    const long long era = (day >= 0 ? day : day - 146096) / 146097;
+    const long long dayOfEra = day - era * 146097;  // [0, 146096]
+    const long long yearOfEra =
+        (dayOfEra - dayOfEra / 1460 + dayOfEra / 36524 - dayOfEra / 146096) / 365;  // [0, 399]
+    const long long dayOfYear = dayOfEra - (365 * yearOfEra + yearOfEra / 4 - yearOfEra / 100);
+    const long long shifted = (5 * dayOfYear + 2) / 153;  // month counted from March
+    *dayOfMonth = static_cast<int>(dayOfYear - (153 * shifted + 2) / 5 + 1);
+    *month = static_cast<int>(shifted < 10 ? shifted + 3 : shifted - 9);
+    *year = yearOfEra + era * 400 + (*month <= 2 ? 1 : 0);
+}
+
+// The prefix of appendPrefix, without localtime_r (which locks): the local
+// time comes from the zone offset that the last locked line recorded.
+void addUnlockedPrefix(StackLine &out, const TraceFunctionRecord *rec, int line) {
+    struct timeval now;
+    gettimeofday(&now, nullptr);
+    long long seconds =
+        static_cast<long long>(now.tv_sec) + utcOffset.load(std::memory_order_relaxed);
+    long long day = seconds / 86400;
+    long long second = seconds % 86400;
+    if (second < 0) {
+        second += 86400;
+        --day;
+    }
+    long long year;
+    int month;
+    int dayOfMonth;
+    civilDate(day, &year, &month, &dayOfMonth);
+    out.addNumber(year, 4);
+    out.add('-');
+    out.addNumber(month, 2);
+    out.add('-');
+    out.addNumber(dayOfMonth, 2);
+    out.add(' ');
+    out.addNumber(second / 3600, 2);
+    out.add(':');
+    out.addNumber(second / 60 % 60, 2);
+    out.add(':');
+    out.addNumber(second % 60, 2);
+    out.add('.');
+    out.addNumber(static_cast<long long>(now.tv_usec), 6);
+    out.add(' ');
+    out.addNumber(static_cast<long long>(getpid()));
+    out.add('.');
+    out.addNumber(static_cast<long long>(syscall(SYS_gettid)));
+    out.add(' ');
+    out.add(unitName(rec != nullptr ? rec->unit : nullptr));
+    out.add(' ');
+    out.add((rec != nullptr && rec->name != nullptr) ? rec->name : "?");
+    out.add(':');
+    out.addNumber(line);
+    out.add(' ');
 }
 
 }  // namespace
@@ -243,15 +369,7 @@ void emitLine(std::string &line) {
         s.sink(s.sinkCtx, line.data(), line.size());
         return;
     }
-    const char *p = line.data();
-    size_t left = line.size();
-    while (left > 0) {  // one write(2) for the whole line unless the kernel cuts it
-        ssize_t n = write(s.fd, p, left);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return;
-        p += n;
-        left -= static_cast<size_t>(n);
-    }
+    writeWhole(outputFd.load(std::memory_order_relaxed), line.data(), line.size());
 }
 
 void formatLine(std::string &out, const TraceFunctionRecord *rec, int line, const char *fmt,
@@ -316,6 +434,20 @@ void TLG1_Event(TraceFunctionRecord *rec, int line, int kind, ...) {
     }
     va_end(ap);
     zev0::emitLine(out);
+}
+
+// Writes text as one line to the trace file in one write(2), its prefix
+// built by hand. Meant for a forked child, which may find the trace's locks
+// held for ever by threads that did not follow it: it takes no lock,
+// allocates nothing and calls no localtime_r. It never calls the sink, which
+// may lock (and in a child belongs to the parent): with a sink set, the line
+// still goes to the file (standard error before the facility's first use).
+void TLG1_WriteUnlocked(const TraceFunctionRecord *rec, int line, const char *text) {
+    zev0::StackLine out;
+    zev0::addUnlockedPrefix(out, rec, line);
+    out.add(text != nullptr ? text : "(null)");
+    out.end();
+    zev0::writeWhole(zev0::outputFd.load(std::memory_order_relaxed), out.data(), out.size());
 }
 
 void TLG1_Configure(const char *levels) {

@@ -9,14 +9,17 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <map>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "support/trace_capture.h"
@@ -238,6 +241,80 @@ TEST_F(StartProcessTest, ProgramFoundNowhereLeavesAChildThatReturnsZero) {
     }
     EXPECT_EQ(execErrors, 1) << readFile(traceFile);
     EXPECT_EQ(startedLines, 1) << readFile(traceFile);
+}
+
+// Lines that reached the sink. The sink runs under the trace's output lock.
+std::atomic<long> sunkLines{0};
+
+void countLine(void * /*ctx*/, const char * /*line*/, size_t /*len*/) {
+    sunkLines.fetch_add(1, std::memory_order_relaxed);
+}
+
+TEST_F(StartProcessTest, ChildOfABusyThreadedCallerWritesItsLinesAndEnds) {
+    constexpr int kChildren = 100;
+    const std::string name = "zevd-no-such-provider";
+    setenv("PATH", pathDir_.c_str(), 1);
+    // The other thread's lines and the parent's go to the sink; a child's,
+    // written without the lock, go to the file.
+    const std::string traceFile = workDir_ + "/trace.log";
+    created_.push_back(traceFile);
+    setenv("ZEVA_TRACE_FILE", traceFile.c_str(), 1);
+    setenv("ZEVA_TRACE", "error ZEVA_StartDPprocess=error+entry", 1);
+    TLG1_Configure(nullptr);
+    TLG1_SetSink(countLine, nullptr);
+
+    // A thread that holds the output lock as often as it can, so that some
+    // forks happen while it holds it.
+    std::atomic<bool> stop{false};
+    std::thread writer([&stop] {
+        static TraceUnit unit = {0, "", "", "busy.cpp", "TEST", nullptr, 0};
+        static TraceFunctionRecord rec = {nullptr, "busy", 4, 1,
+                                          &unit,   0x200,  0, TLG1_NEVER_SYNCED};
+        for (long i = 0; !stop.load(std::memory_order_relaxed); ++i)
+            TLG1_Printf(&rec, 1, "busy %ld", i);
+    });
+    for (int i = 0; i < 1000 && sunkLines.load() == 0; ++i) poll(nullptr, 0, 1);
+
+    std::vector<pid_t> children;
+    for (int i = 0; i < kChildren; ++i) {
+        int pid = ZEVA_StartDPprocess(name.c_str());
+        if (pid == 0) _exit(kNotStarted);  // the child: at once, before anything else
+        if (pid < 0) {
+            ADD_FAILURE() << "fork " << i << " failed";
+            break;
+        }
+        int status = waitForChild(pid);
+        if (status == -1) {
+            // Once is enough: each further one would cost the whole wait.
+            ADD_FAILURE() << "child " << i << " (" << pid << ") did not end within " << kWaitMs
+                          << " ms";
+            break;
+        }
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == kNotStarted)
+            << "child " << i << ": " << status;
+        children.push_back(pid);
+    }
+    stop = true;
+    writer.join();
+    TLG1_SetSink(nullptr, nullptr);
+    unsetenv("ZEVA_TRACE_FILE");
+    unsetenv("ZEVA_TRACE");
+    TLG1_Configure(nullptr);  // back to standard error
+    ASSERT_EQ(children.size(), static_cast<size_t>(kChildren));
+    EXPECT_GT(sunkLines.load(), 0);
+
+    // Every child wrote its error line and its exit event, whole. (A pid
+    // used twice carries the lines of both children.)
+    std::map<long, std::vector<std::string>> expected;
+    for (pid_t pid : children) {
+        expected[pid].push_back("Error: EXEC " + name + " failed: errno=" + std::to_string(ENOENT));
+        expected[pid].push_back("Exit: 0x0");
+    }
+    std::map<long, std::vector<std::string>> written;
+    std::istringstream in(readFile(traceFile));
+    for (std::string line; std::getline(in, line);)
+        written[linePid(line)].push_back(zevd::test::traceText(line));
+    EXPECT_EQ(written, expected) << readFile(traceFile);
 }
 
 }  // namespace

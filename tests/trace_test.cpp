@@ -3,8 +3,10 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <deque>
 #include <fstream>
 #include <mutex>
@@ -261,6 +263,128 @@ TEST(TraceFileTest, EnvironmentSwitchesTraceOnForSetInstanceName) {
         EXPECT_EQ(zevd::test::traceText(lines[i]), expected[i]);
     }
     unlink(path.c_str());
+}
+
+// --- lines written without the facility's locks ------------------------
+
+namespace {
+
+// The lines of a trace file, each with its newline.
+std::vector<std::string> fileLines(const std::string &path) {
+    std::ifstream in(path);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(in, line);) lines.push_back(line + "\n");
+    return lines;
+}
+
+// "YYYY-MM-DD HH:MM:SS.uuuuuu pid.tid": what two lines written at once by
+// one thread share but for the time.
+std::string stampOf(const std::string &line) {
+    return line.substr(0, 26);
+}
+std::string idsOf(const std::string &line) {
+    size_t end = line.find(' ', 27);
+    return line.substr(27, end - 27);
+}
+
+// Writes an ordinary line, an unlocked one and another ordinary one to a
+// fresh trace file at path, and checks the unlocked one against the other
+// two: same format, same ids, a time between theirs. Returns the file's
+// lines.
+std::vector<std::string> unlockedBetweenOrdinary(const std::string &path) {
+    unlink(path.c_str());
+    setenv("ZEVA_TRACE_FILE", path.c_str(), 1);
+    TLG1_Configure(nullptr);
+    TraceFunctionRecord &rec = makeRecord("ipcSock::ipcRead", &sockUnit);
+    TLG1_Printf(&rec, 10, "before");
+    TLG1_WriteUnlocked(&rec, 11, "unlocked <abc>");
+    TLG1_Printf(&rec, 12, "after");
+    unsetenv("ZEVA_TRACE_FILE");
+    TLG1_Configure(nullptr);
+    std::vector<std::string> lines = fileLines(path);
+    unlink(path.c_str());
+    EXPECT_EQ(lines.size(), 3u);
+    if (lines.size() != 3) return lines;
+    EXPECT_TRUE(std::regex_match(lines[1], kLineFormat)) << lines[1];
+    EXPECT_NE(lines[1].find(" zevdsock ipcSock::ipcRead:11 unlocked <abc>\n"), std::string::npos)
+        << lines[1];
+    EXPECT_EQ(idsOf(lines[1]), idsOf(lines[0])) << lines[0] << lines[1];
+    EXPECT_LE(stampOf(lines[0]), stampOf(lines[1])) << lines[0] << lines[1];
+    EXPECT_LE(stampOf(lines[1]), stampOf(lines[2])) << lines[1] << lines[2];
+    return lines;
+}
+
+}  // namespace
+
+TEST(TraceUnlockedTest, LineHasThePrefixOfEveryOtherLine) {
+    std::string path = ::testing::TempDir() + "trace_unlocked_" + std::to_string(getpid()) + ".log";
+    unlockedBetweenOrdinary(path);
+}
+
+TEST(TraceUnlockedTest, LocalTimeFollowsTheZoneOfTheOtherLines) {
+    // The local time is computed from the offset the facility recorded, in
+    // zones east and west of UTC, one of them by half an hour.
+    for (const char *zone : {"ZZZ-5:30", "ZZZ+11", "ZZZ-14"}) {
+        std::string path = ::testing::TempDir() + "trace_zone_" + std::to_string(getpid()) + ".log";
+        EXPECT_EXIT(
+            {
+                setenv("TZ", zone, 1);
+                tzset();
+                std::vector<std::string> lines = unlockedBetweenOrdinary(path);
+                const ::testing::TestResult *result =
+                    ::testing::UnitTest::GetInstance()->current_test_info()->result();
+                for (int i = 0; i < result->total_part_count(); ++i)
+                    if (result->GetTestPartResult(i).failed()) {
+                        fprintf(stderr, "%s\n", result->GetTestPartResult(i).message());
+                        std::exit(1);
+                    }
+                std::exit(0);
+            },
+            ::testing::ExitedWithCode(0), "")
+            << zone;
+    }
+}
+
+TEST(TraceUnlockedTest, GoesToTheFileEvenWithASink) {
+    std::string path =
+        ::testing::TempDir() + "trace_unlocked_sink_" + std::to_string(getpid()) + ".log";
+    unlink(path.c_str());
+    setenv("ZEVA_TRACE_FILE", path.c_str(), 1);
+    TLG1_Configure(nullptr);
+    {
+        TraceCapture capture("all");
+        TraceFunctionRecord &rec = makeRecord("f", &sockUnit);
+        TLG1_WriteUnlocked(&rec, 1, "not for the sink\n");
+        EXPECT_TRUE(capture.lines().empty()) << capture.joined();
+    }
+    unsetenv("ZEVA_TRACE_FILE");
+    TLG1_Configure(nullptr);
+    std::vector<std::string> lines = fileLines(path);
+    unlink(path.c_str());
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(zevd::test::traceText(lines[0]), "not for the sink\n");  // one newline only
+}
+
+TEST(TraceUnlockedTest, NullTextAndOverlongText) {
+    std::string path =
+        ::testing::TempDir() + "trace_unlocked_long_" + std::to_string(getpid()) + ".log";
+    unlink(path.c_str());
+    setenv("ZEVA_TRACE_FILE", path.c_str(), 1);
+    TLG1_Configure(nullptr);
+    TraceFunctionRecord &rec = makeRecord("f", nullptr);
+    TLG1_WriteUnlocked(&rec, -3, nullptr);
+    const std::string longText(5000, 'x');
+    TLG1_WriteUnlocked(&rec, 2, longText.c_str());
+    unsetenv("ZEVA_TRACE_FILE");
+    TLG1_Configure(nullptr);
+    std::vector<std::string> lines = fileLines(path);
+    unlink(path.c_str());
+    ASSERT_EQ(lines.size(), 2u);
+    // No unit: "?", as ordinary lines have it.
+    EXPECT_NE(lines[0].find(" ? f:-3 (null)\n"), std::string::npos) << lines[0];
+    // Cut, but still one whole line.
+    EXPECT_EQ(lines[1].size(), 2048u);
+    EXPECT_NE(lines[1].find(" ? f:2 xxx"), std::string::npos) << lines[1];
 }
 
 // --- the frame used by every traced function of the library -----------

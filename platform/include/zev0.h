@@ -90,6 +90,8 @@ typedef void (*TLG1_Sink)(void *ctx, const char *line, size_t len);
 /* Sends whole lines (with their newline) to sink instead of the file; NULL
  * goes back to the file. */
 ZEV0_EXPORT void TLG1_SetSink(TLG1_Sink sink, void *ctx);
+/* For a forked child: text as one line to the file, one write(2), no lock or malloc, no sink. */
+ZEV0_EXPORT void TLG1_WriteUnlocked(const TraceFunctionRecord *rec, int line, const char *text);
 
 /* ------------------------------------------------------------------ */
 /* Environment and sleep                                               */

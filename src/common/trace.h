@@ -82,6 +82,13 @@ public:
             TLG1_Event(rec_, at.line, TLG1_EVENT_EXIT);
         }
     }
+    // Hands the exit event to the caller, who writes it some other way (a
+    // forked child writes its own without locking): true when it was owed.
+    bool takeExit() {
+        bool owed = owed_;
+        owed_ = false;
+        return owed;
+    }
 
 private:
     template <typename T>

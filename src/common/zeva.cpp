@@ -40,6 +40,42 @@ const char *orEmpty(const char *s) {
     return s != nullptr ? s : "";
 }
 
+// A text built in a buffer of the caller's without allocating or locking,
+// as a forked child must: each piece is cut at the buffer's end, and the
+// text always ends with a zero.
+class FixedText {
+public:
+    template <size_t N>
+    explicit FixedText(char (&buffer)[N]) : _buffer(buffer), _size(N) {
+        buffer[0] = '\0';
+    }
+    FixedText &add(const char *text) {
+        while (*text != '\0' && _used + 1 < _size) _buffer[_used++] = *text++;
+        _buffer[_used] = '\0';
+        return *this;
+    }
+    FixedText &add(long value) {
+        char digits[24];
+        int n = 0;
+        unsigned long magnitude =
+            value < 0 ? 0UL - static_cast<unsigned long>(value) : static_cast<unsigned long>(value);
+        do {
+            digits[n++] = static_cast<char>('0' + magnitude % 10);
+            magnitude /= 10;
+        } while (magnitude != 0);
+        if (value < 0) digits[n++] = '-';
+        char text[sizeof digits + 1];
+        for (int i = 0; i < n; ++i) text[i] = digits[n - 1 - i];
+        text[n] = '\0';
+        return add(text);
+    }
+
+private:
+    char *_buffer;
+    size_t _size;
+    size_t _used = 0;
+};
+
 }  // namespace
 
 // Reads ZEVA_VERBOSE once; every call resets the switch from the remembered
@@ -312,8 +348,25 @@ extern "C" ZEVD_EXPORT int ZEVA_StartDPprocess(const char *executableName) {
     } else {
         execlp(path, name, static_cast<char *>(nullptr));
         execlp(name, name, static_cast<char *>(nullptr));
-        ZEVD_TRACE(trc, TRACE_ERROR, "Error: EXEC %s failed: errno=%d\n", name, errno);
-        failed = true;
+        long error = errno;
+        // The child of a threaded caller may find the trace's locks held for
+        // ever by threads that did not follow the fork: its lines are
+        // written without locking or allocating.
+        if (trc.on(TRACE_ERROR)) {
+            char text[1024];
+            FixedText(text)
+                .add("Error: EXEC ")
+                .add(name)
+                .add(" failed: errno=")
+                .add(error)
+                .add("\n");
+            TLG1_WriteUnlocked(trc.record(), __LINE__, text);
+        }
+        // The exit event with the result, 0, as TLG1_Event would write it.
+        if (trc.takeExit()) TLG1_WriteUnlocked(trc.record(), __LINE__, "Exit: 0x0");
+        // Kept: a child that could start neither program returns 0 and goes on
+        // running the caller.
+        return 0;
     }
     // Kept at the error level: the success line is always seen.
     if (!failed) ZEVD_TRACE(trc, TRACE_ERROR, "Child process <%s> started successfully\n", name);
