@@ -158,8 +158,8 @@ ZEVD_EXPORT int dp_register(long *status, const char *registration);
 /* Brings an attribute group of an application online for a source
  * (names of at most 20, 32 and 32 characters); *handle receives the handle
  * under which rows are sent. */
-ZEVD_EXPORT int dp_online(long *status, long *handle, const char *applName,
-                          const char *attrGroup, const char *sourceName);
+ZEVD_EXPORT int dp_online(long *status, long *handle, const char *applName, const char *attrGroup,
+                          const char *sourceName);
 ZEVD_EXPORT int dp_offline(long *status, long handle);
 ZEVD_EXPORT int dp_unregister(long *status, const char *applName);
 /* Unfinished: nothing is sent; *status is 0. */
@@ -182,6 +182,40 @@ ZEVD_EXPORT int dp_data(long *status, long handle, short dataFlag, char **workBu
  * setting for the response. */
 ZEVD_EXPORT int dp_actionData(long *status, long handle, short dataFlag, char **workBuffer,
                               short timeout, short retry);
+
+/* ------------------------------------------------------------------ */
+/* Data waits. A consumer registers its interest in one attribute group of
+ * one application, then waits for the messages the DCH forwards for it.
+ *
+ * Initialize returns the client (NULL on failure; names of at most 20 and 32
+ * characters), which the caller keeps until Destroy. */
+ZEVD_EXPORT void *dc_waitOnDataInitialize(const char *applName, const char *attrGroup);
+/* Blocks without a time limit until a message arrives (copied whole,
+ * length word first, into buffer; buflen is narrowed to 16 bits and must
+ * hold it) or a cancel does (its 22-byte datagram is copied). 0: data; -1:
+ * cancelled, and from then on for every wait of this client; 1: error (the
+ * client stays failed). A signal ends the wait with the flag unchanged and
+ * nothing copied. */
+ZEVD_EXPORT int dc_waitOnData(void *clientObject, char *buffer, int buflen);
+/* Wakes the thread waiting on the client, from any other thread; a cancel
+ * with no waiter is kept for the next wait. 0 when sent, 1 otherwise. */
+ZEVD_EXPORT int dc_waitOnDataCancel(void *clientObject);
+/* Withdraws the interest and frees the client: the withdraw's result (0, 1,
+ * or -1 on a cancelled client), 1 for NULL. */
+ZEVD_EXPORT int dc_waitOnDataDestroy(void *clientObject);
+
+/* Data-provider status waits.
+ *
+ * Initialize returns the client, NULL on failure. */
+ZEVD_EXPORT void *dc_waitForDPStatusInitialize(void);
+/* Blocks for ever until the DCH reports a provider's status; returns the
+ * line "appl,group,source,host[,info],requestType" in a static buffer shared
+ * by every caller and overwritten by the next call, or NULL (NULL client, or
+ * a failed read or malformed report, after which the client stays failed:
+ * destroy it and make another). */
+ZEVD_EXPORT char *dc_waitForDPStatus(void *clientObject);
+/* Withdraws and frees the client: 0 or 1; 1 for NULL. */
+ZEVD_EXPORT int dc_waitForDPStatusDestroy(void *clientObject);
 
 #ifdef __cplusplus
 }

@@ -20,6 +20,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/blocked_thread.h"
 #include "support/client_probe.h"
 #include "support/fake_dch.h"
 #include "support/fake_dch_fixture.h"
@@ -255,6 +256,9 @@ TEST_F(ClientLateAnswerTest, SignalDuringTheReadEndsTheCallWithinItsTimeOut) {
     std::thread caller([&] { done.set_value(dp_offline(&status, 7)); });
     uint16_t port = zevd::test::waitingReadPort(capture);
     ASSERT_NE(port, 0);
+    // Signalled once it sits in select, not a moment before.
+    ASSERT_TRUE(zevd::test::waitBlockedInSelect(
+        zevd::test::tracedThread(capture, "Waiting on SELECT: UDP["), std::chrono::seconds(10)));
     auto signalled = std::chrono::steady_clock::now();
     pthread_kill(caller.native_handle(), SIGUSR1);
     bool ended = result.wait_for(std::chrono::seconds(1 + 2)) == std::future_status::ready;

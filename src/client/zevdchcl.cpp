@@ -179,6 +179,16 @@ bool DCHclient::writeRequest(zevd::TraceFrame &trc, const char *buffer, uint32_t
     return true;
 }
 
+bool DCHclient::writeOnly(zevd::TraceFrame &trc, const zevd::MessageBuilder &request,
+                          const DCHrequestTexts &texts) {
+    long status = ZEVD_STATUS_OK;  // these requests hand back no status word
+    if (!request.ok()) {
+        refuseRequest(trc, request.failedType(), &status, texts);
+        return false;
+    }
+    return writeRequest(trc, request.buffer(), request.length(), &status, texts);
+}
+
 void DCHclient::refuseRequest(zevd::TraceFrame &trc, int fieldType, long *status,
                               const DCHrequestTexts &texts) {
     ZEVD_TRACE(trc, TRACE_ERROR, "Error: %s does not fit in the %d-byte request buffer\n",

@@ -6,6 +6,7 @@
 
 #include <pthread.h>
 
+#include <atomic>
 #include <cstdint>
 #include <new>
 
@@ -19,6 +20,39 @@
 extern pthread_mutex_t _dc_waitOnDataLock;
 extern pthread_mutex_t _dc_waitOnDataCancelLock;
 extern pthread_mutex_t _dc_waitForDPStatusLock;
+
+class DCHclient;
+// The last client each wait family's Initialize made; only ever written.
+extern DCHclient *client_waitOnData;
+extern DCHclient *client_waitForDPStatus;
+// Size of the status line buffer shared by every dc_waitForDPStatus caller.
+inline constexpr int kStatusLineSize = 4096;
+extern char dc_waitForDPStatusBUF[kStatusLineSize];
+// Keeps a client whose Initialize failed: never freed (kept so), but still
+// reachable.
+void keepAbandonedClient(DCHclient *client);
+
+// The client's error flag. A data wait and the cancel from another thread
+// both read and write it, so every access is a relaxed atomic one.
+class DCHerrorFlag {
+public:
+    DCHerrorFlag(int32_t value = 0) : value_(value) {}  // NOLINT(google-explicit-constructor)
+    DCHerrorFlag(const DCHerrorFlag &other) : value_(static_cast<int32_t>(other)) {}
+    DCHerrorFlag &operator=(const DCHerrorFlag &other) {
+        *this = static_cast<int32_t>(other);
+        return *this;
+    }
+    DCHerrorFlag &operator=(int32_t value) {
+        value_.store(value, std::memory_order_relaxed);
+        return *this;
+    }
+    operator int32_t() const {  // NOLINT(google-explicit-constructor)
+        return value_.load(std::memory_order_relaxed);
+    }
+
+private:
+    std::atomic<int32_t> value_;
+};
 
 // Texts that tell one request's exchange from another's in the trace.
 struct DCHrequestTexts {
@@ -62,6 +96,20 @@ public:
                       const void *attrValue, long valueSize, char attrType);
     int dp_data(long *status, long handle, short dataFlag, char **workBuffer);
 
+    // Data waits: register interest in a group (nothing is answered), wait
+    // for a forwarded message or a cancel, cancel from another thread,
+    // withdraw. Each returns the error flag: 0, 1, or -1 once cancelled.
+    int dc_waitOnDataInitialize(const char *applName, const char *attrGroup);
+    int dc_waitOnData(char *buffer, short buflen);
+    int dc_waitOnDataCancel();
+    int dc_waitOnDataDestroy();
+
+    // Status waits: register, wait for ever for one status report (the line
+    // in the client's request buffer, or NULL), withdraw.
+    int dc_waitForDPStatusInitialize();
+    char *dc_waitForDPStatus();
+    int dc_waitForDPStatusDestroy();
+
     int error() const { return _error; }
 
 protected:
@@ -79,6 +127,10 @@ protected:
     // The walk over the response just read; never leaves it.
     zevd::FieldReader responseReader() const;
     void freeReadBuffer(zevd::TraceFrame &trc);
+    // Writes a request that has no response (the waits' register and
+    // withdraw messages); false after a failed write (error 1).
+    bool writeOnly(zevd::TraceFrame &trc, const zevd::MessageBuilder &request,
+                   const DCHrequestTexts &texts);
     // Reads the status field of a data-provider response: copies it into the
     // status word and writes statusLine, or reports it missing and sets the
     // status to lacking.
@@ -98,7 +150,7 @@ protected:
     int32_t _interruptFD = IPC_NO_SOCKET;
     int32_t _DCHtimeout = 30;
     int32_t _ipcReadTimeout = 30;
-    int32_t _error = 0;
+    DCHerrorFlag _error = 0;
     uint16_t _interruptPort = 0;
 };
 
