@@ -198,7 +198,8 @@ ZEVD_EXPORT void *dc_waitOnDataInitialize(const char *applName, const char *attr
  * nothing copied. */
 ZEVD_EXPORT int dc_waitOnData(void *clientObject, char *buffer, int buflen);
 /* Wakes the thread waiting on the client, from any other thread; a cancel
- * with no waiter is kept for the next wait. 0 when sent, 1 otherwise. */
+ * with no waiter is kept for the next wait. 0 when sent (-1 when the client
+ * was cancelled before), 1 otherwise. */
 ZEVD_EXPORT int dc_waitOnDataCancel(void *clientObject);
 /* Withdraws the interest and frees the client: the withdraw's result (0, 1,
  * or -1 on a cancelled client), 1 for NULL. */
