@@ -21,6 +21,7 @@
 #include "support/client_probe.h"
 #include "support/fake_dch.h"
 #include "support/fake_dch_fixture.h"
+#include "support/fresh_process.h"
 #include "support/sock_pair.h"
 #include "support/trace_capture.h"
 #include "support/wait_for.h"
@@ -136,6 +137,16 @@ TEST_F(ClientDataWaitTest, InitializeRegistersAndDestroyWithdrawsWithoutReadingA
     EXPECT_TRUE(capture.hasText("Writing dc_waitOnDataDestroy message. " +
                                 std::to_string(expected.size()) + " bytes\n"));
     EXPECT_TRUE(hasLine(capture, "Deleting DCHclient object @P\n"));
+    // Entry and exit events with the returned value, under the C:: names.
+    std::vector<std::string> initialize = capture.textsOf("C::dc_waitOnDataInitialize");
+    ASSERT_GE(initialize.size(), 2u);
+    EXPECT_EQ(initialize.front(), "Entry\n");
+    EXPECT_EQ(initialize.back(), "Exit: " + zevd::test::pointerText(client) + "\n");
+    std::vector<std::string> destroy = capture.textsOf("C::dc_waitOnDataDestroy");
+    ASSERT_GE(destroy.size(), 2u);
+    EXPECT_EQ(destroy.front(), "Entry\n");
+    EXPECT_EQ(destroy.back(), "Exit: 0x0\n");
+    EXPECT_EQ(capture.textsOf("DCHclient::dc_waitOnDataDestroy").back(), "Exit: 0x0\n");
 }
 
 TEST_F(ClientDataWaitTest, OverLongNamesFailInitializeAndSendNothing) {
@@ -413,6 +424,32 @@ TEST_F(ClientDataWaitTest, InitializeFromEightThreadsAtOnceGivesEightClients) {
             << group;
     }
     for (void *client : clients) EXPECT_EQ(dc_waitOnDataDestroy(client), 0);
+}
+
+// The LPC transport carries nothing: its wait and cancel are left unbuilt on
+// purpose. In a fresh process, where no socket transport chose the kind
+// first.
+TEST(ClientDataWaitLpcTest, LpcWaitAndCancelReportThatTheyAreUnfinished) {
+    ZEVD_IN_FRESH_PROCESS({
+        setenv("ZEVA_DCH_IPCTYPE", "2", 1);
+        TraceCapture capture("zevdchcl=all");
+        // The LPC write moves nothing, so Initialize fails.
+        EXPECT_EQ(dc_waitOnDataInitialize("appl", "group"), nullptr);
+        EXPECT_TRUE(
+            capture.hasText("Error: writing dc_waitOnDataInitialize message to DCHserver\n"))
+            << capture.joined();
+        auto *waiting = new zevd::test::DCHclientProbe(1, 0);
+        auto *cancelling = new zevd::test::DCHclientProbe(1, 0);
+        capture.clear();
+        char buffer[16];
+        EXPECT_EQ(waiting->dc_waitOnData(buffer, sizeof buffer), 1);
+        EXPECT_EQ(cancelling->dc_waitOnDataCancel(), 1);
+        // Exactly so: no "Error: " and no line end.
+        EXPECT_EQ(capture.count("FINISH ME UP!!!!"), 2u) << capture.joined();
+        EXPECT_FALSE(capture.contains("Error: FINISH")) << capture.joined();
+        delete waiting;
+        delete cancelling;
+    });
 }
 
 }  // namespace
