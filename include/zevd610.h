@@ -218,6 +218,36 @@ ZEVD_EXPORT char *dc_waitForDPStatus(void *clientObject);
 /* Withdraws and frees the client: 0 or 1; 1 for NULL. */
 ZEVD_EXPORT int dc_waitForDPStatusDestroy(void *clientObject);
 
+/* ------------------------------------------------------------------ */
+/* Catalogue queries. Each asks the DCH and waits up to wait seconds
+ * (narrowed to 16 bits). 0: *buffer is the DCH's text, zero-terminated, in a
+ * malloc block the caller frees, and *length its length; 1: *buffer NULL and
+ * *length 0. The name is optional (NULL: all) for dc_getApplications only.
+ * (A block that could not be allocated reads as 0 with *buffer NULL.) */
+ZEVD_EXPORT int dc_getApplications(int *length, char **buffer, const char *applName, int wait);
+ZEVD_EXPORT int dc_getApplAttributes(int *length, char **buffer, const char *applName, int wait);
+ZEVD_EXPORT int dc_getApplHelp(int *length, char **buffer, const char *applName, int wait);
+/* Asks the DCH to send its application names to the status waiters; reads
+ * nothing. 0, or -1 when it could not be written. */
+ZEVD_EXPORT int dc_sendApplNameList(void);
+
+/* Actions and deferred reports. */
+/* Hands an action to the DCH for its provider (texts may be NULL; the
+ * parameters are traced only up to a " LOGONID="). 0 when written, 1
+ * otherwise. */
+ZEVD_EXPORT int dc_provideAction(short actionType, const char *actionOwner, const char *actionNode,
+                                 const char *subNode, const char *actionName, long actionID,
+                                 short actionUTF8, const char *actionParms);
+/* Waits up to the DCH time-out for the action's result: the DCH's status, -1
+ * on any failure (and for a status of -1), 1 when no client could be made. */
+ZEVD_EXPORT int dc_waitForActionResults(long actionID);
+/* Ties a report request to an action; the object's address travels cut to
+ * 32 bits and is never dereferenced. 0 when written (or when no client could
+ * be made), 1 on a write failure. */
+ZEVD_EXPORT int dc_deferReportRequest(void *peltoObject, long actionID, long currentTime,
+                                      const char *applKey, const char *tableName,
+                                      const char *sourceName);
+
 #ifdef __cplusplus
 }
 #endif

@@ -82,4 +82,30 @@ TEST(ClientAllocTest, LPCTransportThatCannotBeAllocatedFailsTheRequest) {
     });
 }
 
+// A client object that cannot be had: each consumer call says so, and the
+// three action calls give their own results (1, 1 and 0: kept, a caller
+// cannot tell them from answers).
+TEST(ClientAllocTest, ConsumerCallsWithoutAClientGiveTheirOwnResults) {
+    ZEVD_IN_FRESH_PROCESS({
+        setenv("ZEVA_DCH_IPCTYPE", "2", 1);
+        TraceCapture capture("error");
+        int length = -1;
+        char *text = reinterpret_cast<char *>(&length);
+        failObjectOfSize = sizeof(DCHclient);
+        EXPECT_EQ(dc_getApplications(&length, &text, nullptr, 1), 1);
+        EXPECT_EQ(text, nullptr);
+        EXPECT_EQ(length, 0);
+        failObjectOfSize = sizeof(DCHclient);
+        EXPECT_EQ(dc_sendApplNameList(), 0);
+        failObjectOfSize = sizeof(DCHclient);
+        EXPECT_EQ(dc_provideAction(1, "o", "n", "s", "a", 1, 0, nullptr), 1);
+        failObjectOfSize = sizeof(DCHclient);
+        EXPECT_EQ(dc_waitForActionResults(1), 1);
+        failObjectOfSize = sizeof(DCHclient);
+        EXPECT_EQ(dc_deferReportRequest(nullptr, 1, 0, "k", "t", "s"), 0);
+        EXPECT_EQ(failObjectOfSize.load(), 0u);
+        EXPECT_EQ(capture.count("Error: allocating DCHclient."), 5u) << capture.joined();
+    });
+}
+
 }  // namespace

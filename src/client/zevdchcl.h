@@ -22,6 +22,7 @@ extern pthread_mutex_t _dc_waitOnDataCancelLock;
 extern pthread_mutex_t _dc_waitForDPStatusLock;
 
 class DCHclient;
+struct DCHqueryTexts;
 // The last client each wait family's Initialize made; only ever written.
 extern DCHclient *client_waitOnData;
 extern DCHclient *client_waitForDPStatus;
@@ -110,6 +111,23 @@ public:
     char *dc_waitForDPStatus();
     int dc_waitForDPStatusDestroy();
 
+    // Catalogue queries: the length of the DCH's text, handed over in a
+    // malloc buffer through *buffer; 0 on most failures.
+    int dc_getApplications(char **buffer, const char *applName, int wait);
+    int dc_getApplAttributes(char **buffer, const char *applName, int wait);
+    int dc_getApplHelp(char **buffer, const char *applName, int wait);
+    // Asks the DCH to send its application names on; 0 or -1. Reads nothing.
+    int dc_sendApplNameList();
+
+    // Actions and deferred reports. provideAction and deferReportRequest
+    // return the error flag; waitForActionResults the DCH's result, or -1.
+    int dc_provideAction(short actionType, const char *actionOwner, const char *actionNode,
+                         const char *subNode, const char *actionName, long actionID,
+                         short actionUTF8, const char *actionParms);
+    int dc_waitForActionResults(long actionID);
+    int dc_deferReportRequest(void *peltoObject, long actionID, long currentTime,
+                              const char *applKey, const char *tableName, const char *sourceName);
+
     int error() const { return _error; }
 
 protected:
@@ -127,6 +145,9 @@ protected:
     // The walk over the response just read; never leaves it.
     zevd::FieldReader responseReader() const;
     void freeReadBuffer(zevd::TraceFrame &trc);
+    // The body the three catalogue queries share.
+    int catalogueQuery(zevd::TraceFrame &trc, const DCHqueryTexts &texts, char **buffer,
+                       const char *applName, int wait);
     // Writes a request that has no response (the waits' register and
     // withdraw messages); false after a failed write (error 1).
     bool writeOnly(zevd::TraceFrame &trc, const zevd::MessageBuilder &request,
