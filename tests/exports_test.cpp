@@ -43,6 +43,32 @@ TEST(ExportsTest, OnlyPublicNamesAreExported) {
     EXPECT_FALSE(has("VX_Debug_Initialize")) << "only VX_Debug calls it";
 }
 
+TEST(ExportsTest, EveryExternalFunctionIsExported) {
+    auto symbols = commandLines(std::string("nm -D --defined-only ") + ZEVD_SHARED_LIBRARY +
+                                " | awk '$2 == \"T\" {print $3}'");
+    const char *const functions[] = {
+        // The frame.
+        "DCH_api_init", "DCH_api_destroy", "DCH_shutdown",
+        // Data providers.
+        "dp_register", "dp_online", "dp_offline", "dp_unregister", "dp_cancel", "dp_waitForAction",
+        "dp_provideActionResults", "dp_formatData", "dp_data", "dp_actionData",
+        // Data consumers.
+        "dc_waitOnDataInitialize", "dc_waitOnData", "dc_waitOnDataCancel", "dc_waitOnDataDestroy",
+        "dc_waitForDPStatusInitialize", "dc_waitForDPStatus", "dc_waitForDPStatusDestroy",
+        "dc_getApplications", "dc_getApplAttributes", "dc_getApplHelp", "dc_sendApplNameList",
+        "dc_provideAction", "dc_waitForActionResults", "dc_deferReportRequest",
+        // The helpers.
+        "VX_Debug", "ZEVA_GetIPCtype", "ZEVA_GetLock", "ZEVA_ReleaseLock",
+        "ZEVA_GetEnvVarsInitLock", "ZEVA_SetInstanceName", "ZEVA_GetInstanceName",
+        "ZEVA_SetSubnodeName", "ZEVA_GetSrcNameFromSubNodeName", "ZEVA_GetApplKeyFromSubNodeName",
+        "ZEVA_ComputeChecksumOnAttrGroup", "ZEVA_validateHelpText", "ZEVA_StartDPprocess"};
+    for (const char *name : functions) {
+        bool found = false;
+        for (const auto &symbol : symbols) found = found || symbol == name;
+        EXPECT_TRUE(found) << name << " is not exported by " << ZEVD_SHARED_LIBRARY;
+    }
+}
+
 TEST(ExportsTest, SonameIsVersionSix) {
     auto lines = commandLines(std::string("readelf -d ") + ZEVD_SHARED_LIBRARY + " | grep SONAME");
     ASSERT_EQ(lines.size(), 1u);
