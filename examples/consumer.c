@@ -2,9 +2,11 @@
  * consumer: a data consumer that follows one attribute group of one
  * application and the comings and goings of every provider.
  *
- * It registers a data wait for APPL GROUP (default: demo disk, the group that
- * examples/provider.c sends) and a provider status wait, then prints each
- * status line and each row the DCH forwards, field by field, until Ctrl-C.
+ * It first asks the DCH's catalogue for the applications it knows and for
+ * the attributes and help texts of APPL. Then it registers a data wait for
+ * APPL GROUP (default: demo disk, the group that examples/provider.c sends)
+ * and a provider status wait, and prints each status line and each row the
+ * DCH forwards, field by field, until Ctrl-C.
  * It talks to the DCH named by the same environment variables as every
  * program linked with libzevd610:
  *
@@ -118,6 +120,20 @@ static void printRow(char *message) {
     fflush(stdout);
 }
 
+/* Seconds a catalogue query waits for the DCH's answer. */
+#define CATALOGUE_WAIT 5
+
+/* Prints one catalogue text under a title. The text is the DCH's, in a
+ * malloc block that is ours to free. */
+static void printCatalogue(const char *title, int result, int length, char *text) {
+    printf("%s:\n", title);
+    if (result == 0 && text != NULL)
+        printf("%.*s\n", length, text);
+    else
+        printf("  (no answer)\n");
+    free(text);
+}
+
 /* Prints every provider status line as it comes. The status wait has no
  * cancel: the thread ends with the process. */
 static void *followStatus(void *statusClient) {
@@ -153,6 +169,19 @@ int main(int argc, char **argv) {
     pthread_sigmask(SIG_BLOCK, &signals, NULL);
 
     DCH_api_init();
+
+    int length = 0;
+    char *text = NULL;
+    int result = dc_getApplications(&length, &text, NULL, CATALOGUE_WAIT);
+    printCatalogue("applications", result, length, text);
+    text = NULL;
+    result = dc_getApplAttributes(&length, &text, appl, CATALOGUE_WAIT);
+    printCatalogue("attributes", result, length, text);
+    text = NULL;
+    result = dc_getApplHelp(&length, &text, appl, CATALOGUE_WAIT);
+    printCatalogue("help", result, length, text);
+    fflush(stdout);
+
     dataClient = dc_waitOnDataInitialize(appl, group);
     void *statusClient = dc_waitForDPStatusInitialize();
     if (dataClient == NULL || statusClient == NULL) {
@@ -170,7 +199,6 @@ int main(int argc, char **argv) {
 
     /* Large enough for any message the DCH forwards (32 datagrams). */
     static char buffer[32767];
-    int result;
     while ((result = dc_waitOnData(dataClient, buffer, (int)sizeof buffer)) == 0) printRow(buffer);
     /* -1: cancelled; 0 would mean a signal ended the wait, which cannot
      * happen here with every signal blocked. */

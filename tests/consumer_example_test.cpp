@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -83,6 +84,11 @@ std::vector<char> dataWait(uint32_t status) {
 TEST(ConsumerExampleTest, PrintsStatusLinesAndRowsAndEndsCleanlyOnSigint) {
     FakeDch &dch = FakeDch::instance();  // sets ZEVA_DCH_ADDR and ZEVA_DCH_PORT
     dch.reset();
+    // The catalogue's three answers, in the order asked; the waits'
+    // registers get none.
+    for (const char *text : {"demo\nother", "disk,mount,D,64", "disk,mount,Mount point"})
+        dch.reply(
+            DchMessage().raw(DCH_response, std::vector<char>(text, text + strlen(text))).bytes());
     int pipeFDs[2];
     ASSERT_EQ(pipe(pipeFDs), 0);
     posix_spawn_file_actions_t actions;
@@ -98,6 +104,13 @@ TEST(ConsumerExampleTest, PrintsStatusLinesAndRowsAndEndsCleanlyOnSigint) {
     ChildOutput output(pipeFDs[0]);
 
     EXPECT_TRUE(output.waitFor("waiting for rows of demo disk\n", kLimit)) << output.text();
+    EXPECT_EQ(output.text().rfind("applications:\ndemo\nother\n"
+                                  "attributes:\ndisk,mount,D,64\n"
+                                  "help:\ndisk,mount,Mount point\n"
+                                  "waiting for rows of demo disk\n",
+                                  0),
+              0u)
+        << output.text();
     uint16_t dataPort = senderOf(dch, dataWait(1));
     uint16_t statusPort = senderOf(dch, WireMessage()
                                             .int16(DCH_requestType, ZEVD_REQ_DC_WAIT_FOR_DP_STATUS)
