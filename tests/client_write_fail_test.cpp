@@ -135,4 +135,29 @@ TEST_F(ClientWriteFailTest, ActionDataFreesTheRowAndDoesNotWait) {
     EXPECT_EQ(readLines(capture), 0u) << capture.joined();
 }
 
+TEST_F(ClientWriteFailTest, ActionResultsStillWaitAfterAFailedWriteAndGiveMinusOne) {
+    TraceCapture capture("error,ipcSock::ipcRead=detail");
+    // Kept: the wait follows the failed write, and ends by its time-out.
+    EXPECT_EQ(dc_waitForActionResults(7), -1);
+    EXPECT_TRUE(capture.hasText("Error: writing dc_waitForActionResults message to DCHserver\n"))
+        << capture.joined();
+    EXPECT_GT(readLines(capture), 0u);
+    EXPECT_TRUE(capture.hasText("Error: ipcRead with wait[1 second] failed\n"));
+}
+
+TEST_F(ClientWriteFailTest, ConsumerRequestsWithoutAnAnswerFailAtOnce) {
+    TraceCapture capture("error,ipcSock::ipcRead=detail");
+    EXPECT_EQ(dc_provideAction(1, "o", "n", "s", "a", 1, 0, nullptr), 1);
+    EXPECT_TRUE(capture.hasText("Error: dc_provideAction failed.\n")) << capture.joined();
+    EXPECT_EQ(dc_deferReportRequest(nullptr, 1, 0, "k", "t", "s"), 1);
+    // Kept without a line end.
+    EXPECT_TRUE(capture.hasText("Error: writing dc_deferReportRequest message to DCHserver"));
+    EXPECT_EQ(dc_sendApplNameList(), -1);
+    int length = -1;
+    char *text = nullptr;
+    EXPECT_EQ(dc_getApplications(&length, &text, nullptr, 1), 1);
+    EXPECT_EQ(text, nullptr);
+    EXPECT_EQ(readLines(capture), 0u);
+}
+
 }  // namespace
