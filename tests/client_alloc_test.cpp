@@ -12,34 +12,13 @@
 #include "client/zevdchcl.h"
 #include "ipc/zevdlpc.h"
 #include "ipc/zevdsock.h"
+#include "support/alloc_failure.h"
 #include "support/fresh_process.h"
 #include "support/trace_capture.h"
 #include "zevd610.h"
 
-// Allocation failures on demand: the next nothrow allocation of exactly the
-// armed size fails. The library allocates with new (std::nothrow) only.
-namespace {
-std::atomic<size_t> failArrayOfSize{0};
-std::atomic<size_t> failObjectOfSize{0};
-
-void *allocateOrFail(std::atomic<size_t> &armed, size_t size, bool array) {
-    size_t expected = size;
-    if (size != 0 && armed.compare_exchange_strong(expected, 0)) return nullptr;
-    try {
-        return array ? ::operator new[](size) : ::operator new(size);
-    } catch (...) {
-        return nullptr;
-    }
-}
-}  // namespace
-
-void *operator new[](std::size_t size, const std::nothrow_t &) noexcept {
-    return allocateOrFail(failArrayOfSize, size, true);
-}
-
-void *operator new(std::size_t size, const std::nothrow_t &) noexcept {
-    return allocateOrFail(failObjectOfSize, size, false);
-}
+using zevd::test::failArrayOfSize;
+using zevd::test::failObjectOfSize;
 
 namespace {
 
