@@ -39,6 +39,19 @@ const DCHrequestTexts kDestroyTexts = {
     "Writing dc_waitOnDataDestroy message. %d bytes\n", nullptr,
     "Error: writing dc_waitOnDataDestroy message to DCHserver\n"};
 
+// The register (status 1) or withdraw (status 0) of a data wait, built in
+// buffer; neither is answered.
+zevd::MessageBuilder interestMessage(char *buffer, const char *applName, const char *attrGroup,
+                                     int32_t status) {
+    zevd::MessageBuilder request(buffer);
+    request.clear();
+    request.add16(DCH_requestType, ZEVD_REQ_DC_WAIT_ON_DATA);
+    request.addString(DCH_applName, applName);
+    request.addString(DCH_attrGroup, attrGroup);
+    request.add32(DCH_status, status);
+    return request;
+}
+
 }  // namespace
 
 void keepAbandonedClient(DCHclient *client) {
@@ -79,14 +92,8 @@ int DCHclient::dc_waitOnDataInitialize(const char *applName, const char *attrGro
     // Kept without a line end.
     ZEVD_TRACE(trc, TRACE_DETAIL, "Assigned applName <%s> attrGroup <%s>", _applName, _attrGroup);
 
-    zevd::MessageBuilder request(_message);
-    request.clear();
-    request.add16(DCH_requestType, ZEVD_REQ_DC_WAIT_ON_DATA);
-    request.addString(DCH_applName, _applName);
-    request.addString(DCH_attrGroup, _attrGroup);
-    request.add32(DCH_status, 1);  // 1 registers the interest
-    // No response: what the DCH forwards arrives later, unsolicited.
-    writeOnly(trc, request, kInitializeTexts);
+    // What the DCH forwards arrives later, unsolicited.
+    writeOnly(trc, interestMessage(_message, _applName, _attrGroup, 1), kInitializeTexts);
     return trc.exit(static_cast<int>(_error));
 }
 
@@ -249,13 +256,7 @@ int DCHclient::dc_waitOnDataDestroy() {
     ZEVD_TRACE_FUNCTION("DCHclient::dc_waitOnDataDestroy");
     // Sent also after a cancel (-1); a client in error (1) sends nothing.
     if (_error < 1) {
-        zevd::MessageBuilder request(_message);
-        request.clear();
-        request.add16(DCH_requestType, ZEVD_REQ_DC_WAIT_ON_DATA);
-        request.addString(DCH_applName, _applName);
-        request.addString(DCH_attrGroup, _attrGroup);
-        request.add32(DCH_status, 0);  // 0 withdraws the interest
-        writeOnly(trc, request, kDestroyTexts);
+        writeOnly(trc, interestMessage(_message, _applName, _attrGroup, 0), kDestroyTexts);
     }
     return trc.exit(static_cast<int>(_error));
 }

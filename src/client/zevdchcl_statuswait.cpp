@@ -43,6 +43,16 @@ void copyField(const zevd::FieldReader &reader, char *out, size_t size) {
     memcpy(out, reader.value(), length);
 }
 
+// The register (status 1) or withdraw (status 0) of a status wait, built in
+// buffer; neither is answered.
+zevd::MessageBuilder statusInterestMessage(char *buffer, int32_t status) {
+    zevd::MessageBuilder request(buffer);
+    request.clear();
+    request.add16(DCH_requestType, ZEVD_REQ_DC_WAIT_FOR_DP_STATUS);
+    request.add32(DCH_status, status);
+    return request;
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------------------
@@ -52,12 +62,8 @@ void copyField(const zevd::FieldReader &reader, char *out, size_t size) {
 int DCHclient::dc_waitForDPStatusInitialize() {
     ZEVD_TRACE_FUNCTION("DCHclient::dc_waitForDPStatusInitialize");
     if (_error < 1) {
-        zevd::MessageBuilder request(_message);
-        request.clear();
-        request.add16(DCH_requestType, ZEVD_REQ_DC_WAIT_FOR_DP_STATUS);
-        request.add32(DCH_status, 1);  // 1 registers
-        // No response: the reports come later, unsolicited.
-        writeOnly(trc, request, kInitializeTexts);
+        // The reports come later, unsolicited.
+        writeOnly(trc, statusInterestMessage(_message, 1), kInitializeTexts);
     }
     return trc.exit(static_cast<int>(_error));
 }
@@ -154,11 +160,7 @@ int DCHclient::dc_waitForDPStatusDestroy() {
     ZEVD_TRACE_FUNCTION("DCHclient::dc_waitForDPStatusDestroy");
     // A poisoned client sends no withdraw.
     if (_error < 1) {
-        zevd::MessageBuilder request(_message);
-        request.clear();
-        request.add16(DCH_requestType, ZEVD_REQ_DC_WAIT_FOR_DP_STATUS);
-        request.add32(DCH_status, 0);  // 0 withdraws
-        writeOnly(trc, request, kDestroyTexts);
+        writeOnly(trc, statusInterestMessage(_message, 0), kDestroyTexts);
     }
     return trc.exit(static_cast<int>(_error));
 }
