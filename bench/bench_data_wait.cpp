@@ -30,6 +30,7 @@
 #include <thread>
 #include <vector>
 
+#include "percentiles.h"
 #include "support/free_port.h"
 #include "support/loopback.h"
 #include "zevd610.h"
@@ -97,19 +98,6 @@ private:
     bool _stopped = false;
 };
 
-// Median and 99th percentile of the latencies, in microseconds.
-void reportPercentiles(benchmark::State &state, std::vector<double> &micros) {
-    if (micros.empty()) return;
-    std::sort(micros.begin(), micros.end());
-    auto at = [&](double q) {
-        size_t i = static_cast<size_t>(q * static_cast<double>(micros.size() - 1) + 0.5);
-        return micros[std::min(i, micros.size() - 1)];
-    };
-    state.counters["median_us"] = at(0.50);
-    state.counters["p99_us"] = at(0.99);
-    state.counters["messages"] = static_cast<double>(micros.size());
-}
-
 // Sends the messages from fd to to on a thread of its own, each when the
 // benchmark's thread asks for it, and times each from its send to the return
 // of receive (which fills the buffer and returns the message's length, or
@@ -145,7 +133,7 @@ void oneWay(benchmark::State &state, int fd, const struct sockaddr_in &to, Recei
     }
     handoff.stop();
     sender.join();
-    reportPercentiles(state, micros);
+    zevd::bench::reportPercentiles(state, micros, "messages");
 }
 
 void BM_RawUdpOneWayFloor(benchmark::State &state) {

@@ -28,6 +28,7 @@
 #include <vector>
 
 #include "client/zevdchcl.h"
+#include "percentiles.h"
 #include "support/loopback.h"
 #include "zevd610.h"
 
@@ -188,19 +189,6 @@ public:
     void peer(const struct sockaddr_in *to) { _ipcClient->setClientAddr(to, sizeof *to); }
 };
 
-// Median and 99th percentile of the round trips, in microseconds.
-void reportPercentiles(benchmark::State &state, std::vector<double> &micros) {
-    if (micros.empty()) return;
-    std::sort(micros.begin(), micros.end());
-    auto at = [&](double q) {
-        size_t i = static_cast<size_t>(q * static_cast<double>(micros.size() - 1) + 0.5);
-        return micros[std::min(i, micros.size() - 1)];
-    };
-    state.counters["median_us"] = at(0.50);
-    state.counters["p99_us"] = at(0.99);
-    state.counters["round_trips"] = static_cast<double>(micros.size());
-}
-
 using Clock = std::chrono::steady_clock;
 
 double microsSince(Clock::time_point start) {
@@ -237,7 +225,7 @@ void rawPingPong(benchmark::State &state, uint16_t port) {
         }
     }
     close(fd);
-    reportPercentiles(state, micros);
+    zevd::bench::reportPercentiles(state, micros, "round_trips");
 }
 
 const Child &echoPeer() {
@@ -282,7 +270,7 @@ void BM_DpOnlineRoundTrip(benchmark::State &state) {
             break;
         }
     }
-    reportPercentiles(state, micros);
+    zevd::bench::reportPercentiles(state, micros, "round_trips");
 }
 BENCHMARK(BM_DpOnlineRoundTrip)->Iterations(kRoundTrips)->UseRealTime();
 
@@ -311,7 +299,7 @@ void BM_DpOnlineClientWithEchoPeer(benchmark::State &state) {
             break;
         }
     }
-    reportPercentiles(state, micros);
+    zevd::bench::reportPercentiles(state, micros, "round_trips");
 }
 BENCHMARK(BM_DpOnlineClientWithEchoPeer)->Iterations(kRoundTrips)->UseRealTime();
 
