@@ -397,17 +397,9 @@ TEST_F(ClientDataWaitTest, TwoWaitsInOneProcessEachGetTheirOwnData) {
 
 TEST_F(ClientDataWaitTest, InitializeFromEightThreadsAtOnceGivesEightClients) {
     constexpr int kThreads = 8;
-    std::vector<void *> clients(kThreads, nullptr);
-    std::vector<std::thread> threads;
-    std::atomic<int> ready{0};
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([&, t] {
-            ready.fetch_add(1);
-            while (ready.load() < kThreads) std::this_thread::yield();
-            clients[t] = dc_waitOnDataInitialize("appl", ("group" + std::to_string(t)).c_str());
-        });
-    }
-    for (std::thread &thread : threads) thread.join();
+    std::vector<void *> clients = zevd::test::fromThreadsAtOnce(kThreads, [](int t) {
+        return dc_waitOnDataInitialize("appl", ("group" + std::to_string(t)).c_str());
+    });
     std::set<void *> distinct(clients.begin(), clients.end());
     EXPECT_EQ(distinct.size(), static_cast<size_t>(kThreads));
     EXPECT_EQ(distinct.count(nullptr), 0u);

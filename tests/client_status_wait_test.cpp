@@ -269,17 +269,8 @@ TEST_F(ClientStatusWaitTest, TwoClientsInOneProcessShareTheLineBuffer) {
 
 TEST_F(ClientStatusWaitTest, InitializeFromEightThreadsAtOnceGivesEightClients) {
     constexpr int kThreads = 8;
-    std::vector<void *> clients(kThreads, nullptr);
-    std::vector<std::thread> threads;
-    std::atomic<int> ready{0};
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([&, t] {
-            ready.fetch_add(1);
-            while (ready.load() < kThreads) std::this_thread::yield();
-            clients[t] = dc_waitForDPStatusInitialize();
-        });
-    }
-    for (std::thread &thread : threads) thread.join();
+    std::vector<void *> clients =
+        zevd::test::fromThreadsAtOnce(kThreads, [](int) { return dc_waitForDPStatusInitialize(); });
     std::set<void *> distinct(clients.begin(), clients.end());
     EXPECT_EQ(distinct.size(), static_cast<size_t>(kThreads));
     EXPECT_EQ(distinct.count(nullptr), 0u);

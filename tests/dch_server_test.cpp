@@ -402,6 +402,25 @@ TEST(DchServerTest, SixtyFourClientsAtOnceLeaveNoDescriptorBehindWhenTheyClose) 
         << openDescriptors() << " open, " << before << " before";
 }
 
+// A datagram sent now is queued as entry index (from 0): the loop still
+// serves.
+void expectStillServing(LoopServer &server, size_t index, int seed) {
+    UdpPeer udp(server.port());
+    ASSERT_TRUE(udp.send(message(20, seed)));
+    ASSERT_TRUE(server.waitEntries(index + 1, kLimit));
+    EXPECT_TRUE(server.entries()[index].holds(message(20, seed)));
+}
+
+// The message was cut off: "RESEND_MESSAGE", then the connection's
+// "DP-DISCONNECT", right after the ready entry.
+void expectCutOff(LoopServer &server) {
+    ASSERT_TRUE(server.waitEntries(3, kLimit));
+    std::vector<QueueEntry> entries = server.entries();
+    EXPECT_EQ(entries[1].text(), "RESEND_MESSAGE");
+    EXPECT_EQ(entries[2].text(), "DP-DISCONNECT");
+    EXPECT_EQ(entries[1].connectedSockFD, entries[2].connectedSockFD);
+}
+
 TEST(DchServerTest, StalledPeerIsCutOffAndUdpIsServedWithinTheTimeOut) {
     setenv("ZEVA_DCH_TIMEOUT", "2", 1);
     TraceCapture capture(kLevels);
@@ -446,20 +465,14 @@ TEST(DchServerTest, LengthWordBeyondWhatTheLoopJoinsIsCutOffAtOnce) {
     uint32_t eightMiB = htonl(8u << 20);
     memcpy(head.data(), &eightMiB, sizeof eightMiB);
     ASSERT_TRUE(peer.send(head));
-    ASSERT_TRUE(server.waitEntries(3, kLimit));
-    std::vector<QueueEntry> entries = server.entries();
-    EXPECT_EQ(entries[1].text(), "RESEND_MESSAGE");
-    EXPECT_EQ(entries[2].text(), "DP-DISCONNECT");
+    expectCutOff(server);
     EXPECT_TRUE(
         capture.hasText("Error: TCP message of 8388608 bytes is longer than the 4190208 "
                         "allowed\n"))
         << capture.joined();
     EXPECT_TRUE(capture.hasText("Error: TCP received 4096 bytes, expected 8388608 bytes\n"));
     // Still serving.
-    UdpPeer udp(server.port());
-    ASSERT_TRUE(udp.send(message(20, 4)));
-    ASSERT_TRUE(server.waitEntries(4, kLimit));
-    EXPECT_TRUE(server.entries()[3].holds(message(20, 4)));
+    expectStillServing(server, 3, 4);
 }
 
 TEST(DchServerTest, MessageSentAByteAtATimeIsCutOffAtThePieceLimitAndTheLoopGoesOn) {
@@ -478,18 +491,12 @@ TEST(DchServerTest, MessageSentAByteAtATimeIsCutOffAtThePieceLimitAndTheLoopGoes
         ++pieces;
         ASSERT_TRUE(capture.waitFor("TCP: totalLen=", kLimit, pieces));
     }
-    ASSERT_TRUE(server.waitEntries(3, kLimit));
-    std::vector<QueueEntry> entries = server.entries();
-    EXPECT_EQ(entries[1].text(), "RESEND_MESSAGE");
-    EXPECT_EQ(entries[2].text(), "DP-DISCONNECT");
+    expectCutOff(server);
     EXPECT_EQ(pieces, 1024u);
     EXPECT_TRUE(capture.hasText("Error: ipcBufCount 1024 exceeded allowed limit of 1023\n"))
         << capture.joined();
     EXPECT_TRUE(capture.hasText("Error: TCP received 1027 bytes, expected 1100 bytes\n"));
-    UdpPeer udp(server.port());
-    ASSERT_TRUE(udp.send(message(20, 6)));
-    ASSERT_TRUE(server.waitEntries(4, kLimit));
-    EXPECT_TRUE(server.entries()[3].holds(message(20, 6)));
+    expectStillServing(server, 3, 6);
 }
 
 TEST(DchServerTest, FailedAcceptsLeaveTheirSlotsFree) {
@@ -518,8 +525,7 @@ TEST(DchServerTest, FailedAcceptsLeaveTheirSlotsFree) {
         ASSERT_EQ(connect(fd, reinterpret_cast<struct sockaddr *>(&to), sizeof to), 0);
     // More failures than the clients waiting: each would have used up a
     // slot for good.
-    ASSERT_TRUE(
-        capture.waitFor("Error: accept failed. errno=" + std::to_string(EMFILE), kLimit, 4))
+    ASSERT_TRUE(capture.waitFor("Error: accept failed. errno=" + std::to_string(EMFILE), kLimit, 4))
         << capture.joined();
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &original), 0);
     for (int fd : fillers) close(fd);
@@ -568,10 +574,7 @@ TEST(DchServerTest, ClientThatNeverReadsItsAnswersCostsTheWorkerOneTimeOutPerAns
     EXPECT_TRUE(capture.contains("Error: [@")) << capture.joined();
     EXPECT_GE(failures, 1);
     // UDP is still served.
-    UdpPeer udp(server.port());
-    ASSERT_TRUE(udp.send(message(20, 9)));
-    ASSERT_TRUE(server.waitEntries(3, kLimit));
-    EXPECT_TRUE(server.entries()[2].holds(message(20, 9)));
+    expectStillServing(server, 2, 9);
 }
 
 TEST(DchServerTest, FullQueueHoldsTheLoopUntilTheConsumerTakesOne) {

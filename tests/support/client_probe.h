@@ -6,12 +6,14 @@
 #include <arpa/inet.h>
 #include <sys/socket.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <future>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "client/zevdchcl.h"
@@ -51,6 +53,24 @@ std::vector<char> hostBytes(T v) {
     std::vector<char> out(sizeof v);
     memcpy(out.data(), &v, sizeof v);
     return out;
+}
+
+// Calls make(t) for t = 0 .. count - 1 on count threads that start it at
+// the same moment; the results in the order of t.
+template <typename Make>
+std::vector<void *> fromThreadsAtOnce(int count, Make make) {
+    std::vector<void *> results(static_cast<size_t>(count), nullptr);
+    std::vector<std::thread> threads;
+    std::atomic<int> ready{0};
+    for (int t = 0; t < count; ++t) {
+        threads.emplace_back([&, t] {
+            ready.fetch_add(1);
+            while (ready.load() < count) std::this_thread::yield();
+            results[static_cast<size_t>(t)] = make(t);
+        });
+    }
+    for (std::thread &thread : threads) thread.join();
+    return results;
 }
 
 // Bytes given as hex pairs, blanks ignored: "00 10 00 00".
