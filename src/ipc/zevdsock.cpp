@@ -34,9 +34,6 @@ pthread_cond_t ipcSock::_UDPSockCond = PTHREAD_COND_INITIALIZER;
 
 namespace {
 
-using zevd::fitsSelectSet;
-using zevd::kSockLabelSize;
-using zevd::loadShared;
 using zevd::storeShared;
 
 // A borrower waits this long for a returned socket, then sleeps outside the
@@ -98,8 +95,8 @@ ipcSock::ipcSock(int16_t service, int32_t connectTo, int32_t useFromSockPool)
                 for (int32_t i = 0; i < count; ++i) {
                     list[i].inUse = 0;
                     // ipcSock's own setClientAddr is the one meant here.
-                    setClientAddr(nullptr,
-                                  0);  // NOLINT(clang-analyzer-optin.cplusplus.VirtualCall)
+                    // NOLINTNEXTLINE(clang-analyzer-optin.cplusplus.VirtualCall)
+                    setClientAddr(nullptr, 0);
                     int error = 0;
                     list[i].sockUDP = ZEV0_OpenLocalSocket(2, 0, &_sockAddress, 0, &error, 0);
                     // A socket that failed to open stays in the pool.

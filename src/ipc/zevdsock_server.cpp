@@ -500,7 +500,6 @@ void ipcSock::sockServeClient(ipcServerState &state, int32_t fd, int32_t slot) {
                            "Error: no more of the TCP message within %d seconds\n", pieceWait);
                 cutOff = true;
             }
-            moreData = false;
             break;
         }
 
