@@ -87,16 +87,7 @@ protected:
     }
     // The requests that came from the client's socket, once count came.
     std::vector<DchRequest> fromClient(size_t count = 0) {
-        std::vector<DchRequest> out;
-        zevd::test::waitFor(
-            [&] {
-                out.clear();
-                for (const DchRequest &request : dch().received())
-                    if (ntohs(request.from.sin_port) == dataPort_) out.push_back(request);
-                return out.size() >= count;
-            },
-            kLimit);
-        return out;
+        return dch().receivedFrom(dataPort_, count);
     }
     static std::set<uint16_t> &usedPorts() {
         static std::set<uint16_t> ports;

@@ -77,16 +77,7 @@ protected:
     }
     // The requests that came from the client's socket, once count came.
     std::vector<DchRequest> fromClient(size_t count = 0) {
-        std::vector<DchRequest> out;
-        zevd::test::waitFor(
-            [&] {
-                out.clear();
-                for (const DchRequest &request : dch().received())
-                    if (ntohs(request.from.sin_port) == port_) out.push_back(request);
-                return out.size() >= count;
-            },
-            std::chrono::seconds(10));
-        return out;
+        return dch().receivedFrom(port_, count);
     }
     static std::set<uint16_t> &usedPorts() {
         static std::set<uint16_t> ports;

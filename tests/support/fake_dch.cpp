@@ -120,6 +120,20 @@ size_t FakeDch::receivedCount() const {
     return receivedCount_;
 }
 
+std::vector<DchRequest> FakeDch::receivedFrom(uint16_t port, size_t count,
+                                              std::chrono::milliseconds limit) const {
+    std::vector<DchRequest> out;
+    auto fromPort = [&] {
+        out.clear();
+        for (const DchRequest &request : received_)
+            if (ntohs(request.from.sin_port) == port) out.push_back(request);
+        return out.size() >= count;
+    };
+    std::unique_lock<std::mutex> guard(lock_);
+    changed_.wait_for(guard, limit, fromPort);
+    return out;
+}
+
 bool FakeDch::waitReceived(size_t count, std::chrono::milliseconds limit) const {
     std::unique_lock<std::mutex> guard(lock_);
     return changed_.wait_for(guard, limit, [&] { return receivedCount_ >= count; });

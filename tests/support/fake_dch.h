@@ -90,6 +90,11 @@ public:
     // bytes run to its length word, or to the whole buffer the queue handed
     // over when the word is below 4 or beyond it.
     std::vector<DchRequest> received() const;
+    // The kept requests that came from the UDP port given, once at least
+    // count of them came or limit has passed.
+    std::vector<DchRequest> receivedFrom(
+        uint16_t port, size_t count = 0,
+        std::chrono::milliseconds limit = std::chrono::milliseconds(10000)) const;
     // How many requests were taken since reset(), the dropped ones included.
     size_t receivedCount() const;
     // Waits until receivedCount() is at least count; false after limit.
