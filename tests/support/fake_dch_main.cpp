@@ -1,8 +1,10 @@
 // zevd_fake_dch: the fake DCH in a process of its own, for programs that
 // need a DCH peer without the reference daemon (the client benchmark).
 // Answers dp_online with status 0 and a handle taken from the request (the
-// source name's decimal value when it is all digits, else 1), and every
-// other request with status 0. Prints "zevd_fake_dch ready on port N" once
+// source name's decimal value when it is all digits, else 1), leaves the
+// requests that have no answer unanswered (the consumers' registers and
+// withdraws, the name list, actions and deferred reports), and answers
+// every other request with status 0. Prints "zevd_fake_dch ready on port N" once
 // it serves, then runs until it is killed.
 #include <unistd.h>
 
@@ -42,6 +44,14 @@ int32_t handleFor(const DchRequest &request) {
 }
 
 DchReply answer(const DchRequest &request) {
+    switch (request.requestType()) {
+        case ZEVD_REQ_DC_WAIT_ON_DATA:
+        case ZEVD_REQ_DC_WAIT_FOR_DP_STATUS:
+        case ZEVD_REQ_DC_SEND_APPL_NAME_LIST:
+        case ZEVD_REQ_DC_PROVIDE_ACTION:
+        case ZEVD_REQ_DC_DEFER_REPORT_REQUEST: return std::nullopt;
+        default: break;
+    }
     if (request.requestType() == kOnline)
         return DchMessage().int32(kStatusField, 0).int32(kHandleField, handleFor(request)).bytes();
     return DchMessage().int32(kStatusField, 0).bytes();
