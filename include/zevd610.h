@@ -80,6 +80,20 @@ enum {
     ZEVD_STATUS_NO_RESPONSE = 5 /* nothing was read */
 };
 
+/* Status values that the reference DCH (zevdchd) answers in DCH_status when
+ * it refuses a request; docs/protocol.md says which request gets which. */
+enum {
+    ZEVD_DCH_MALFORMED = 16,      /* a field missing, of the wrong type, or too long */
+    ZEVD_DCH_UNKNOWN_APPL = 17,   /* the application is not registered */
+    ZEVD_DCH_UNKNOWN_GROUP = 18,  /* the group is not in the application's catalogue */
+    ZEVD_DCH_UNKNOWN_HANDLE = 19, /* no open handle has that number */
+    ZEVD_DCH_UNKNOWN_ATTR = 20,   /* a row names an attribute its group lacks, or a value
+                                     longer than the attribute's size */
+    ZEVD_DCH_FULL = 21,           /* a limit of the DCH is reached */
+    ZEVD_DCH_UNKNOWN_ACTION = 22, /* no action was recorded under that ID */
+    ZEVD_DCH_BAD_CATALOGUE = 23   /* a registration breaks a catalogue rule */
+};
+
 /* Trace level bits. */
 #define TRACE_ERROR 0x80
 #define TRACE_ENTRY_EXIT 0x40

@@ -73,6 +73,8 @@ public:
     // the extraction result, 0 for a missing field.
     int next();
 
+    // True once every field up to the end has been read (or one was missing).
+    bool atEnd() const { return cursor_ >= end_; }
     int type() const { return type_; }
     const char *value() const { return value_; }
     int length() const { return length_; }
