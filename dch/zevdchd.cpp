@@ -1,0 +1,372 @@
+// The DCH's request dispatch: the table from request code to handler, the
+// access check, the one message writer and the subscribers' deliveries.
+#include "zevdchd.h"
+
+#include <arpa/inet.h>
+#include <ifaddrs.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "common/trace.h"
+
+namespace zevd::dch {
+
+TraceUnit unitZevdchd = {0, __DATE__, __TIME__, "zevdchd.cpp", "ZEVDCHD", nullptr, 0};
+
+}  // namespace zevd::dch
+
+namespace zevd::dch {
+
+ZEVD_TRACE_UNIT(dch::unitZevdchd);
+
+std::string Peer::host() const {
+    char text[INET_ADDRSTRLEN] = "";
+    inet_ntop(AF_INET, &addr.sin_addr, text, sizeof text);
+    return text;
+}
+
+int Peer::port() const {
+    return ntohs(addr.sin_port);
+}
+
+bool Peer::operator==(const Peer &other) const {
+    return fd == other.fd && addr.sin_addr.s_addr == other.addr.sin_addr.s_addr &&
+           addr.sin_port == other.addr.sin_port;
+}
+
+const Attribute *Group::find(const std::string &attribute) const {
+    for (const Attribute &a : attributes)
+        if (a.name == attribute) return &a;
+    return nullptr;
+}
+
+const Group *Application::find(const std::string &group) const {
+    for (const Group &g : groups)
+        if (g.name == group) return &g;
+    return nullptr;
+}
+
+// The table: adding a request is one row here and one handler.
+const std::vector<Dch::Handler> &Dch::handlerTable() {
+    static const std::vector<Handler> table = {
+        {ZEVD_REQ_DP_REGISTER, "dp_register", true, &Dch::onRegister},
+        {ZEVD_REQ_DP_ONLINE, "dp_online", true, &Dch::onOnline},
+        {ZEVD_REQ_DP_UNREGISTER, "dp_unregister", true, &Dch::onUnregister},
+        {ZEVD_REQ_DP_OFFLINE, "dp_offline", true, &Dch::onOffline},
+        {ZEVD_REQ_DP_DATA, "dp_data", true, &Dch::onData},
+        {ZEVD_REQ_DC_GET_APPLICATIONS, "dc_getApplications", true, &Dch::onGetApplications},
+        {ZEVD_REQ_DC_GET_APPL_HELP, "dc_getApplHelp", true, &Dch::onGetApplHelp},
+        {ZEVD_REQ_DC_SEND_APPL_NAME_LIST, "dc_sendApplNameList", false, &Dch::onSendApplNameList},
+        {ZEVD_REQ_DC_GET_APPL_ATTRIBUTES, "dc_getApplAttributes", true, &Dch::onGetApplAttributes},
+        {ZEVD_REQ_DC_WAIT_ON_DATA, "dc_waitOnData", false, &Dch::onWaitOnData},
+        {ZEVD_REQ_DC_WAIT_FOR_DP_STATUS, "dc_waitForDPStatus", false, &Dch::onWaitForDPStatus},
+        {ZEVD_REQ_DC_PROVIDE_ACTION, "dc_provideAction", false, &Dch::onProvideAction},
+        {ZEVD_REQ_DC_WAIT_FOR_ACTION_RESULTS, "dc_waitForActionResults", true,
+         &Dch::onWaitForActionResults},
+        {ZEVD_REQ_DC_DEFER_REPORT_REQUEST, "dc_deferReportRequest", false,
+         &Dch::onDeferReportRequest},
+    };
+    return table;
+}
+
+const Dch::Handler *Dch::handlerFor(int code) {
+    for (const Handler &h : handlerTable())
+        if (h.code == static_cast<int16_t>(code)) return &h;
+    return nullptr;
+}
+
+const char *requestName(int code) {
+    const Dch::Handler *h = Dch::handlerFor(code);
+    return h != nullptr ? h->name : "unknown";
+}
+
+Counters::Counters() {
+    for (const Dch::Handler &h : Dch::handlerTable()) requests[h.code];
+}
+
+std::vector<std::string> Counters::lines() const {
+    static const char *const kReasons[kDropReasons] = {"refused_sender", "malformed",
+                                                       "unknown_handle", "subscriber_unreachable",
+                                                       "answer_unsent",  "kernel_receive_buffer"};
+    std::vector<std::string> out;
+    char line[160];
+    for (const auto &[code, count] : requests) {
+        snprintf(line, sizeof line, "counter requests{request=\"%s\"} %llu", requestName(code),
+                 static_cast<unsigned long long>(count.load()));
+        out.emplace_back(line);
+    }
+    auto add = [&](const char *name, const std::atomic<uint64_t> &value) {
+        snprintf(line, sizeof line, "counter %s %llu", name,
+                 static_cast<unsigned long long>(value.load()));
+        out.emplace_back(line);
+    };
+    add("requests{request=\"unknown\"}", unknownRequests);
+    add("answers", answers);
+    add("rows_forwarded", rowsForwarded);
+    add("status_reports", statusReports);
+    add("subscribers{kind=\"data\"}", dataSubscribers);
+    add("subscribers{kind=\"status\"}", statusSubscribers);
+    add("providers_online", providersOnline);
+    for (int reason = 0; reason < kDropReasons; ++reason) {
+        snprintf(line, sizeof line, "counter drops{reason=\"%s\"} %llu", kReasons[reason],
+                 static_cast<unsigned long long>(drops[reason].load()));
+        out.emplace_back(line);
+    }
+    return out;
+}
+
+Dch::Dch(Transport &transport) : transport_(transport), reply_(kReplySize) {}
+
+void Dch::handle(const Request &request) {
+    ZEVD_TRACE_FUNCTION("Dch::handle");
+    if (!allowed(request.from.addr)) {
+        ZEVD_TRACE(trc, TRACE_ERROR, "Error: request from %s port %d dropped: sender not allowed\n",
+                   request.from.host().c_str(), request.from.port());
+        ++counters_.drops[kDropRefusedSender];
+        return trc.exit();
+    }
+    FieldReader reader(request.data, request.size);
+    int16_t code = 0;
+    if (reader.next() != DCH_requestType || reader.length() != 2) {
+        ZEVD_TRACE(trc, TRACE_ERROR,
+                   "Error: message of %u bytes from %s port %d dropped: it does not start with a "
+                   "request code\n",
+                   static_cast<unsigned>(request.size), request.from.host().c_str(),
+                   request.from.port());
+        ++counters_.drops[kDropMalformed];
+        return trc.exit();
+    }
+    code = reader.int16();
+    const Handler *handler = handlerFor(code);
+    if (handler == nullptr) {
+        ZEVD_TRACE(trc, TRACE_ERROR,
+                   "Error: request code 0x%04x from %s port %d dropped: no such request\n",
+                   static_cast<unsigned>(static_cast<uint16_t>(code)), request.from.host().c_str(),
+                   request.from.port());
+        ++counters_.unknownRequests;
+        ++counters_.drops[kDropMalformed];
+        return trc.exit();
+    }
+    ++counters_.requests[handler->code];
+    ZEVD_TRACE(trc, TRACE_DETAIL, "%s from %s port %d fd %u\n", handler->name,
+               request.from.host().c_str(), request.from.port(), request.from.fd);
+    (this->*handler->run)(reader, request);
+    trc.exit();
+}
+
+MessageBuilder Dch::startMessage() {
+    MessageBuilder message(reply_.data(), reply_.size());
+    message.clear();
+    return message;
+}
+
+void Dch::answerStatus(const Request &request, int32_t status, const int32_t *handle) {
+    ZEVD_TRACE_FUNCTION("Dch::answerStatus");
+    MessageBuilder message = startMessage();
+    message.add32(DCH_status, status);
+    if (handle != nullptr) message.add32(DCH_handle, *handle);
+    if (status != kOk)
+        ZEVD_TRACE(trc, TRACE_DETAIL, "answering status %d to %s port %d\n", status,
+                   request.from.host().c_str(), request.from.port());
+    if (transport_.answer(request.from, message.buffer(), message.length())) {
+        ++counters_.answers;
+    } else {
+        ZEVD_TRACE(trc, TRACE_ERROR, "Error: answer to %s port %d fd %u could not be sent\n",
+                   request.from.host().c_str(), request.from.port(), request.from.fd);
+        ++counters_.drops[kDropAnswerUnsent];
+        if (request.from.fd != 0) transport_.closeConnection(request.from.fd);
+    }
+    trc.exit();
+}
+
+void Dch::answerText(const Request &request, const std::string &text) {
+    ZEVD_TRACE_FUNCTION("Dch::answerText");
+    MessageBuilder message = startMessage();
+    // The text is cut at a line end where the answer would pass its buffer.
+    size_t room = reply_.size() - kFirstField - 6;
+    size_t length = text.size();
+    if (length > room) {
+        size_t cut = text.rfind('\n', room);
+        length = cut == std::string::npos ? room : cut;
+        ZEVD_TRACE(trc, TRACE_ERROR, "Error: answer text of %u bytes cut to %u bytes\n",
+                   static_cast<unsigned>(text.size()), static_cast<unsigned>(length));
+    }
+    message.addValue(DCH_response, text.data(), static_cast<int>(length), nullptr);
+    if (transport_.answer(request.from, message.buffer(), message.length())) {
+        ++counters_.answers;
+    } else {
+        ZEVD_TRACE(trc, TRACE_ERROR, "Error: answer to %s port %d fd %u could not be sent\n",
+                   request.from.host().c_str(), request.from.port(), request.from.fd);
+        ++counters_.drops[kDropAnswerUnsent];
+        if (request.from.fd != 0) transport_.closeConnection(request.from.fd);
+    }
+    trc.exit();
+}
+
+void Dch::dropMalformed(const Request &request, const char *why) {
+    ZEVD_TRACE_FUNCTION("Dch::dropMalformed");
+    ZEVD_TRACE(trc, TRACE_ERROR, "Error: request from %s port %d dropped: %s\n",
+               request.from.host().c_str(), request.from.port(), why);
+    ++counters_.drops[kDropMalformed];
+    trc.exit();
+}
+
+void Dch::deliverToAll(std::vector<Subscriber> &list, const MessageBuilder &message,
+                       const std::string *appl, const std::string *group) {
+    ZEVD_TRACE_FUNCTION("Dch::deliverToAll");
+    bool row = appl != nullptr;
+    for (auto it = list.begin(); it != list.end();) {
+        if (row && (it->appl != *appl || it->group != *group)) {
+            ++it;
+            continue;
+        }
+        if (transport_.deliver(it->peer, message.buffer(), message.length())) {
+            ++(row ? counters_.rowsForwarded : counters_.statusReports);
+            if (++it->sendsSinceFailure >= kSendsThatClearFailures) it->failures = 0;
+            ++it;
+            continue;
+        }
+        ++counters_.drops[kDropSubscriberUnreachable];
+        it->sendsSinceFailure = 0;
+        if (++it->failures < kMaxSendFailures) {
+            ++it;
+            continue;
+        }
+        if (row)
+            ZEVD_TRACE(trc, TRACE_ERROR,
+                       "Error: data subscriber %s port %d of %s %s dropped after %d failed sends\n",
+                       it->peer.host().c_str(), it->peer.port(), it->appl.c_str(),
+                       it->group.c_str(), it->failures);
+        else
+            ZEVD_TRACE(trc, TRACE_ERROR,
+                       "Error: status subscriber %s port %d dropped after %d failed sends\n",
+                       it->peer.host().c_str(), it->peer.port(), it->failures);
+        Peer gone = it->peer;
+        it = list.erase(it);
+        forgetPeer(gone);
+    }
+    updateGauges();
+    trc.exit();
+}
+
+void Dch::reportStatus(int16_t requestType, const std::string &appl, const std::string &group,
+                       const std::string &source, const Peer &provider) {
+    if (statusSubscribers_.empty()) return;
+    MessageBuilder message = startMessage();
+    message.addString(DCH_applName, appl.c_str());
+    message.addString(DCH_attrGroup, group.c_str());
+    message.addString(DCH_sourceName, source.c_str());
+    message.addString(DCH_hostAddr, provider.host().c_str());
+    message.addString(DCH_hostInfo, std::to_string(provider.port()).c_str());
+    message.add16(DCH_requestType, requestType);
+    deliverToAll(statusSubscribers_, message, nullptr, nullptr);
+}
+
+void Dch::forgetPeer(const Peer &peer) {
+    auto uses = [&](const Subscriber &s) { return s.peer == peer; };
+    if (std::none_of(dataSubscribers_.begin(), dataSubscribers_.end(), uses) &&
+        std::none_of(statusSubscribers_.begin(), statusSubscribers_.end(), uses))
+        transport_.forget(peer);
+}
+
+void Dch::updateGauges() {
+    counters_.dataSubscribers = dataSubscribers_.size();
+    counters_.statusSubscribers = statusSubscribers_.size();
+    counters_.providersOnline = handles_.size();
+}
+
+void Dch::disconnect(uint32_t fd) {
+    ZEVD_TRACE_FUNCTION("Dch::disconnect");
+    ZEVD_TRACE(trc, TRACE_DETAIL, "connection %u closed\n", fd);
+    bool changed = false;
+    for (auto it = handles_.begin(); it != handles_.end();) {
+        if (it->second.provider.fd == fd) {
+            ZEVD_TRACE(trc, TRACE_DETAIL, "handle %d released with its connection\n",
+                       it->second.id);
+            auto next = std::next(it);
+            releaseHandle(it);
+            it = next;
+            changed = true;
+        } else {
+            ++it;
+        }
+    }
+    for (auto *list : {&dataSubscribers_, &statusSubscribers_})
+        list->erase(std::remove_if(list->begin(), list->end(),
+                                   [fd](const Subscriber &s) { return s.peer.fd == fd; }),
+                    list->end());
+    updateGauges();
+    if (changed) saveState();
+    trc.exit();
+}
+
+// ---------------------------------------------------------------------------
+// Access
+// ---------------------------------------------------------------------------
+
+bool Dch::allow(const std::string &cidrs, std::string *bad) {
+    size_t start = 0;
+    while (start <= cidrs.size()) {
+        size_t comma = cidrs.find(',', start);
+        std::string entry =
+            cidrs.substr(start, comma == std::string::npos ? std::string::npos : comma - start);
+        start = comma == std::string::npos ? cidrs.size() + 1 : comma + 1;
+        entry.erase(0, entry.find_first_not_of(" \t"));
+        entry.erase(entry.find_last_not_of(" \t") + 1);
+        if (entry.empty()) continue;
+        std::string address = entry;
+        int bits = 32;
+        size_t slash = entry.find('/');
+        if (slash != std::string::npos) {
+            address = entry.substr(0, slash);
+            std::string width = entry.substr(slash + 1);
+            char *end = nullptr;
+            long value = strtol(width.c_str(), &end, 10);
+            if (width.empty() || *end != '\0' || value < 0 || value > 32) {
+                if (bad != nullptr) *bad = entry;
+                return false;
+            }
+            bits = static_cast<int>(value);
+        }
+        in_addr parsed{};
+        if (inet_pton(AF_INET, address.c_str(), &parsed) != 1) {
+            if (bad != nullptr) *bad = entry;
+            return false;
+        }
+        uint32_t mask = bits == 0 ? 0 : ~0u << (32 - bits);
+        allowed_.push_back({ntohl(parsed.s_addr) & mask, mask});
+    }
+    return true;
+}
+
+void Dch::allowOwnAddresses() {
+    ZEVD_TRACE_FUNCTION("Dch::allowOwnAddresses");
+    ifaddrs *list = nullptr;
+    if (getifaddrs(&list) != 0) {
+        ZEVD_TRACE(trc, TRACE_ERROR, "Error: this host's addresses could not be read: errno=%d\n",
+                   errno);
+        return trc.exit();
+    }
+    for (ifaddrs *i = list; i != nullptr; i = i->ifa_next) {
+        if (i->ifa_addr == nullptr || i->ifa_addr->sa_family != AF_INET) continue;
+        sockaddr_in own{};
+        memcpy(&own, i->ifa_addr, sizeof own);
+        allowed_.push_back({ntohl(own.sin_addr.s_addr), ~0u});
+    }
+    freeifaddrs(list);
+    trc.exit();
+}
+
+bool Dch::allowed(const sockaddr_in &addr) const {
+    if (addr.sin_family != AF_INET) return false;
+    uint32_t address = ntohl(addr.sin_addr.s_addr);
+    if ((address >> 24) == 127) return true;  // loopback
+    for (const Network &n : allowed_)
+        if ((address & n.mask) == n.address) return true;
+    return false;
+}
+
+}  // namespace zevd::dch

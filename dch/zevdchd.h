@@ -1,0 +1,281 @@
+// zevdchd: the reference DCH. The Dch object holds what the DCH knows (the
+// registration catalogue, the open handles, the subscribers, the recorded
+// actions) and answers one request at a time through a table of handlers,
+// one per request code. It never touches a socket itself: answers and
+// deliveries go through a Transport, so the handlers run the same under the
+// unit tests as in the daemon.
+#ifndef ZEVD_DCH_ZEVDCHD_H
+#define ZEVD_DCH_ZEVDCHD_H
+
+#include <netinet/in.h>
+
+#include <array>
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "common/message.h"
+#include "zev0.h"
+#include "zevd610.h"
+
+namespace zevd::dch {
+
+extern TraceUnit unitZevdchd;
+
+// Largest message the daemon builds (its answers and what it forwards).
+inline constexpr size_t kReplySize = 64 * 1024;
+// Limits that keep the daemon's memory bounded whatever its clients send.
+inline constexpr size_t kMaxApplications = 1024;
+inline constexpr size_t kMaxHandles = 65536;
+inline constexpr size_t kMaxSubscribers = 1024;  // of each kind
+inline constexpr size_t kMaxActions = 4096;      // the oldest is forgotten beyond
+inline constexpr size_t kMaxDeferred = 4096;     // likewise
+// A subscriber is dropped after this many failed sends, unless this many
+// sends in a row succeeded in between (a UDP peer that has gone reports
+// its refusal on every other send).
+inline constexpr int kMaxSendFailures = 3;
+inline constexpr int kSendsThatClearFailures = 16;
+
+// Where a request came from and where its answer goes: the sender's address,
+// and the TCP connection it came on (0 for UDP).
+struct Peer {
+    sockaddr_in addr{};
+    uint32_t fd = 0;
+
+    std::string host() const;  // dotted address
+    int port() const;          // host order
+    bool operator==(const Peer &other) const;
+};
+
+struct Attribute {
+    std::string name;
+    char type = 0;
+    int32_t size = 0;
+    std::string help;
+};
+
+struct Group {
+    std::string name;
+    std::string help;
+    std::vector<Attribute> attributes;
+
+    const Attribute *find(const std::string &attribute) const;
+};
+
+struct Application {
+    std::string name;
+    std::string help;
+    std::vector<Group> groups;
+    Peer registeredBy;
+
+    const Group *find(const std::string &group) const;
+};
+
+struct OpenHandle {
+    int32_t id = 0;
+    std::string appl;
+    std::string group;
+    std::string source;
+    Peer provider;
+};
+
+struct Subscriber {
+    Peer peer;
+    std::string appl;   // data subscribers only
+    std::string group;  // data subscribers only
+    int failures = 0;
+    int sendsSinceFailure = 0;
+};
+
+struct Action {
+    int32_t id = 0;
+    int16_t type = 0;
+    std::string owner, node, subnode, name;
+    int16_t utf8 = 0;
+    bool hasParms = false;  // the parameters are never kept: they may hold a credential
+};
+
+struct DeferredReport {
+    int32_t actionID = 0;
+    int32_t object = 0;
+    int32_t time = 0;
+    std::string applKey, table, source;
+};
+
+// The statuses the daemon answers; 0 is success. Kept apart from the
+// client's own values (1 to 5).
+enum DchStatus : int32_t {
+    kOk = 0,
+    kMalformed = ZEVD_DCH_MALFORMED,
+    kUnknownAppl = ZEVD_DCH_UNKNOWN_APPL,
+    kUnknownGroup = ZEVD_DCH_UNKNOWN_GROUP,
+    kUnknownHandle = ZEVD_DCH_UNKNOWN_HANDLE,
+    kUnknownAttr = ZEVD_DCH_UNKNOWN_ATTR,
+    kFull = ZEVD_DCH_FULL,
+    kUnknownAction = ZEVD_DCH_UNKNOWN_ACTION,
+    kBadCatalogue = ZEVD_DCH_BAD_CATALOGUE,
+};
+
+// Why something was dropped, for the counters.
+enum DropReason : int {
+    kDropRefusedSender,
+    kDropMalformed,
+    kDropUnknownHandle,
+    kDropSubscriberUnreachable,
+    kDropAnswerUnsent,
+    kDropKernel,
+    kDropReasons
+};
+
+// What the daemon did, read by the SIGUSR1 thread while the worker counts.
+struct Counters {
+    std::map<int, std::atomic<uint64_t>> requests;  // by request code, filled at start
+    std::atomic<uint64_t> unknownRequests{0};
+    std::atomic<uint64_t> answers{0};
+    std::atomic<uint64_t> rowsForwarded{0};
+    std::atomic<uint64_t> statusReports{0};
+    std::atomic<uint64_t> dataSubscribers{0};
+    std::atomic<uint64_t> statusSubscribers{0};
+    std::atomic<uint64_t> providersOnline{0};
+    std::array<std::atomic<uint64_t>, kDropReasons> drops{};
+
+    Counters();
+    // One "counter NAME VALUE" text per counter, in a fixed order.
+    // kernelDrops is read from the DCH socket by the caller.
+    std::vector<std::string> lines() const;
+};
+
+// What the handlers send through.
+class Transport {
+public:
+    virtual ~Transport() = default;
+    // Sends message to peer: over UDP from the DCH port, or on peer.fd.
+    // False when it could not be sent.
+    virtual bool answer(const Peer &peer, const char *message, size_t length) = 0;
+    // Sends message to a subscriber; false when the send failed.
+    virtual bool deliver(const Peer &peer, const char *message, size_t length) = 0;
+    // A subscriber was dropped or withdrew: forget any resources for it.
+    virtual void forget(const Peer & /*peer*/) {}
+    // Closes a TCP connection whose answer could not be sent.
+    virtual void closeConnection(uint32_t /*fd*/) {}
+};
+
+// One received message as the worker hands it over.
+struct Request {
+    const char *data = nullptr;
+    size_t size = 0;  // bytes that may be read: never more than were received
+    Peer from;
+};
+
+class Dch {
+public:
+    explicit Dch(Transport &transport);
+
+    // Takes one request: refuses senders outside the allowed networks,
+    // dispatches by request code, answers when the request has an answer.
+    void handle(const Request &request);
+    // A TCP connection closed: forgets the handles opened and the
+    // subscriptions made on it.
+    void disconnect(uint32_t fd);
+
+    // Networks served besides loopback and this host's own addresses:
+    // "a.b.c.d/n" separated by commas. False, with *bad naming the entry,
+    // when one does not parse.
+    bool allow(const std::string &cidrs, std::string *bad);
+    // Adds this host's own IPv4 addresses to the served networks.
+    void allowOwnAddresses();
+    bool allowed(const sockaddr_in &addr) const;
+
+    // --state-dir: where the catalogue and the open handles are kept. Reads
+    // what is there; a file that does not read back whole is set aside.
+    void useStateDir(const std::string &dir);
+
+    Counters &counters() { return counters_; }
+    const std::map<std::string, Application> &applications() const { return applications_; }
+    const std::map<int32_t, OpenHandle> &handles() const { return handles_; }
+    const std::vector<Subscriber> &dataSubscribers() const { return dataSubscribers_; }
+    const std::vector<Subscriber> &statusSubscribers() const { return statusSubscribers_; }
+    const std::deque<Action> &actions() const { return actions_; }
+    const std::deque<DeferredReport> &deferredReports() const { return deferred_; }
+    int32_t nextHandle() const { return nextHandle_; }
+
+    // The handler of a request code, nullptr when the code has none.
+    struct Handler {
+        int16_t code;
+        const char *name;
+        bool answered;  // the request has an answer
+        void (Dch::*run)(FieldReader &reader, const Request &request);
+    };
+    static const Handler *handlerFor(int code);
+    static const std::vector<Handler> &handlerTable();
+
+private:
+    // Handlers, one per request code.
+    void onRegister(FieldReader &reader, const Request &request);
+    void onOnline(FieldReader &reader, const Request &request);
+    void onUnregister(FieldReader &reader, const Request &request);
+    void onOffline(FieldReader &reader, const Request &request);
+    void onData(FieldReader &reader, const Request &request);
+    void onGetApplications(FieldReader &reader, const Request &request);
+    void onGetApplHelp(FieldReader &reader, const Request &request);
+    void onSendApplNameList(FieldReader &reader, const Request &request);
+    void onGetApplAttributes(FieldReader &reader, const Request &request);
+    void onWaitOnData(FieldReader &reader, const Request &request);
+    void onWaitForDPStatus(FieldReader &reader, const Request &request);
+    void onProvideAction(FieldReader &reader, const Request &request);
+    void onWaitForActionResults(FieldReader &reader, const Request &request);
+    void onDeferReportRequest(FieldReader &reader, const Request &request);
+
+    // The one message writer: every answer and delivery is built here.
+    MessageBuilder startMessage();
+    // Answers with a status (and a handle when one is given).
+    void answerStatus(const Request &request, int32_t status, const int32_t *handle = nullptr);
+    // Answers a catalogue query with text (DCH_response, no terminating zero).
+    void answerText(const Request &request, const std::string &text);
+    // A request without an answer that did not read: dropped and counted.
+    void dropMalformed(const Request &request, const char *why);
+    // Sends the message under construction to every subscriber in list
+    // that matches; drops those that keep failing.
+    void deliverToAll(std::vector<Subscriber> &list, const MessageBuilder &message,
+                      const std::string *appl, const std::string *group);
+    // A status report of a lifecycle event to every status subscriber.
+    void reportStatus(int16_t requestType, const std::string &appl, const std::string &group,
+                      const std::string &source, const Peer &provider);
+    void releaseHandle(std::map<int32_t, OpenHandle>::iterator it);
+    void updateGauges();
+    // Tells the transport that peer is no subscriber any more, once it is in no list.
+    void forgetPeer(const Peer &peer);
+
+    // State file.
+    void saveState();
+    bool loadState(const std::string &path, std::string *why);
+
+    Transport &transport_;
+    Counters counters_;
+    std::vector<char> reply_;
+    std::map<std::string, Application> applications_;
+    std::map<int32_t, OpenHandle> handles_;
+    int32_t nextHandle_ = 1;
+    std::vector<Subscriber> dataSubscribers_;
+    std::vector<Subscriber> statusSubscribers_;
+    std::deque<Action> actions_;
+    std::deque<DeferredReport> deferred_;
+    struct Network {
+        uint32_t address;  // host order
+        uint32_t mask;
+    };
+    std::vector<Network> allowed_;
+    std::string stateDir_;
+};
+
+// The trace name of a request code ("dp_online"), "unknown" for others.
+const char *requestName(int code);
+
+}  // namespace zevd::dch
+
+#endif  // ZEVD_DCH_ZEVDCHD_H

@@ -1,0 +1,240 @@
+// The data consumers' requests: the catalogue queries and the name list,
+// the data and status subscriptions, the actions and the deferred reports.
+#include <algorithm>
+#include <vector>
+
+#include "common/trace.h"
+#include "zevdchd.h"
+#include "zevdchd_fields.h"
+
+namespace zevd::dch {
+
+ZEVD_TRACE_UNIT(dch::unitZevdchd);
+
+namespace {
+
+// A catalogue value as the answer carries it: cleaned of the separators.
+std::string cleaned(const std::string &value) {
+    std::vector<char> text(value.begin(), value.end());
+    text.push_back('\0');
+    ZEVA_validateHelpText(text.data());
+    return text.data();
+}
+
+void addLine(std::string &text, std::initializer_list<std::string> values) {
+    if (!text.empty()) text += '\n';
+    bool first = true;
+    for (const std::string &value : values) {
+        if (!first) text += ',';
+        text += cleaned(value);
+        first = false;
+    }
+}
+
+// The application a query names, or nullptr (not registered, or the query
+// does not read).
+const Application *queried(FieldReader &reader, const std::map<std::string, Application> &apps) {
+    std::string name;
+    if (!readName(reader, DCH_applName, kApplNameMax, name) || !reader.atEnd()) return nullptr;
+    auto it = apps.find(name);
+    return it != apps.end() ? &it->second : nullptr;
+}
+
+bool sameSubscription(const Subscriber &a, const Subscriber &b) {
+    return a.peer == b.peer && a.appl == b.appl && a.group == b.group;
+}
+
+}  // namespace
+
+void Dch::onGetApplications(FieldReader &reader, const Request &request) {
+    ZEVD_TRACE_FUNCTION("Dch::onGetApplications");
+    std::string text;
+    if (reader.atEnd()) {
+        for (const auto &[name, application] : applications_) addLine(text, {name});
+    } else if (const Application *application = queried(reader, applications_)) {
+        addLine(text, {application->name});
+    }
+    answerText(request, text);
+    trc.exit();
+}
+
+void Dch::onGetApplAttributes(FieldReader &reader, const Request &request) {
+    ZEVD_TRACE_FUNCTION("Dch::onGetApplAttributes");
+    std::string text;
+    if (const Application *application = queried(reader, applications_)) {
+        for (const Group &group : application->groups)
+            for (const Attribute &a : group.attributes)
+                addLine(text, {group.name, a.name, std::string(1, a.type), std::to_string(a.size)});
+    }
+    answerText(request, text);
+    trc.exit();
+}
+
+void Dch::onGetApplHelp(FieldReader &reader, const Request &request) {
+    ZEVD_TRACE_FUNCTION("Dch::onGetApplHelp");
+    std::string text;
+    if (const Application *application = queried(reader, applications_)) {
+        // The application's and each group's own help come first, with the
+        // names they do not have left empty.
+        addLine(text, {"", "", application->help});
+        for (const Group &group : application->groups) {
+            addLine(text, {group.name, "", group.help});
+            for (const Attribute &a : group.attributes) addLine(text, {group.name, a.name, a.help});
+        }
+    }
+    answerText(request, text);
+    trc.exit();
+}
+
+void Dch::onSendApplNameList(FieldReader &reader, const Request &request) {
+    ZEVD_TRACE_FUNCTION("Dch::onSendApplNameList");
+    std::string ignored;
+    if (!readString(reader, DCH_sourceName, kSourceNameMax, ignored) || !reader.atEnd()) {
+        dropMalformed(request, "dc_sendApplNameList does not read");
+        return trc.exit();
+    }
+    for (const auto &[name, application] : applications_)
+        reportStatus(ZEVD_REQ_DC_SEND_APPL_NAME_LIST, name, "", "", application.registeredBy);
+    trc.exit();
+}
+
+void Dch::onWaitOnData(FieldReader &reader, const Request &request) {
+    ZEVD_TRACE_FUNCTION("Dch::onWaitOnData");
+    Subscriber subscriber;
+    subscriber.peer = request.from;
+    int32_t operation = -1;
+    if (!readName(reader, DCH_applName, kApplNameMax, subscriber.appl) ||
+        !readName(reader, DCH_attrGroup, kGroupNameMax, subscriber.group) ||
+        !read32(reader, DCH_status, operation) || !reader.atEnd() ||
+        (operation != 0 && operation != 1)) {
+        dropMalformed(request, "dc_waitOnData does not read");
+        return trc.exit();
+    }
+    auto same = [&](const Subscriber &s) { return sameSubscription(s, subscriber); };
+    auto found = std::find_if(dataSubscribers_.begin(), dataSubscribers_.end(), same);
+    if (operation == 1 && found == dataSubscribers_.end()) {
+        if (dataSubscribers_.size() >= kMaxSubscribers) {
+            ZEVD_TRACE(trc, TRACE_ERROR,
+                       "Error: data subscriber %s port %d refused: %u subscribers already\n",
+                       request.from.host().c_str(), request.from.port(),
+                       static_cast<unsigned>(kMaxSubscribers));
+            return trc.exit();
+        }
+        ZEVD_TRACE(trc, TRACE_DETAIL, "data subscriber %s port %d of %s %s\n",
+                   request.from.host().c_str(), request.from.port(), subscriber.appl.c_str(),
+                   subscriber.group.c_str());
+        dataSubscribers_.push_back(std::move(subscriber));
+    } else if (operation == 0 && found != dataSubscribers_.end()) {
+        ZEVD_TRACE(trc, TRACE_DETAIL, "data subscriber %s port %d withdrew\n",
+                   request.from.host().c_str(), request.from.port());
+        dataSubscribers_.erase(found);
+        forgetPeer(request.from);
+    }
+    updateGauges();
+    trc.exit();
+}
+
+void Dch::onWaitForDPStatus(FieldReader &reader, const Request &request) {
+    ZEVD_TRACE_FUNCTION("Dch::onWaitForDPStatus");
+    Subscriber subscriber;
+    subscriber.peer = request.from;
+    int32_t operation = -1;
+    if (!read32(reader, DCH_status, operation) || !reader.atEnd() ||
+        (operation != 0 && operation != 1)) {
+        dropMalformed(request, "dc_waitForDPStatus does not read");
+        return trc.exit();
+    }
+    auto same = [&](const Subscriber &s) { return sameSubscription(s, subscriber); };
+    auto found = std::find_if(statusSubscribers_.begin(), statusSubscribers_.end(), same);
+    if (operation == 1 && found == statusSubscribers_.end()) {
+        if (statusSubscribers_.size() >= kMaxSubscribers) {
+            ZEVD_TRACE(trc, TRACE_ERROR,
+                       "Error: status subscriber %s port %d refused: %u subscribers already\n",
+                       request.from.host().c_str(), request.from.port(),
+                       static_cast<unsigned>(kMaxSubscribers));
+            return trc.exit();
+        }
+        ZEVD_TRACE(trc, TRACE_DETAIL, "status subscriber %s port %d\n", request.from.host().c_str(),
+                   request.from.port());
+        statusSubscribers_.push_back(std::move(subscriber));
+    } else if (operation == 0 && found != statusSubscribers_.end()) {
+        ZEVD_TRACE(trc, TRACE_DETAIL, "status subscriber %s port %d withdrew\n",
+                   request.from.host().c_str(), request.from.port());
+        statusSubscribers_.erase(found);
+        forgetPeer(request.from);
+    }
+    updateGauges();
+    trc.exit();
+}
+
+void Dch::onProvideAction(FieldReader &reader, const Request &request) {
+    ZEVD_TRACE_FUNCTION("Dch::onProvideAction");
+    Action action;
+    std::string parms;
+    if (!read16(reader, DCH_actionType, action.type) ||
+        !readString(reader, DCH_actionOwner, kTextMax, action.owner) ||
+        !readString(reader, DCH_sourceName, kTextMax, action.node) ||
+        !readString(reader, DCH_sourceName, kTextMax, action.subnode) ||
+        !readString(reader, DCH_actionName, kTextMax, action.name) ||
+        !read32(reader, DCH_actionID, action.id) || !read16(reader, DCH_actionUTF8, action.utf8)) {
+        dropMalformed(request, "dc_provideAction does not read");
+        return trc.exit();
+    }
+    if (!reader.atEnd()) {
+        if (!readString(reader, DCH_actionParms, kTextMax, parms) || !reader.atEnd()) {
+            dropMalformed(request, "dc_provideAction does not read");
+            return trc.exit();
+        }
+        action.hasParms = true;
+    }
+    // Recorded, never executed; the parameters are not kept nor traced.
+    ZEVD_TRACE(trc, TRACE_DETAIL, "action %d <%s> recorded for %s\n", action.id,
+               action.name.c_str(), action.node.c_str());
+    actions_.erase(std::remove_if(actions_.begin(), actions_.end(),
+                                  [&](const Action &a) { return a.id == action.id; }),
+                   actions_.end());
+    if (actions_.size() >= kMaxActions) actions_.pop_front();
+    actions_.push_back(std::move(action));
+    trc.exit();
+}
+
+void Dch::onWaitForActionResults(FieldReader &reader, const Request &request) {
+    ZEVD_TRACE_FUNCTION("Dch::onWaitForActionResults");
+    int32_t id = 0;
+    if (!read32(reader, DCH_actionID, id) || !reader.atEnd()) {
+        ZEVD_TRACE(trc, TRACE_ERROR,
+                   "Error: dc_waitForActionResults from %s port %d is malformed\n",
+                   request.from.host().c_str(), request.from.port());
+        ++counters_.drops[kDropMalformed];
+        answerStatus(request, kMalformed);
+        return trc.exit();
+    }
+    bool known =
+        std::any_of(actions_.begin(), actions_.end(), [id](const Action &a) { return a.id == id; });
+    if (!known)
+        ZEVD_TRACE(trc, TRACE_ERROR,
+                   "Error: dc_waitForActionResults from %s port %d: no action %d\n",
+                   request.from.host().c_str(), request.from.port(), id);
+    answerStatus(request, known ? kOk : kUnknownAction);
+    trc.exit();
+}
+
+void Dch::onDeferReportRequest(FieldReader &reader, const Request &request) {
+    ZEVD_TRACE_FUNCTION("Dch::onDeferReportRequest");
+    DeferredReport report;
+    if (!read32(reader, DCH_actionID, report.actionID) ||
+        !read32(reader, DCH_peltoObject, report.object) ||
+        !read32(reader, DCH_currentTime, report.time) ||
+        !readString(reader, DCH_applKey, kTextMax, report.applKey) ||
+        !readString(reader, DCH_tableName, kTextMax, report.table) ||
+        !readString(reader, DCH_sourceName, kTextMax, report.source) || !reader.atEnd()) {
+        dropMalformed(request, "dc_deferReportRequest does not read");
+        return trc.exit();
+    }
+    ZEVD_TRACE(trc, TRACE_DETAIL, "deferred report for action %d recorded\n", report.actionID);
+    if (deferred_.size() >= kMaxDeferred) deferred_.pop_front();
+    deferred_.push_back(std::move(report));
+    trc.exit();
+}
+
+}  // namespace zevd::dch

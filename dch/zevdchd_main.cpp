@@ -1,0 +1,146 @@
+// zevdchd: the reference DCH daemon. Runs in the foreground until SIGINT or
+// SIGTERM; SIGUSR1 writes its counters to the trace.
+#include <getopt.h>
+#include <pthread.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <thread>
+
+#include "common/trace.h"
+#include "ipc/zevdsock.h"
+#include "zevdchd.h"
+#include "zevdchd_server.h"
+
+namespace zevd::dch {
+
+ZEVD_TRACE_UNIT(dch::unitZevdchd);
+
+namespace {
+
+constexpr int kExitUsage = 2;
+
+const char kUsage[] =
+    "usage: zevdchd [--port N] [--allow CIDR,...] [--state-dir DIR]\n"
+    "               [--trace LEVELS] [--trace-file PATH] [--help] [--version]\n"
+    "\n"
+    "The reference DCH: serves data providers and consumers on one UDP and TCP\n"
+    "port, in the foreground, until SIGINT or SIGTERM (exit status 0).\n"
+    "\n"
+    "  --port N          the DCH port (default: ZEVA_DCH_PORT, settings item 21, 1919)\n"
+    "  --allow CIDR,...  networks served besides loopback and this host's own\n"
+    "                    addresses (default: ZEVA_DCH_ALLOW)\n"
+    "  --state-dir DIR   keep the catalogue and the open handles in DIR\n"
+    "  --trace LEVELS    trace levels, as ZEVA_TRACE (e.g. zevdchd=all)\n"
+    "  --trace-file PATH append the trace to PATH (default: standard error)\n"
+    "  --help            this text\n"
+    "  --version         the version\n"
+    "\n"
+    "Prints \"zevdchd ready on port N\" once the port is open. SIGUSR1 writes the\n"
+    "counters to the trace. Exit status 1 when the port cannot be owned, 2 for bad\n"
+    "usage.\n";
+
+int usageError(const std::string &what) {
+    fprintf(stderr, "zevdchd: %s\nTry 'zevdchd --help'.\n", what.c_str());
+    return kExitUsage;
+}
+
+void writeCounters(Dch &dch, const Worker &worker) {
+    ZEVD_TRACE_LEVEL("zevdchd::counters");
+    dch.counters().drops[kDropKernel] = worker.kernelDrops();
+    // Written whatever the levels: they are asked for.
+    for (const std::string &line : dch.counters().lines())
+        TLG1_Printf(trc.record(), __LINE__, "%s", line.c_str());
+}
+
+int run(int argc, char **argv) {
+    static const option kOptions[] = {
+        {"port", required_argument, nullptr, 'p'},       {"allow", required_argument, nullptr, 'a'},
+        {"state-dir", required_argument, nullptr, 's'},  {"trace", required_argument, nullptr, 't'},
+        {"trace-file", required_argument, nullptr, 'f'}, {"help", no_argument, nullptr, 'h'},
+        {"version", no_argument, nullptr, 'V'},          {nullptr, 0, nullptr, 0},
+    };
+    const char *allowList = getenv("ZEVA_DCH_ALLOW");
+    std::string stateDir;
+    opterr = 0;
+    int option = 0;
+    while ((option = getopt_long(argc, argv, ":", kOptions, nullptr)) != -1) {
+        switch (option) {
+            case 'p': {
+                char *end = nullptr;
+                long port = strtol(optarg, &end, 10);
+                if (*optarg == '\0' || *end != '\0' || port < 1 || port > 65535)
+                    return usageError(std::string("--port takes 1 to 65535, not '") + optarg + "'");
+                setenv("ZEVA_DCH_PORT", optarg, 1);
+                break;
+            }
+            case 'a': allowList = optarg; break;
+            case 's': stateDir = optarg; break;
+            case 't': setenv("ZEVA_TRACE", optarg, 1); break;
+            case 'f': setenv("ZEVA_TRACE_FILE", optarg, 1); break;
+            case 'h': fputs(kUsage, stdout); return 0;
+            case 'V': printf("zevdchd %s\n", ZEVD_VERSION); return 0;
+            case ':': return usageError(std::string(argv[optind - 1]) + " needs a value");
+            default: return usageError(std::string("unknown option '") + argv[optind - 1] + "'");
+        }
+    }
+    if (optind < argc) return usageError(std::string("unexpected argument '") + argv[optind] + "'");
+    TLG1_Configure(nullptr);  // the trace options are in the environment now
+
+    // Blocked before any thread starts, so every thread inherits the mask and
+    // only the sigwait below takes them.
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGUSR1);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    signal(SIGPIPE, SIG_IGN);
+
+    // Never deleted: the receive thread runs until the process ends.
+    static SocketTransport *transport = new SocketTransport();
+    static Dch *dch = new Dch(*transport);
+    std::string bad;
+    if (allowList != nullptr && !dch->allow(allowList, &bad))
+        return usageError("--allow or ZEVA_DCH_ALLOW: '" + bad + "' is not a network a.b.c.d/n");
+    dch->allowOwnAddresses();
+    if (!stateDir.empty()) dch->useStateDir(stateDir);
+
+    auto *sock = new ipcSock(IPC_SERVICE_SERVER, 0, 0);
+    if (sock->ipcGetError() != 0) {
+        fprintf(stderr, "zevdchd: the server transport could not start\n");
+        return 1;
+    }
+    transport->attach(*sock);
+    static Worker *worker = new Worker(*sock, *dch);
+    std::thread serving([] { worker->run(); });
+    for (;;) {
+        int received = 0;
+        if (sigwait(&signals, &received) != 0) continue;
+        if (received == SIGUSR1) {
+            writeCounters(*dch, *worker);
+            continue;
+        }
+        break;
+    }
+    worker->stop();
+    serving.join();
+    writeCounters(*dch, *worker);
+    return 0;
+}
+
+}  // namespace
+}  // namespace zevd::dch
+
+int main(int argc, char **argv) {
+    int status = zevd::dch::run(argc, argv);
+    fflush(stdout);
+    fflush(stderr);
+    // The receive thread is never joined: the process ends around it, without
+    // running destructors that it could still be using.
+    _exit(status);
+}

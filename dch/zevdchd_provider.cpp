@@ -1,0 +1,307 @@
+// The data providers' requests: register, online, offline, unregister and
+// the rows, with the forwarding of every accepted row.
+#include <arpa/inet.h>
+
+#include <cstring>
+
+#include "common/trace.h"
+#include "zevdchd.h"
+#include "zevdchd_fields.h"
+
+namespace zevd::dch {
+
+ZEVD_TRACE_UNIT(dch::unitZevdchd);
+
+namespace {
+
+// Offset of a row's first attribute pair: length word, request code,
+// handle and data flag, each at its own width.
+constexpr size_t kRowPairs = 4 + 8 + 10 + 8;
+// A refused dp_online still carries a handle: the client reads the status
+// and the handle together, and reports a missing handle as its own status 2.
+constexpr int32_t kNoHandle = 0;
+
+bool isIntegerLetter(char type) {
+    return type == 'A' || type == 'C' || type == 'G' || type == 'L' || type == 'N';
+}
+bool isShortLetter(char type) {
+    return type == 'I' || type == 'S';
+}
+
+// Why an attribute's declaration breaks the catalogue's rules, or nullptr.
+const char *attributeFault(int16_t letter, int32_t size) {
+    if (letter < 'A' || letter > 'Z') return "its type is not a letter A to Z";
+    char type = static_cast<char>(letter);
+    if (size < 1 || size > 4096) return "its size is not 1 to 4096";
+    if (isIntegerLetter(type) && size != 2 && size != 4) return "an integer takes size 2 or 4";
+    if (isShortLetter(type) && size != 2) return "a short integer takes size 2";
+    return nullptr;
+}
+
+// Reads the register request into application. Returns kOk, kMalformed
+// (the fields do not read) or kBadCatalogue (with *why).
+int32_t readCatalogue(FieldReader &reader, Application &application, std::string &why) {
+    if (!readName(reader, DCH_applName, kApplNameMax, application.name) ||
+        !readString(reader, 0x200, kTextMax, application.help)) {
+        why = "no application name and help";
+        return kMalformed;
+    }
+    while (!reader.atEnd()) {
+        Group group;
+        if (!readName(reader, DCH_attrGroup, kGroupNameMax, group.name) ||
+            !readString(reader, 0x200, kTextMax, group.help)) {
+            why = "a group without a name and help";
+            return kMalformed;
+        }
+        for (;;) {
+            FieldReader probe = reader;
+            if (reader.atEnd() || probe.next() != DCH_attrName) break;
+            Attribute attribute;
+            int16_t letter = 0;
+            if (!readName(reader, DCH_attrName, kAttrNameMax, attribute.name) ||
+                !read16(reader, 0x201, letter) || !read32(reader, 0x202, attribute.size) ||
+                !readString(reader, 0x200, kTextMax, attribute.help)) {
+                why = "an attribute without its name, type, size and help";
+                return kMalformed;
+            }
+            attribute.type = static_cast<char>(letter);
+            const char *fault = attributeFault(letter, attribute.size);
+            if (fault != nullptr) {
+                why = "attribute " + attribute.name + ": " + fault;
+                return kBadCatalogue;
+            }
+            if (group.find(attribute.name) != nullptr) {
+                why = "attribute " + attribute.name + " twice in group " + group.name;
+                return kBadCatalogue;
+            }
+            group.attributes.push_back(std::move(attribute));
+        }
+        if (group.attributes.empty()) {
+            why = "group " + group.name + " has no attributes";
+            return kBadCatalogue;
+        }
+        if (application.find(group.name) != nullptr) {
+            why = "group " + group.name + " twice";
+            return kBadCatalogue;
+        }
+        application.groups.push_back(std::move(group));
+    }
+    return kOk;
+}
+
+}  // namespace
+
+void Dch::onRegister(FieldReader &reader, const Request &request) {
+    ZEVD_TRACE_FUNCTION("Dch::onRegister");
+    Application application;
+    std::string why;
+    int32_t status = readCatalogue(reader, application, why);
+    if (status == kOk && applications_.count(application.name) == 0 &&
+        applications_.size() >= kMaxApplications) {
+        why = "the catalogue holds " + std::to_string(kMaxApplications) + " applications";
+        status = kFull;
+    }
+    if (status != kOk) {
+        ZEVD_TRACE(trc, TRACE_ERROR, "Error: dp_register from %s port %d refused (%d): %s\n",
+                   request.from.host().c_str(), request.from.port(), status, why.c_str());
+        if (status == kMalformed) ++counters_.drops[kDropMalformed];
+        answerStatus(request, status);
+        return trc.exit();
+    }
+    // A registration again replaces the catalogue; open handles stay.
+    application.registeredBy = request.from;
+    std::string name = application.name;
+    ZEVD_TRACE(trc, TRACE_DETAIL, "application %s registered with %u groups\n", name.c_str(),
+               static_cast<unsigned>(application.groups.size()));
+    applications_[name] = std::move(application);
+    saveState();
+    answerStatus(request, kOk);
+    reportStatus(ZEVD_REQ_DP_REGISTER, name, "", "", request.from);
+    trc.exit();
+}
+
+void Dch::onOnline(FieldReader &reader, const Request &request) {
+    ZEVD_TRACE_FUNCTION("Dch::onOnline");
+    OpenHandle handle;
+    if (!readName(reader, DCH_applName, kApplNameMax, handle.appl) ||
+        !readName(reader, DCH_attrGroup, kGroupNameMax, handle.group) ||
+        !readName(reader, DCH_sourceName, kSourceNameMax, handle.source) || !reader.atEnd()) {
+        ZEVD_TRACE(trc, TRACE_ERROR, "Error: dp_online from %s port %d is malformed\n",
+                   request.from.host().c_str(), request.from.port());
+        ++counters_.drops[kDropMalformed];
+        answerStatus(request, kMalformed, &kNoHandle);
+        return trc.exit();
+    }
+    auto application = applications_.find(handle.appl);
+    int32_t status = kOk;
+    if (application == applications_.end())
+        status = kUnknownAppl;
+    else if (application->second.find(handle.group) == nullptr)
+        status = kUnknownGroup;
+    else if (handles_.size() >= kMaxHandles)
+        status = kFull;
+    if (status != kOk) {
+        ZEVD_TRACE(trc, TRACE_ERROR, "Error: dp_online %s %s %s from %s port %d refused (%d)\n",
+                   handle.appl.c_str(), handle.group.c_str(), handle.source.c_str(),
+                   request.from.host().c_str(), request.from.port(), status);
+        answerStatus(request, status, &kNoHandle);
+        return trc.exit();
+    }
+    // Handles count up from 1 and are not given again while open; past the
+    // largest they start again at 1.
+    while (handles_.count(nextHandle_) != 0 || nextHandle_ <= 0)
+        nextHandle_ = nextHandle_ <= 0 || nextHandle_ == INT32_MAX ? 1 : nextHandle_ + 1;
+    handle.id = nextHandle_;
+    nextHandle_ = nextHandle_ == INT32_MAX ? 1 : nextHandle_ + 1;
+    handle.provider = request.from;
+    ZEVD_TRACE(trc, TRACE_DETAIL, "handle %d: %s %s %s\n", handle.id, handle.appl.c_str(),
+               handle.group.c_str(), handle.source.c_str());
+    int32_t id = handle.id;
+    const OpenHandle &kept = handles_[id] = std::move(handle);
+    updateGauges();
+    saveState();
+    answerStatus(request, kOk, &id);
+    reportStatus(ZEVD_REQ_DP_ONLINE, kept.appl, kept.group, kept.source, kept.provider);
+    trc.exit();
+}
+
+void Dch::releaseHandle(std::map<int32_t, OpenHandle>::iterator it) {
+    OpenHandle handle = std::move(it->second);
+    handles_.erase(it);
+    updateGauges();
+    reportStatus(ZEVD_REQ_DP_OFFLINE, handle.appl, handle.group, handle.source, handle.provider);
+}
+
+void Dch::onOffline(FieldReader &reader, const Request &request) {
+    ZEVD_TRACE_FUNCTION("Dch::onOffline");
+    int32_t id = 0;
+    if (!read32(reader, DCH_handle, id) || !reader.atEnd()) {
+        ZEVD_TRACE(trc, TRACE_ERROR, "Error: dp_offline from %s port %d is malformed\n",
+                   request.from.host().c_str(), request.from.port());
+        ++counters_.drops[kDropMalformed];
+        answerStatus(request, kMalformed);
+        return trc.exit();
+    }
+    auto it = handles_.find(id);
+    if (it == handles_.end()) {
+        ZEVD_TRACE(trc, TRACE_ERROR, "Error: dp_offline from %s port %d: no handle %d\n",
+                   request.from.host().c_str(), request.from.port(), id);
+        ++counters_.drops[kDropUnknownHandle];
+        answerStatus(request, kUnknownHandle);
+        return trc.exit();
+    }
+    ZEVD_TRACE(trc, TRACE_DETAIL, "handle %d released\n", id);
+    answerStatus(request, kOk);
+    releaseHandle(it);
+    saveState();
+    trc.exit();
+}
+
+void Dch::onUnregister(FieldReader &reader, const Request &request) {
+    ZEVD_TRACE_FUNCTION("Dch::onUnregister");
+    std::string appl;
+    if (!readName(reader, DCH_applName, kApplNameMax, appl) || !reader.atEnd()) {
+        ZEVD_TRACE(trc, TRACE_ERROR, "Error: dp_unregister from %s port %d is malformed\n",
+                   request.from.host().c_str(), request.from.port());
+        ++counters_.drops[kDropMalformed];
+        answerStatus(request, kMalformed);
+        return trc.exit();
+    }
+    auto application = applications_.find(appl);
+    if (application == applications_.end()) {
+        ZEVD_TRACE(trc, TRACE_ERROR, "Error: dp_unregister from %s port %d: no application %s\n",
+                   request.from.host().c_str(), request.from.port(), appl.c_str());
+        answerStatus(request, kUnknownAppl);
+        return trc.exit();
+    }
+    answerStatus(request, kOk);
+    for (auto it = handles_.begin(); it != handles_.end();) {
+        auto next = std::next(it);
+        if (it->second.appl == appl) releaseHandle(it);
+        it = next;
+    }
+    applications_.erase(application);
+    ZEVD_TRACE(trc, TRACE_DETAIL, "application %s unregistered\n", appl.c_str());
+    saveState();
+    reportStatus(ZEVD_REQ_DP_UNREGISTER, appl, "", "", request.from);
+    trc.exit();
+}
+
+void Dch::onData(FieldReader &reader, const Request &request) {
+    ZEVD_TRACE_FUNCTION("Dch::onData");
+    int32_t id = 0;
+    int16_t flag = 0;
+    int32_t status = kOk;
+    std::string fault;
+    if (!read32(reader, DCH_handle, id) || !read16(reader, DCH_dataFlag, flag)) {
+        status = kMalformed;
+        fault = "no handle and data flag";
+    }
+    auto it = handles_.find(id);
+    const Group *group = nullptr;
+    if (status == kOk && it == handles_.end()) {
+        status = kUnknownHandle;
+        fault = "no handle " + std::to_string(id);
+    } else if (status == kOk) {
+        auto application = applications_.find(it->second.appl);
+        if (application != applications_.end()) group = application->second.find(it->second.group);
+        if (group == nullptr) {
+            status = kUnknownGroup;
+            fault = "the group of handle " + std::to_string(id) + " is no longer registered";
+        }
+    }
+    while (status == kOk && !reader.atEnd()) {
+        std::string name;
+        if (!readName(reader, DCH_attrName, kAttrNameMax, name) || reader.next() != DCH_attrValue) {
+            status = kMalformed;
+            fault = "an attribute pair does not read";
+            break;
+        }
+        const Attribute *attribute = group->find(name);
+        int length = reader.length();
+        bool fits =
+            attribute != nullptr && (isIntegerLetter(attribute->type) ? length == 2 || length == 4
+                                     : isShortLetter(attribute->type) ? length == 2
+                                                                      : length <= attribute->size);
+        if (!fits) {
+            status = kUnknownAttr;
+            fault = attribute == nullptr ? "no attribute " + name + " in its group"
+                                         : "attribute " + name + " has a value of " +
+                                               std::to_string(length) + " bytes";
+        }
+    }
+    if (status != kOk) {
+        ZEVD_TRACE(trc, TRACE_ERROR, "Error: dp_data from %s port %d refused (%d): %s\n",
+                   request.from.host().c_str(), request.from.port(), status, fault.c_str());
+        if (status == kMalformed) ++counters_.drops[kDropMalformed];
+        if (status == kUnknownHandle) ++counters_.drops[kDropUnknownHandle];
+        answerStatus(request, status);
+        return trc.exit();
+    }
+    answerStatus(request, kOk);
+
+    // Forwarded as one message: who sent it, then the pairs as received.
+    const OpenHandle &handle = it->second;
+    size_t end = messageLength(request.data);
+    if (end > request.size) end = request.size;
+    MessageBuilder row = startMessage();
+    row.add16(DCH_requestType, ZEVD_REQ_DP_DATA);
+    row.addString(DCH_applName, handle.appl.c_str());
+    row.addString(DCH_attrGroup, handle.group.c_str());
+    row.addString(DCH_sourceName, handle.source.c_str());
+    row.add32(DCH_handle, handle.id);
+    row.add16(DCH_dataFlag, flag);
+    size_t at = row.offset();
+    size_t pairs = end > kRowPairs ? end - kRowPairs : 0;
+    if (at + pairs <= reply_.size()) {  // a request is far smaller than the reply buffer
+        memcpy(reply_.data() + at, request.data + kRowPairs, pairs);
+        uint32_t word = htonl(static_cast<uint32_t>(at + pairs));
+        memcpy(reply_.data(), &word, sizeof word);
+    }
+    std::string appl = handle.appl;
+    std::string groupName = handle.group;
+    deliverToAll(dataSubscribers_, row, &appl, &groupName);
+    trc.exit();
+}
+
+}  // namespace zevd::dch

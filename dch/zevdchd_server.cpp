@@ -1,0 +1,142 @@
+#include "zevdchd_server.h"
+
+#include <arpa/inet.h>
+#include <linux/sock_diag.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "common/trace.h"
+
+namespace zevd::dch {
+
+ZEVD_TRACE_UNIT(dch::unitZevdchd);
+
+namespace {
+
+// The loop's control texts, told apart by their text and their blank sender.
+bool isControl(const char *buffer, int32_t capacity, const char *name, const char *text) {
+    size_t length = strlen(text);
+    return name[0] == ' ' && static_cast<size_t>(capacity) > length &&
+           memcmp(buffer, text, length) == 0 && buffer[length] == '\0';
+}
+
+}  // namespace
+
+SocketTransport::~SocketTransport() {
+    for (auto &[key, fd] : sockets_) close(fd);
+}
+
+bool SocketTransport::answer(const Peer &peer, const char *message, size_t length) {
+    sock_->setClientAddr(&peer.addr, sizeof peer.addr);
+    return sock_->ipcWrite(message, static_cast<int32_t>(length), peer.fd) ==
+           static_cast<int32_t>(length);
+}
+
+bool SocketTransport::deliver(const Peer &peer, const char *message, size_t length) {
+    ZEVD_TRACE_FUNCTION("SocketTransport::deliver");
+    if (peer.fd != 0) return trc.exit(answer(peer, message, length));
+    auto key = std::make_pair(peer.addr.sin_addr.s_addr, peer.addr.sin_port);
+    auto it = sockets_.find(key);
+    if (it == sockets_.end()) {
+        int fd = socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+        if (fd < 0 ||
+            connect(fd, reinterpret_cast<const sockaddr *>(&peer.addr), sizeof peer.addr) != 0) {
+            ZEVD_TRACE(trc, TRACE_ERROR, "Error: no socket for subscriber %s port %d: errno=%d\n",
+                       peer.host().c_str(), peer.port(), errno);
+            if (fd >= 0) close(fd);
+            return trc.exit(false);
+        }
+        it = sockets_.emplace(key, fd).first;
+    }
+    // Non-blocking: a full send buffer is a failed send, never a stalled worker.
+    ssize_t sent = send(it->second, message, length, MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (sent != static_cast<ssize_t>(length))
+        ZEVD_TRACE(trc, TRACE_DETAIL, "send to subscriber %s port %d failed: errno=%d\n",
+                   peer.host().c_str(), peer.port(), errno);
+    return trc.exit(sent == static_cast<ssize_t>(length));
+}
+
+void SocketTransport::forget(const Peer &peer) {
+    auto it = sockets_.find(std::make_pair(peer.addr.sin_addr.s_addr, peer.addr.sin_port));
+    if (it == sockets_.end()) return;
+    close(it->second);
+    sockets_.erase(it);
+}
+
+void SocketTransport::closeConnection(uint32_t fd) {
+    ZEVD_TRACE_FUNCTION("SocketTransport::closeConnection");
+    // Shut down, not closed: the loop owns the descriptor; it sees the end
+    // of the stream, closes it and queues its "DP-DISCONNECT".
+    ZEVD_TRACE(trc, TRACE_ERROR, "Error: closing connection %u: its answer could not be sent\n",
+               fd);
+    shutdown(static_cast<int>(fd), SHUT_RDWR);
+    trc.exit();
+}
+
+void Worker::run() {
+    ZEVD_TRACE_FUNCTION("Worker::run");
+    char *buffer = nullptr;
+    int32_t capacity = 0;
+    int failures = 0;
+    for (;;) {
+        char address[IPC_CLIENT_ADDR_SIZE] = {};
+        char name[IPC_CLIENT_NAME_SIZE] = {};
+        int32_t addressLength = 0;
+        uint32_t fd = 0xFFFFFFFFu;  // written only when an entry is taken
+        sock_.ipc_get_data(&buffer, &capacity, address, &addressLength, name, &fd);
+        if (fd == 0xFFFFFFFFu || buffer == nullptr) {
+            // Not reached with the loop's entries; bounded so it cannot spin.
+            ZEVD_TRACE(trc, TRACE_ERROR, "Error: the receive queue gave no entry\n");
+            if (++failures == 100) break;
+            continue;
+        }
+        failures = 0;
+        if (isControl(buffer, capacity, name, kStopText)) break;
+        if (isControl(buffer, capacity, name, "IPC-SERVER_READY")) {
+            udpSocket_ = sock_.sockUDP();
+            printf("zevdchd ready on port %u\n", static_cast<unsigned>(sock_.sockPortUDP()));
+            fflush(stdout);
+            continue;
+        }
+        if (isControl(buffer, capacity, name, "DP-DISCONNECT")) {
+            dch_.disconnect(fd);
+            continue;
+        }
+        Request request;
+        memcpy(&request.from.addr, address, sizeof request.from.addr);
+        request.from.fd = fd;
+        if (fd != 0 && memcmp(buffer, "RESEND_MESSAGE", 15) == 0) {
+            // The loop dropped a TCP message that did not match its length.
+            ZEVD_TRACE(trc, TRACE_ERROR, "Error: a message from %s on connection %u was cut off\n",
+                       name, fd);
+            ++dch_.counters().drops[kDropMalformed];
+            continue;
+        }
+        request.data = buffer;
+        request.size = static_cast<size_t>(capacity);
+        dch_.handle(request);
+    }
+    delete[] buffer;
+    trc.exit();
+}
+
+void Worker::stop() {
+    sock_.ipc_put_data(static_cast<int32_t>(sizeof kStopText), kStopText, nullptr, 0, nullptr, 0);
+}
+
+uint64_t Worker::kernelDrops() const {
+    int fd = udpSocket_.load();
+    if (fd < 0) return 0;
+    uint32_t info[SK_MEMINFO_VARS] = {};
+    socklen_t length = sizeof info;
+    if (getsockopt(fd, SOL_SOCKET, SO_MEMINFO, info, &length) != 0 ||
+        length < sizeof(uint32_t) * (SK_MEMINFO_DROPS + 1))
+        return 0;
+    return info[SK_MEMINFO_DROPS];
+}
+
+}  // namespace zevd::dch

@@ -1,0 +1,65 @@
+// The daemon's worker on the library's server transport: it takes each
+// queued message, hands it to the Dch and answers through setClientAddr and
+// ipcWrite; subscribers are sent to through a connected UDP socket each, so
+// that a subscriber that has gone is seen (its refusals come back on it).
+#ifndef ZEVD_DCH_ZEVDCHD_SERVER_H
+#define ZEVD_DCH_ZEVDCHD_SERVER_H
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <string>
+#include <utility>
+
+#include "ipc/zevdsock.h"
+#include "zevdchd.h"
+
+namespace zevd::dch {
+
+// The text the daemon queues itself to stop its worker. Like the loop's own
+// control texts it carries a blank sender name, which no received message has.
+inline constexpr char kStopText[] = "ZEVDCHD-STOP";
+
+class SocketTransport : public Transport {
+public:
+    SocketTransport() = default;
+    ~SocketTransport() override;
+    SocketTransport(const SocketTransport &) = delete;
+    SocketTransport &operator=(const SocketTransport &) = delete;
+
+    bool answer(const Peer &peer, const char *message, size_t length) override;
+    bool deliver(const Peer &peer, const char *message, size_t length) override;
+    void forget(const Peer &peer) override;
+    void closeConnection(uint32_t fd) override;
+    // The server transport that answers go through; set before serving.
+    void attach(ipcSock &sock) { sock_ = &sock; }
+
+private:
+    ipcSock *sock_ = nullptr;
+    // One connected UDP socket per subscriber address.
+    std::map<std::pair<uint32_t, uint16_t>, int> sockets_;
+};
+
+class Worker {
+public:
+    Worker(ipcSock &sock, Dch &dch) : sock_(sock), dch_(dch) {}
+
+    // Serves the queue until the stop text comes. Prints the ready line when
+    // the loop reports the port open.
+    void run();
+    // Queues the stop text (from another thread).
+    void stop();
+    // The DCH's UDP socket once the port is open, else -1.
+    int udpSocket() const { return udpSocket_.load(); }
+    // Datagrams the kernel dropped at the DCH port for want of buffer room.
+    uint64_t kernelDrops() const;
+
+private:
+    ipcSock &sock_;
+    Dch &dch_;
+    std::atomic<int> udpSocket_{-1};
+};
+
+}  // namespace zevd::dch
+
+#endif  // ZEVD_DCH_ZEVDCHD_SERVER_H
