@@ -1,0 +1,173 @@
+// zevdchd as a program: its command line, how it ends, its counters and its
+// state directory. Each case starts daemons of its own.
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "common/message.h"
+#include "support/dch_daemon.h"
+#include "support/dch_server.h"
+#include "support/loopback.h"
+#include "zevd610.h"
+
+namespace zevd::test {
+namespace {
+
+int exitCode(int status) {
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+TEST(DchProcessTest, SigtermEndsItWithStatusZeroAndItsCounters) {
+    DaemonProcess daemon;
+    ASSERT_TRUE(daemon.start()) << daemon.trace();
+    EXPECT_EQ(daemon.output(), "zevdchd ready on port " + std::to_string(daemon.port()) + "\n");
+    EXPECT_EQ(exitCode(daemon.stop(SIGTERM)), 0);
+    std::string trace = daemon.trace();
+    EXPECT_NE(trace.find("counter requests{request=\"dp_online\"} 0\n"), std::string::npos)
+        << trace;
+    EXPECT_NE(trace.find("counter drops{reason=\"kernel_receive_buffer\"} 0\n"), std::string::npos);
+}
+
+TEST(DchProcessTest, SigintEndsItWithStatusZero) {
+    DaemonProcess daemon;
+    ASSERT_TRUE(daemon.start()) << daemon.trace();
+    EXPECT_EQ(exitCode(daemon.stop(SIGINT)), 0);
+}
+
+TEST(DchProcessTest, SigusrOneWritesTheCountersAndItServesOn) {
+    DaemonProcess daemon;
+    ASSERT_TRUE(daemon.start()) << daemon.trace();
+    // One request that does not read, seen in the counters.
+    UdpPeer stranger(daemon.port());
+    ASSERT_TRUE(stranger.send({0, 0, 0, 12, 0, 16, 0, 0, 0, 2, 0x7f, 0x7f}));
+    ASSERT_TRUE(daemon.waitTrace("request code 0x7f7f"));
+    kill(daemon.pid(), SIGUSR1);
+    EXPECT_TRUE(daemon.waitTrace("counter requests{request=\"unknown\"} 1\n"));
+    EXPECT_TRUE(daemon.waitTrace("counter drops{reason=\"malformed\"} 1\n"));
+    EXPECT_EQ(exitCode(daemon.stop(SIGTERM)), 0);
+}
+
+TEST(DchProcessTest, PortThatIsTakenEndsItWithStatusOneAndItsLines) {
+    DaemonProcess daemon;
+    int taken = bindLoopback(SOCK_DGRAM, daemon.port());
+    ASSERT_GE(taken, 0);
+    ASSERT_TRUE(daemon.spawn());
+    EXPECT_EQ(exitCode(daemon.waitExit()), 1);
+    close(taken);
+    std::string trace = daemon.trace();
+    EXPECT_NE(trace.find("Error: Could not open TCP/UDP sockets bound to zevd DCH port " +
+                         std::to_string(daemon.port())),
+              std::string::npos)
+        << trace;
+    EXPECT_NE(trace.find("Determine if another copy of zevd is already active on this system.  "
+                         "Exiting..."),
+              std::string::npos);
+    EXPECT_EQ(daemon.output().find("ready"), std::string::npos);
+}
+
+TEST(DchProcessTest, BadUsageEndsItWithStatusTwo) {
+    for (const std::vector<std::string> &args : std::vector<std::vector<std::string>>{
+             {"--bogus"}, {"--allow", "10.0.0.0/40"}, {"--allow", "nonsense"}, {"extra"}}) {
+        DaemonProcess daemon(args);
+        ASSERT_TRUE(daemon.spawn());
+        EXPECT_EQ(exitCode(daemon.waitExit()), 2) << args[0];
+        EXPECT_NE(daemon.trace().find("Try 'zevdchd --help'."), std::string::npos) << args[0];
+    }
+}
+
+TEST(DchProcessTest, StateDirKeepsTheProvidersOfADaemonThatWasKilled) {
+    char dir[] = "/tmp/zevdchd-state-XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    uint16_t port = 0;
+    int32_t handle = 0;
+    // A daemon that is killed after a provider registered and went online:
+    // the raw requests of a provider, from one socket.
+    auto request = [](auto build) {
+        std::vector<char> m(4096);
+        MessageBuilder b(m.data(), m.size());
+        b.clear();
+        build(b);
+        m.resize(b.length());
+        return m;
+    };
+    auto exchange = [](DaemonProcess &daemon, const std::vector<char> &m) {
+        int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        sockaddr_in to = loopbackAddress(daemon.port());
+        std::vector<char> answer(4096);
+        ssize_t n = -1;
+        timeval wait = {10, 0};
+        setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
+        if (sendDatagram(fd, to, m)) n = recv(fd, answer.data(), answer.size(), 0);
+        close(fd);
+        answer.resize(n > 0 ? static_cast<size_t>(n) : 0);
+        return answer;
+    };
+    auto status = [](const std::vector<char> &answer, int32_t *handleOut = nullptr) {
+        FieldReader r(answer.data(), answer.size());
+        if (r.next() != DCH_status) return -1;
+        int32_t s = r.int32();
+        if (handleOut != nullptr && r.next() == DCH_handle) *handleOut = r.int32();
+        return s;
+    };
+    {
+        DaemonProcess first({"--state-dir", dir});
+        ASSERT_TRUE(first.start()) << first.trace();
+        port = first.port();
+        ASSERT_EQ(status(exchange(first, request([](MessageBuilder &b) {
+                                      b.add16(DCH_requestType, ZEVD_REQ_DP_REGISTER);
+                                      b.addString(DCH_applName, "kept");
+                                      b.addString(0x200, "kept across restarts");
+                                      b.addString(DCH_attrGroup, "g");
+                                      b.addString(0x200, "");
+                                      b.addString(DCH_attrName, "v");
+                                      b.add16(0x201, 'A');
+                                      b.add32(0x202, 4);
+                                      b.addString(0x200, "a value");
+                                  }))),
+                  0);
+        ASSERT_EQ(status(exchange(first, request([](MessageBuilder &b) {
+                                      b.add16(DCH_requestType, ZEVD_REQ_DP_ONLINE);
+                                      b.addString(DCH_applName, "kept");
+                                      b.addString(DCH_attrGroup, "g");
+                                      b.addString(DCH_sourceName, "s");
+                                  })),
+                         &handle),
+                  0);
+        ASSERT_GT(handle, 0);
+        EXPECT_EQ(WTERMSIG(first.stop(SIGKILL)), SIGKILL);
+    }
+    DaemonProcess second({"--state-dir", dir}, {}, port);
+    ASSERT_TRUE(second.start()) << second.trace();
+    EXPECT_NE(second.trace().find("Note: state read from"), std::string::npos);
+    std::vector<char> row = request([&](MessageBuilder &b) {
+        b.add16(DCH_requestType, ZEVD_REQ_DP_DATA);
+        b.add32(DCH_handle, handle);
+        b.add16(DCH_dataFlag, 0);
+        b.addString(DCH_attrName, "v");
+        int32_t value = 5;
+        b.addValue(DCH_attrValue, &value, 4, "A");
+    });
+    EXPECT_EQ(status(exchange(second, row)), 0);
+    EXPECT_EQ(exitCode(second.stop(SIGTERM)), 0);
+
+    // A state file cut short is set aside and the daemon starts empty.
+    std::string path = std::string(dir) + "/zevdchd.state";
+    ASSERT_EQ(truncate(path.c_str(), 30), 0);
+    DaemonProcess third({"--state-dir", dir}, {}, port);
+    ASSERT_TRUE(third.start()) << third.trace();
+    EXPECT_NE(third.trace().find("Error: state file " + path + " is not usable"), std::string::npos)
+        << third.trace();
+    EXPECT_EQ(status(exchange(third, row)), ZEVD_DCH_UNKNOWN_HANDLE);
+    EXPECT_EQ(exitCode(third.stop(SIGTERM)), 0);
+    std::filesystem::remove_all(dir);
+}
+
+}  // namespace
+}  // namespace zevd::test

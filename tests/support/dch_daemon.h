@@ -1,0 +1,164 @@
+// zevdchd in a child process on a free loopback port: started with
+// posix_spawn, ready when it prints its ready line (never a sleep), its trace
+// in a file of its own, stopped by a signal with a bounded wait.
+#ifndef ZEVD_TESTS_SUPPORT_DCH_DAEMON_H
+#define ZEVD_TESTS_SUPPORT_DCH_DAEMON_H
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "support/free_port.h"
+
+extern char **environ;
+
+namespace zevd::test {
+
+class DaemonProcess {
+public:
+    // args: further options; env: further NAME=VALUE entries. port 0 picks a
+    // free loopback port.
+    explicit DaemonProcess(std::vector<std::string> args = {}, std::vector<std::string> env = {},
+                           uint16_t port = 0)
+        : args_(std::move(args)),
+          env_(std::move(env)),
+          port_(port != 0 ? port : freeLoopbackPort()) {
+        char path[] = "/tmp/zevdchd-trace-XXXXXX";
+        int fd = mkstemp(path);
+        if (fd >= 0) close(fd);
+        tracePath_ = path;
+    }
+    ~DaemonProcess() {
+        if (pid_ > 0) {
+            kill(pid_, SIGKILL);
+            waitpid(pid_, nullptr, 0);
+        }
+        if (out_ >= 0) close(out_);
+        unlink(tracePath_.c_str());
+    }
+    DaemonProcess(const DaemonProcess &) = delete;
+    DaemonProcess &operator=(const DaemonProcess &) = delete;
+
+    uint16_t port() const { return port_; }
+    pid_t pid() const { return pid_; }
+    const std::string &tracePath() const { return tracePath_; }
+
+    // Starts the program; false when it could not be spawned.
+    bool spawn() {
+        std::vector<std::string> argv = {ZEVD_DAEMON_PATH, "--port", std::to_string(port_),
+                                         "--trace-file", tracePath_};
+        argv.insert(argv.end(), args_.begin(), args_.end());
+        std::vector<std::string> env;
+        for (char **e = environ; *e != nullptr; ++e)
+            if (strncmp(*e, "ZEVA_", 5) != 0) env.emplace_back(*e);
+        env.emplace_back("ZEVA_DCH_BIND=127.0.0.1");
+        env.insert(env.end(), env_.begin(), env_.end());
+        std::vector<char *> argvp, envp;
+        for (std::string &a : argv) argvp.push_back(a.data());
+        argvp.push_back(nullptr);
+        for (std::string &e : env) envp.push_back(e.data());
+        envp.push_back(nullptr);
+
+        int pipeFds[2];
+        if (pipe2(pipeFds, O_CLOEXEC) != 0) return false;
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_adddup2(&actions, pipeFds[1], STDOUT_FILENO);
+        posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, tracePath_.c_str(),
+                                         O_WRONLY | O_APPEND, 0);
+        int rc = posix_spawn(&pid_, ZEVD_DAEMON_PATH, &actions, nullptr, argvp.data(), envp.data());
+        posix_spawn_file_actions_destroy(&actions);
+        close(pipeFds[1]);
+        out_ = pipeFds[0];
+        if (rc != 0) pid_ = -1;
+        return rc == 0;
+    }
+
+    // Reads standard output until the ready line; false after limit or when
+    // the program ended first.
+    bool waitReady(std::chrono::milliseconds limit = std::chrono::seconds(20)) {
+        std::string expected = "zevdchd ready on port " + std::to_string(port_) + "\n";
+        auto deadline = std::chrono::steady_clock::now() + limit;
+        while (stdout_.find(expected) == std::string::npos) {
+            auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                deadline - std::chrono::steady_clock::now());
+            if (left.count() <= 0) return false;
+            pollfd p = {out_, POLLIN, 0};
+            if (poll(&p, 1, static_cast<int>(left.count())) <= 0) continue;
+            char chunk[256];
+            ssize_t n = read(out_, chunk, sizeof chunk);
+            if (n <= 0) return false;
+            stdout_.append(chunk, static_cast<size_t>(n));
+        }
+        return true;
+    }
+
+    bool start() { return spawn() && waitReady(); }
+
+    // Sends sig and waits for the end; the wait status, or -1 after limit.
+    int stop(int sig, std::chrono::milliseconds limit = std::chrono::seconds(20)) {
+        if (pid_ <= 0) return -1;
+        kill(pid_, sig);
+        return waitExit(limit);
+    }
+    int waitExit(std::chrono::milliseconds limit = std::chrono::seconds(20)) {
+        // A pidfd turns readable when the child ends.
+        int pidfd = static_cast<int>(syscall(SYS_pidfd_open, pid_, 0));
+        if (pidfd >= 0) {
+            pollfd p = {pidfd, POLLIN, 0};
+            poll(&p, 1, static_cast<int>(limit.count()));
+            close(pidfd);
+        }
+        int status = 0;
+        if (waitpid(pid_, &status, WNOHANG) != pid_) return -1;
+        pid_ = -1;
+        return status;
+    }
+
+    const std::string &output() const { return stdout_; }
+    std::string trace() const {
+        std::ifstream in(tracePath_);
+        std::stringstream text;
+        text << in.rdbuf();
+        return text.str();
+    }
+    // Waits until the trace holds part (written by the daemon's own thread,
+    // so there is nothing to wait on but the file).
+    bool waitTrace(const std::string &part,
+                   std::chrono::milliseconds limit = std::chrono::seconds(20)) const {
+        auto deadline = std::chrono::steady_clock::now() + limit;
+        while (trace().find(part) == std::string::npos) {
+            if (std::chrono::steady_clock::now() >= deadline) return false;
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        return true;
+    }
+
+private:
+    std::vector<std::string> args_;
+    std::vector<std::string> env_;
+    uint16_t port_;
+    std::string tracePath_;
+    pid_t pid_ = -1;
+    int out_ = -1;
+    std::string stdout_;
+};
+
+}  // namespace zevd::test
+
+#endif  // ZEVD_TESTS_SUPPORT_DCH_DAEMON_H
