@@ -124,13 +124,14 @@ static void printRow(char *message) {
 #define CATALOGUE_WAIT 5
 
 /* Prints one catalogue text under a title. The text is the DCH's, in a
- * malloc block that is ours to free. */
+ * malloc block that is ours to free. An empty text (nothing registered under
+ * the name) comes back as a failed query, like a DCH that did not answer. */
 static void printCatalogue(const char *title, int result, int length, char *text) {
     printf("%s:\n", title);
     if (result == 0 && text != NULL)
         printf("%.*s\n", length, text);
     else
-        printf("  (no answer)\n");
+        printf("  (none: the DCH has nothing under this name yet, or did not answer)\n");
     free(text);
 }
 

@@ -1,0 +1,23 @@
+#!/bin/sh
+# Runs the README's demo command against this build: the consumer must print
+# the provider's rows and status lines, and nothing it started may be left.
+# usage: demo_test.sh SOURCE_DIR BUILD_DIR
+set -u
+out=$(ZEVD_BUILD_DIR=$2 bash "$1/scripts/demo.sh" 2>&1)
+status=$?
+echo "$out"
+[ $status -eq 0 ] || { echo "the demo exited with $status"; exit 1; }
+for line in "zevdchd  | zevdchd ready on port" "consumer | waiting for rows of demo disk" \
+    "provider | dp_unregister  result 0 status 0" "consumer |   mount = /home" \
+    "consumer |   inodes = 50211" "consumer | status demo,disk,node-1,127.0.0.1," \
+    "consumer | cancelled" "zevdchd  | rows_forwarded 3" "== done"; do
+    echo "$out" | grep -qF -- "$line" || { echo "missing: $line"; exit 1; }
+done
+port=$(echo "$out" | sed -n 's/^zevdchd  | zevdchd ready on port \([0-9]*\)$/\1/p')
+python3 - "$port" <<'PY' || { echo "port $port is still taken after the demo"; exit 1; }
+import socket, sys
+for kind in (socket.SOCK_DGRAM, socket.SOCK_STREAM):
+    s = socket.socket(socket.AF_INET, kind)
+    s.bind(("127.0.0.1", int(sys.argv[1])))
+PY
+exit 0
