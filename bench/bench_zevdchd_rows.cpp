@@ -40,7 +40,12 @@ void BM_RawUdpStreamFloor(benchmark::State &state) {
         int in = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
         int out = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
         sockaddr_in any = loopbackAddress(0);
-        bind(in, reinterpret_cast<sockaddr *>(&any), sizeof any);
+        if (in < 0 || out < 0 || bind(in, reinterpret_cast<sockaddr *>(&any), sizeof any) != 0) {
+            state.SkipWithError("no sockets for the stream");
+            if (in >= 0) close(in);
+            if (out >= 0) close(out);
+            return;
+        }
         sockaddr_in to = loopbackAddress(zevd::test::boundPort(in));
         timeval wait = {1, 0};
         setsockopt(in, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
