@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
@@ -34,7 +35,8 @@ DaemonProcess *theDaemon = nullptr;
 class DaemonEnvironment : public ::testing::Environment {
 public:
     void SetUp() override {
-        theDaemon = new DaemonProcess();
+        // A short DCH time-out, for the peer that stalls.
+        theDaemon = new DaemonProcess({}, {"ZEVA_DCH_TIMEOUT=2"});
         ASSERT_TRUE(theDaemon->start()) << theDaemon->trace();
         setenv("ZEVA_DCH_ADDR", "127.0.0.1", 1);
         setenv("ZEVA_DCH_PORT", std::to_string(theDaemon->port()).c_str(), 1);
@@ -390,6 +392,21 @@ public:
         if (!readExactly(m.data() + 4, length - 4)) return {};
         return m;
     }
+    // True when the other side closes the connection within limit (what
+    // arrives before is skipped).
+    bool endsWithin(std::chrono::milliseconds limit) {
+        auto deadline = std::chrono::steady_clock::now() + limit;
+        for (;;) {
+            auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                deadline - std::chrono::steady_clock::now());
+            pollfd p = {fd_, POLLIN, 0};
+            if (left.count() <= 0 || poll(&p, 1, static_cast<int>(left.count())) != 1) return false;
+            char skipped[256];
+            ssize_t n = recv(fd_, skipped, sizeof skipped, 0);
+            if (n == 0 || (n < 0 && errno == ECONNRESET)) return true;
+            if (n < 0) return false;
+        }
+    }
     void closeNow() {
         if (fd_ >= 0) close(fd_);
         fd_ = -1;
@@ -475,6 +492,21 @@ TEST(DchDaemonTest, TcpRequestsAreAnsweredOnTheirConnectionAndItsEndReleasesItsH
     EXPECT_EQ(status, ZEVD_DCH_UNKNOWN_HANDLE);
     dp_unregister(&status, "tcp");
     EXPECT_EQ(status, 0);
+}
+
+TEST(DchDaemonTest, TcpPeerThatStallsIsCutOffAndUdpIsServedMeanwhile) {
+    TcpClient stalled;
+    ASSERT_TRUE(stalled.connected());
+    // The first 10 bytes of a 100-byte message, then nothing.
+    ASSERT_TRUE(stalled.send({0, 0, 0, 100, 0, 16, 0, 0, 0, 2}));
+    auto start = std::chrono::steady_clock::now();
+    long handle = 0;
+    EXPECT_EQ(online(handle, "nosuch", "g", "s"), ZEVD_DCH_UNKNOWN_APPL);
+    // Served within the daemon's time-out (2 s) and a second.
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 3s);
+    // The daemon's side closes the connection: the peer reads its end.
+    EXPECT_TRUE(stalled.endsWithin(10s));
+    EXPECT_TRUE(theDaemon->waitTrace("Error: TCP received 10 bytes, expected 100 bytes"));
 }
 
 TEST(DchDaemonTest, SubscriberThatStopsAcceptingIsDropped) {

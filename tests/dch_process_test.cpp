@@ -20,6 +20,8 @@
 namespace zevd::test {
 namespace {
 
+using namespace std::chrono_literals;
+
 int exitCode(int status) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
@@ -80,6 +82,19 @@ TEST(DchProcessTest, BadUsageEndsItWithStatusTwo) {
         EXPECT_EQ(exitCode(daemon.waitExit()), 2) << args[0];
         EXPECT_NE(daemon.trace().find("Try 'zevdchd --help'."), std::string::npos) << args[0];
     }
+}
+
+TEST(DchProcessTest, HelpAndVersionAreWrittenAndEndWithStatusZero) {
+    DaemonProcess help({"--help"});
+    ASSERT_TRUE(help.spawn());
+    help.waitReady(5s);  // reads what it printed; there is no ready line
+    EXPECT_EQ(exitCode(help.waitExit()), 0);
+    EXPECT_EQ(help.output().rfind("usage: zevdchd [--port N]", 0), 0u) << help.output();
+    DaemonProcess version({"--version"});
+    ASSERT_TRUE(version.spawn());
+    version.waitReady(5s);
+    EXPECT_EQ(exitCode(version.waitExit()), 0);
+    EXPECT_EQ(version.output(), "zevdchd 6.1.0\n");
 }
 
 TEST(DchProcessTest, StateDirKeepsTheProvidersOfADaemonThatWasKilled) {
