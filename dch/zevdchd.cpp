@@ -52,21 +52,23 @@ const Group *Application::find(const std::string &group) const {
 // The table: adding a request is one row here and one handler.
 const std::vector<Dch::Handler> &Dch::handlerTable() {
     static const std::vector<Handler> table = {
-        {ZEVD_REQ_DP_REGISTER, "dp_register", true, &Dch::onRegister},
-        {ZEVD_REQ_DP_ONLINE, "dp_online", true, &Dch::onOnline},
-        {ZEVD_REQ_DP_UNREGISTER, "dp_unregister", true, &Dch::onUnregister},
-        {ZEVD_REQ_DP_OFFLINE, "dp_offline", true, &Dch::onOffline},
-        {ZEVD_REQ_DP_DATA, "dp_data", true, &Dch::onData},
-        {ZEVD_REQ_DC_GET_APPLICATIONS, "dc_getApplications", true, &Dch::onGetApplications},
-        {ZEVD_REQ_DC_GET_APPL_HELP, "dc_getApplHelp", true, &Dch::onGetApplHelp},
-        {ZEVD_REQ_DC_SEND_APPL_NAME_LIST, "dc_sendApplNameList", false, &Dch::onSendApplNameList},
-        {ZEVD_REQ_DC_GET_APPL_ATTRIBUTES, "dc_getApplAttributes", true, &Dch::onGetApplAttributes},
-        {ZEVD_REQ_DC_WAIT_ON_DATA, "dc_waitOnData", false, &Dch::onWaitOnData},
-        {ZEVD_REQ_DC_WAIT_FOR_DP_STATUS, "dc_waitForDPStatus", false, &Dch::onWaitForDPStatus},
-        {ZEVD_REQ_DC_PROVIDE_ACTION, "dc_provideAction", false, &Dch::onProvideAction},
-        {ZEVD_REQ_DC_WAIT_FOR_ACTION_RESULTS, "dc_waitForActionResults", true,
+        {ZEVD_REQ_DP_REGISTER, "dp_register", kStatusAnswer, &Dch::onRegister},
+        {ZEVD_REQ_DP_ONLINE, "dp_online", kHandleAnswer, &Dch::onOnline},
+        {ZEVD_REQ_DP_UNREGISTER, "dp_unregister", kStatusAnswer, &Dch::onUnregister},
+        {ZEVD_REQ_DP_OFFLINE, "dp_offline", kStatusAnswer, &Dch::onOffline},
+        {ZEVD_REQ_DP_DATA, "dp_data", kStatusAnswer, &Dch::onData},
+        {ZEVD_REQ_DC_GET_APPLICATIONS, "dc_getApplications", kTextAnswer, &Dch::onGetApplications},
+        {ZEVD_REQ_DC_GET_APPL_HELP, "dc_getApplHelp", kTextAnswer, &Dch::onGetApplHelp},
+        {ZEVD_REQ_DC_SEND_APPL_NAME_LIST, "dc_sendApplNameList", kNoAnswer,
+         &Dch::onSendApplNameList},
+        {ZEVD_REQ_DC_GET_APPL_ATTRIBUTES, "dc_getApplAttributes", kTextAnswer,
+         &Dch::onGetApplAttributes},
+        {ZEVD_REQ_DC_WAIT_ON_DATA, "dc_waitOnData", kNoAnswer, &Dch::onWaitOnData},
+        {ZEVD_REQ_DC_WAIT_FOR_DP_STATUS, "dc_waitForDPStatus", kNoAnswer, &Dch::onWaitForDPStatus},
+        {ZEVD_REQ_DC_PROVIDE_ACTION, "dc_provideAction", kNoAnswer, &Dch::onProvideAction},
+        {ZEVD_REQ_DC_WAIT_FOR_ACTION_RESULTS, "dc_waitForActionResults", kStatusAnswer,
          &Dch::onWaitForActionResults},
-        {ZEVD_REQ_DC_DEFER_REPORT_REQUEST, "dc_deferReportRequest", false,
+        {ZEVD_REQ_DC_DEFER_REPORT_REQUEST, "dc_deferReportRequest", kNoAnswer,
          &Dch::onDeferReportRequest},
     };
     return table;
@@ -153,7 +155,15 @@ void Dch::handle(const Request &request) {
     ++counters_.requests[handler->code];
     ZEVD_TRACE(trc, TRACE_DETAIL, "%s from %s port %d fd %u\n", handler->name,
                request.from.host().c_str(), request.from.port(), request.from.fd);
-    (this->*handler->run)(reader, request);
+    current_ = handler;
+    // A message must be whole: fields that end where the bytes received end,
+    // short of what the length word announced, would read as a request.
+    uint32_t length = messageLength(request.data);
+    if (length > request.size)
+        refuseMalformed(request, "its length word exceeds the bytes received");
+    else
+        (this->*handler->run)(reader, request);
+    current_ = nullptr;
     trc.exit();
 }
 
@@ -206,11 +216,27 @@ void Dch::answerText(const Request &request, const std::string &text) {
     trc.exit();
 }
 
-void Dch::dropMalformed(const Request &request, const char *why) {
-    ZEVD_TRACE_FUNCTION("Dch::dropMalformed");
-    ZEVD_TRACE(trc, TRACE_ERROR, "Error: request from %s port %d dropped: %s\n",
-               request.from.host().c_str(), request.from.port(), why);
+void Dch::refuseMalformed(const Request &request, const char *why) {
+    ZEVD_TRACE_FUNCTION("Dch::refuseMalformed");
     ++counters_.drops[kDropMalformed];
+    Answer answer = current_ != nullptr ? current_->answer : kNoAnswer;
+    if (answer == kNoAnswer) {
+        ZEVD_TRACE(trc, TRACE_ERROR, "Error: request from %s port %d dropped: %s\n",
+                   request.from.host().c_str(), request.from.port(),
+                   why != nullptr ? why : "it does not read");
+        return trc.exit();
+    }
+    if (why != nullptr)
+        ZEVD_TRACE(trc, TRACE_ERROR, "Error: %s from %s port %d is malformed: %s\n", current_->name,
+                   request.from.host().c_str(), request.from.port(), why);
+    else
+        ZEVD_TRACE(trc, TRACE_ERROR, "Error: %s from %s port %d is malformed\n", current_->name,
+                   request.from.host().c_str(), request.from.port());
+    static const int32_t kNoHandle = 0;
+    if (answer == kTextAnswer)
+        answerText(request, "");
+    else
+        answerStatus(request, kMalformed, answer == kHandleAnswer ? &kNoHandle : nullptr);
     trc.exit();
 }
 
@@ -281,6 +307,12 @@ void Dch::updateGauges() {
 void Dch::disconnect(uint32_t fd) {
     ZEVD_TRACE_FUNCTION("Dch::disconnect");
     ZEVD_TRACE(trc, TRACE_DETAIL, "connection %u closed\n", fd);
+    // Its subscriptions end first: the connection is closed, nothing more
+    // may be sent on it.
+    for (auto *list : {&dataSubscribers_, &statusSubscribers_})
+        list->erase(std::remove_if(list->begin(), list->end(),
+                                   [fd](const Subscriber &s) { return s.peer.fd == fd; }),
+                    list->end());
     bool changed = false;
     for (auto it = handles_.begin(); it != handles_.end();) {
         if (it->second.provider.fd == fd) {
@@ -294,10 +326,6 @@ void Dch::disconnect(uint32_t fd) {
             ++it;
         }
     }
-    for (auto *list : {&dataSubscribers_, &statusSubscribers_})
-        list->erase(std::remove_if(list->begin(), list->end(),
-                                   [fd](const Subscriber &s) { return s.peer.fd == fd; }),
-                    list->end());
     updateGauges();
     if (changed) saveState();
     trc.exit();

@@ -204,11 +204,13 @@ public:
     const std::deque<DeferredReport> &deferredReports() const { return deferred_; }
     int32_t nextHandle() const { return nextHandle_; }
 
+    // What a request is answered with.
+    enum Answer { kNoAnswer, kStatusAnswer, kHandleAnswer, kTextAnswer };
     // The handler of a request code, nullptr when the code has none.
     struct Handler {
         int16_t code;
         const char *name;
-        bool answered;  // the request has an answer
+        Answer answer;
         void (Dch::*run)(FieldReader &reader, const Request &request);
     };
     static const Handler *handlerFor(int code);
@@ -237,8 +239,10 @@ private:
     void answerStatus(const Request &request, int32_t status, const int32_t *handle = nullptr);
     // Answers a catalogue query with text (DCH_response, no terminating zero).
     void answerText(const Request &request, const std::string &text);
-    // A request without an answer that did not read: dropped and counted.
-    void dropMalformed(const Request &request, const char *why);
+    // The request in hand does not read: traced and counted, answered with
+    // status 16 (and handle 0) or an empty text where it has an answer,
+    // otherwise dropped. why may be nullptr.
+    void refuseMalformed(const Request &request, const char *why);
     // Sends the message under construction to every subscriber in list
     // that matches; drops those that keep failing.
     void deliverToAll(std::vector<Subscriber> &list, const MessageBuilder &message,
@@ -257,6 +261,7 @@ private:
 
     Transport &transport_;
     Counters counters_;
+    const Handler *current_ = nullptr;  // the handler of the request in hand
     std::vector<char> reply_;
     std::map<std::string, Application> applications_;
     std::map<int32_t, OpenHandle> handles_;

@@ -13,11 +13,14 @@ ZEVD_TRACE_UNIT(dch::unitZevdchd);
 
 namespace {
 
-// A catalogue value as the answer carries it: cleaned of the separators.
+// A catalogue value as the answer carries it: cleaned of the separators,
+// and of control characters, which would break its one entry a line.
 std::string cleaned(const std::string &value) {
     std::vector<char> text(value.begin(), value.end());
     text.push_back('\0');
     ZEVA_validateHelpText(text.data());
+    for (char &c : text)
+        if (c != '\0' && (static_cast<unsigned char>(c) < 0x20 || c == 0x7f)) c = ' ';
     return text.data();
 }
 
@@ -31,11 +34,12 @@ void addLine(std::string &text, std::initializer_list<std::string> values) {
     }
 }
 
-// The application a query names, or nullptr (not registered, or the query
-// does not read).
-const Application *queried(FieldReader &reader, const std::map<std::string, Application> &apps) {
-    std::string name;
-    if (!readName(reader, DCH_applName, kApplNameMax, name) || !reader.atEnd()) return nullptr;
+// Reads the application a query names; false when the query does not read.
+bool readQueried(FieldReader &reader, std::string &name) {
+    return readName(reader, DCH_applName, kApplNameMax, name) && reader.atEnd();
+}
+
+const Application *find(const std::map<std::string, Application> &apps, const std::string &name) {
     auto it = apps.find(name);
     return it != apps.end() ? &it->second : nullptr;
 }
@@ -49,10 +53,14 @@ bool sameSubscription(const Subscriber &a, const Subscriber &b) {
 void Dch::onGetApplications(FieldReader &reader, const Request &request) {
     ZEVD_TRACE_FUNCTION("Dch::onGetApplications");
     std::string text;
+    std::string name;
     if (reader.atEnd()) {
-        for (const auto &[name, application] : applications_) addLine(text, {name});
-    } else if (const Application *application = queried(reader, applications_)) {
-        addLine(text, {application->name});
+        for (const auto &[known, application] : applications_) addLine(text, {known});
+    } else if (!readQueried(reader, name)) {
+        refuseMalformed(request, nullptr);
+        return trc.exit();
+    } else if (find(applications_, name) != nullptr) {
+        addLine(text, {name});
     }
     answerText(request, text);
     trc.exit();
@@ -61,7 +69,12 @@ void Dch::onGetApplications(FieldReader &reader, const Request &request) {
 void Dch::onGetApplAttributes(FieldReader &reader, const Request &request) {
     ZEVD_TRACE_FUNCTION("Dch::onGetApplAttributes");
     std::string text;
-    if (const Application *application = queried(reader, applications_)) {
+    std::string name;
+    if (!readQueried(reader, name)) {
+        refuseMalformed(request, nullptr);
+        return trc.exit();
+    }
+    if (const Application *application = find(applications_, name)) {
         for (const Group &group : application->groups)
             for (const Attribute &a : group.attributes)
                 addLine(text, {group.name, a.name, std::string(1, a.type), std::to_string(a.size)});
@@ -73,7 +86,12 @@ void Dch::onGetApplAttributes(FieldReader &reader, const Request &request) {
 void Dch::onGetApplHelp(FieldReader &reader, const Request &request) {
     ZEVD_TRACE_FUNCTION("Dch::onGetApplHelp");
     std::string text;
-    if (const Application *application = queried(reader, applications_)) {
+    std::string name;
+    if (!readQueried(reader, name)) {
+        refuseMalformed(request, nullptr);
+        return trc.exit();
+    }
+    if (const Application *application = find(applications_, name)) {
         // The application's and each group's own help come first, with the
         // names they do not have left empty.
         addLine(text, {"", "", application->help});
@@ -90,7 +108,7 @@ void Dch::onSendApplNameList(FieldReader &reader, const Request &request) {
     ZEVD_TRACE_FUNCTION("Dch::onSendApplNameList");
     std::string ignored;
     if (!readString(reader, DCH_sourceName, kSourceNameMax, ignored) || !reader.atEnd()) {
-        dropMalformed(request, "dc_sendApplNameList does not read");
+        refuseMalformed(request, "dc_sendApplNameList does not read");
         return trc.exit();
     }
     for (const auto &[name, application] : applications_)
@@ -107,7 +125,7 @@ void Dch::onWaitOnData(FieldReader &reader, const Request &request) {
         !readName(reader, DCH_attrGroup, kGroupNameMax, subscriber.group) ||
         !read32(reader, DCH_status, operation) || !reader.atEnd() ||
         (operation != 0 && operation != 1)) {
-        dropMalformed(request, "dc_waitOnData does not read");
+        refuseMalformed(request, "dc_waitOnData does not read");
         return trc.exit();
     }
     auto same = [&](const Subscriber &s) { return sameSubscription(s, subscriber); };
@@ -141,7 +159,7 @@ void Dch::onWaitForDPStatus(FieldReader &reader, const Request &request) {
     int32_t operation = -1;
     if (!read32(reader, DCH_status, operation) || !reader.atEnd() ||
         (operation != 0 && operation != 1)) {
-        dropMalformed(request, "dc_waitForDPStatus does not read");
+        refuseMalformed(request, "dc_waitForDPStatus does not read");
         return trc.exit();
     }
     auto same = [&](const Subscriber &s) { return sameSubscription(s, subscriber); };
@@ -177,12 +195,12 @@ void Dch::onProvideAction(FieldReader &reader, const Request &request) {
         !readString(reader, DCH_sourceName, kTextMax, action.subnode) ||
         !readString(reader, DCH_actionName, kTextMax, action.name) ||
         !read32(reader, DCH_actionID, action.id) || !read16(reader, DCH_actionUTF8, action.utf8)) {
-        dropMalformed(request, "dc_provideAction does not read");
+        refuseMalformed(request, "dc_provideAction does not read");
         return trc.exit();
     }
     if (!reader.atEnd()) {
         if (!readString(reader, DCH_actionParms, kTextMax, parms) || !reader.atEnd()) {
-            dropMalformed(request, "dc_provideAction does not read");
+            refuseMalformed(request, "dc_provideAction does not read");
             return trc.exit();
         }
         action.hasParms = true;
@@ -202,11 +220,7 @@ void Dch::onWaitForActionResults(FieldReader &reader, const Request &request) {
     ZEVD_TRACE_FUNCTION("Dch::onWaitForActionResults");
     int32_t id = 0;
     if (!read32(reader, DCH_actionID, id) || !reader.atEnd()) {
-        ZEVD_TRACE(trc, TRACE_ERROR,
-                   "Error: dc_waitForActionResults from %s port %d is malformed\n",
-                   request.from.host().c_str(), request.from.port());
-        ++counters_.drops[kDropMalformed];
-        answerStatus(request, kMalformed);
+        refuseMalformed(request, nullptr);
         return trc.exit();
     }
     bool known =
@@ -228,7 +242,7 @@ void Dch::onDeferReportRequest(FieldReader &reader, const Request &request) {
         !readString(reader, DCH_applKey, kTextMax, report.applKey) ||
         !readString(reader, DCH_tableName, kTextMax, report.table) ||
         !readString(reader, DCH_sourceName, kTextMax, report.source) || !reader.atEnd()) {
-        dropMalformed(request, "dc_deferReportRequest does not read");
+        refuseMalformed(request, "dc_deferReportRequest does not read");
         return trc.exit();
     }
     ZEVD_TRACE(trc, TRACE_DETAIL, "deferred report for action %d recorded\n", report.actionID);

@@ -126,10 +126,7 @@ void Dch::onOnline(FieldReader &reader, const Request &request) {
     if (!readName(reader, DCH_applName, kApplNameMax, handle.appl) ||
         !readName(reader, DCH_attrGroup, kGroupNameMax, handle.group) ||
         !readName(reader, DCH_sourceName, kSourceNameMax, handle.source) || !reader.atEnd()) {
-        ZEVD_TRACE(trc, TRACE_ERROR, "Error: dp_online from %s port %d is malformed\n",
-                   request.from.host().c_str(), request.from.port());
-        ++counters_.drops[kDropMalformed];
-        answerStatus(request, kMalformed, &kNoHandle);
+        refuseMalformed(request, nullptr);
         return trc.exit();
     }
     auto application = applications_.find(handle.appl);
@@ -176,10 +173,7 @@ void Dch::onOffline(FieldReader &reader, const Request &request) {
     ZEVD_TRACE_FUNCTION("Dch::onOffline");
     int32_t id = 0;
     if (!read32(reader, DCH_handle, id) || !reader.atEnd()) {
-        ZEVD_TRACE(trc, TRACE_ERROR, "Error: dp_offline from %s port %d is malformed\n",
-                   request.from.host().c_str(), request.from.port());
-        ++counters_.drops[kDropMalformed];
-        answerStatus(request, kMalformed);
+        refuseMalformed(request, nullptr);
         return trc.exit();
     }
     auto it = handles_.find(id);
@@ -201,10 +195,7 @@ void Dch::onUnregister(FieldReader &reader, const Request &request) {
     ZEVD_TRACE_FUNCTION("Dch::onUnregister");
     std::string appl;
     if (!readName(reader, DCH_applName, kApplNameMax, appl) || !reader.atEnd()) {
-        ZEVD_TRACE(trc, TRACE_ERROR, "Error: dp_unregister from %s port %d is malformed\n",
-                   request.from.host().c_str(), request.from.port());
-        ++counters_.drops[kDropMalformed];
-        answerStatus(request, kMalformed);
+        refuseMalformed(request, nullptr);
         return trc.exit();
     }
     auto application = applications_.find(appl);
@@ -278,12 +269,23 @@ void Dch::onData(FieldReader &reader, const Request &request) {
         answerStatus(request, status);
         return trc.exit();
     }
-    answerStatus(request, kOk);
-
-    // Forwarded as one message: who sent it, then the pairs as received.
+    // Forwarded as one message: who sent it, then the pairs as received. A
+    // row over TCP can be larger than the largest message the DCH sends.
     const OpenHandle &handle = it->second;
     size_t end = messageLength(request.data);
-    if (end > request.size) end = request.size;
+    size_t pairs = end > kRowPairs ? end - kRowPairs : 0;
+    size_t header = kFirstField + 8 + (handle.appl.size() + 7) + (handle.group.size() + 7) +
+                    (handle.source.size() + 7) + 10 + 8;
+    if (header + pairs > reply_.size()) {
+        ZEVD_TRACE(trc, TRACE_ERROR,
+                   "Error: dp_data from %s port %d refused (%d): a row of %u bytes is too large "
+                   "to forward\n",
+                   request.from.host().c_str(), request.from.port(), kFull,
+                   static_cast<unsigned>(end));
+        answerStatus(request, kFull);
+        return trc.exit();
+    }
+    answerStatus(request, kOk);
     MessageBuilder row = startMessage();
     row.add16(DCH_requestType, ZEVD_REQ_DP_DATA);
     row.addString(DCH_applName, handle.appl.c_str());
@@ -291,13 +293,10 @@ void Dch::onData(FieldReader &reader, const Request &request) {
     row.addString(DCH_sourceName, handle.source.c_str());
     row.add32(DCH_handle, handle.id);
     row.add16(DCH_dataFlag, flag);
-    size_t at = row.offset();
-    size_t pairs = end > kRowPairs ? end - kRowPairs : 0;
-    if (at + pairs <= reply_.size()) {  // a request is far smaller than the reply buffer
-        memcpy(reply_.data() + at, request.data + kRowPairs, pairs);
-        uint32_t word = htonl(static_cast<uint32_t>(at + pairs));
-        memcpy(reply_.data(), &word, sizeof word);
-    }
+    size_t at = row.offset();  // the header counted above
+    memcpy(reply_.data() + at, request.data + kRowPairs, pairs);
+    uint32_t word = htonl(static_cast<uint32_t>(at + pairs));
+    memcpy(reply_.data(), &word, sizeof word);
     std::string appl = handle.appl;
     std::string groupName = handle.group;
     deliverToAll(dataSubscribers_, row, &appl, &groupName);
