@@ -165,6 +165,7 @@ Fields report(int16_t requestType, const std::string &appl, const std::string &g
 
 std::vector<Fields> fieldsOfEach(const std::vector<std::vector<char>> &messages) {
     std::vector<Fields> out;
+    out.reserve(messages.size());
     for (const auto &message : messages) out.push_back(fieldsOf(message));
     return out;
 }
@@ -1699,7 +1700,7 @@ TEST(DchStateTest, TextsWithBlanksPercentAndOtherBytesComeBackWhole) {
         kept = stateOf(first.dch);
     }
     std::string file = readFile(dir.stateFile());
-    EXPECT_EQ(file.find("\xc3"), std::string::npos) << file;
+    EXPECT_EQ(file.find('\xc3'), std::string::npos) << file;
     Daemon second;
     TraceCapture capture("error");
     second.dch.useStateDir(dir.path());
@@ -1767,7 +1768,8 @@ TEST(DchStateTest, StateFileThatDoesNotReadBackIsSetAside) {
         EXPECT_EQ(readFile(dir.path() + "/" + aside[0]), damaged);
         std::string start = "Error: state file " + dir.stateFile() + " is not usable (";
         std::string end = "); set aside as " + dir.path() + "/" + aside[0] + ", starting empty\n";
-        EXPECT_TRUE(capture.hasText(start + c.why + end)) << capture.joined();
+        start += c.why;
+        EXPECT_TRUE(capture.hasText(start + end)) << capture.joined();
         EXPECT_EQ(capture.texts().size(), 1u) << capture.joined();
         // It goes on from nothing, and writes a new state.
         second.registerApp("fresh");
