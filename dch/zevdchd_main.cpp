@@ -127,10 +127,10 @@ int run(int argc, char **argv) {
         }
         break;
     }
-    worker->stop();
+    if (!worker->failed()) worker->stop();
     serving.join();
     writeCounters(*dch, *worker);
-    return 0;
+    return worker->failed() ? 1 : 0;
 }
 
 }  // namespace

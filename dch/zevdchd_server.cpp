@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <linux/sock_diag.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -91,7 +92,11 @@ void Worker::run() {
         if (fd == 0xFFFFFFFFu || buffer == nullptr) {
             // Not reached with the loop's entries; bounded so it cannot spin.
             ZEVD_TRACE(trc, TRACE_ERROR, "Error: the receive queue gave no entry\n");
-            if (++failures == 100) break;
+            if (++failures == 100) {
+                failed_ = true;
+                kill(getpid(), SIGTERM);  // the main thread ends the process
+                break;
+            }
             continue;
         }
         failures = 0;

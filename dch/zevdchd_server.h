@@ -45,8 +45,10 @@ public:
     Worker(ipcSock &sock, Dch &dch) : sock_(sock), dch_(dch) {}
 
     // Serves the queue until the stop text comes. Prints the ready line when
-    // the loop reports the port open.
+    // the loop reports the port open. When the queue keeps failing it stops
+    // too, marks itself failed and sends the process SIGTERM.
     void run();
+    bool failed() const { return failed_.load(); }
     // Queues the stop text (from another thread).
     void stop();
     // The DCH's UDP socket once the port is open, else -1.
@@ -58,6 +60,7 @@ private:
     ipcSock &sock_;
     Dch &dch_;
     std::atomic<int> udpSocket_{-1};
+    std::atomic<bool> failed_{false};
 };
 
 }  // namespace zevd::dch
