@@ -1,0 +1,197 @@
+// zevdctl's argument parser and its formatting, without a DCH.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "zevd610.h"
+#include "zevdctl_format.h"
+
+namespace zevdctl {
+namespace {
+
+int32_t int32Of(const Pair &p) {
+    int32_t v = 0;
+    EXPECT_EQ(p.value.size(), 4u);
+    memcpy(&v, p.value.data(), 4);
+    return v;
+}
+int16_t int16Of(const Pair &p) {
+    int16_t v = 0;
+    EXPECT_EQ(p.value.size(), 2u);
+    memcpy(&v, p.value.data(), 2);
+    return v;
+}
+
+TEST(ZevdctlPairTest, EveryTypeLetterTakesItsKindOfValue) {
+    for (char letter = 'A'; letter <= 'Z'; ++letter) {
+        SCOPED_TRACE(std::string(1, letter));
+        Pair p;
+        std::string why;
+        std::string value = isIntegerType(letter) ? "12" : "text";
+        ASSERT_TRUE(parsePair(std::string("x=") + letter + ":" + value, p, &why)) << why;
+        EXPECT_EQ(p.name, "x");
+        EXPECT_EQ(p.type, letter);
+        if (letter == 'I' || letter == 'S')
+            EXPECT_EQ(int16Of(p), 12);
+        else if (letter == 'A' || letter == 'C' || letter == 'G' || letter == 'L' || letter == 'N')
+            EXPECT_EQ(int32Of(p), 12);
+        else
+            EXPECT_EQ(p.value, (std::vector<char>{'t', 'e', 'x', 't', '\0'}));
+    }
+}
+
+TEST(ZevdctlPairTest, IntegersAtTheirLimits) {
+    Pair p;
+    std::string why;
+    ASSERT_TRUE(parsePair("n=A:2147483647", p, &why));
+    EXPECT_EQ(int32Of(p), INT32_MAX);
+    ASSERT_TRUE(parsePair("n=N:-2147483648", p, &why));
+    EXPECT_EQ(int32Of(p), INT32_MIN);
+    EXPECT_FALSE(parsePair("n=A:2147483648", p, &why));
+    EXPECT_EQ(why, "'n=A:2147483648': type A takes an integer from -2147483648 to 2147483647");
+    EXPECT_FALSE(parsePair("n=C:-2147483649", p, &why));
+    ASSERT_TRUE(parsePair("n=S:32767", p, &why));
+    EXPECT_EQ(int16Of(p), 32767);
+    ASSERT_TRUE(parsePair("n=I:-32768", p, &why));
+    EXPECT_EQ(int16Of(p), -32768);
+    EXPECT_FALSE(parsePair("n=S:32768", p, &why));
+    EXPECT_EQ(why, "'n=S:32768': type S takes an integer from -32768 to 32767");
+    EXPECT_FALSE(parsePair("n=I:-32769", p, &why));
+}
+
+TEST(ZevdctlPairTest, TextsAndNamesAtTheirLimits) {
+    Pair p;
+    std::string why;
+    ASSERT_TRUE(parsePair("t=D:", p, &why));
+    EXPECT_EQ(p.value, std::vector<char>{'\0'});
+    ASSERT_TRUE(parsePair("t=D:" + std::string(4095, 'v'), p, &why));
+    EXPECT_EQ(p.value.size(), 4096u);
+    EXPECT_FALSE(parsePair("t=D:" + std::string(4096, 'v'), p, &why));
+    EXPECT_EQ(why.substr(why.find("': ") + 3), "the text is longer than 4095 characters");
+    ASSERT_TRUE(parsePair("t=D:a=b:c", p, &why));  // the value keeps its own '=' and ':'
+    EXPECT_EQ(std::string(p.value.data()), "a=b:c");
+    ASSERT_TRUE(parsePair(std::string(32, 'n') + "=A:1", p, &why));
+    EXPECT_FALSE(parsePair(std::string(33, 'n') + "=A:1", p, &why));
+}
+
+TEST(ZevdctlPairTest, MalformedPairsSayWhatIsWrong) {
+    struct Case {
+        const char *text;
+        const char *why;
+    };
+    const Case cases[] = {
+        {"x", "'x': not NAME=TYPE:VALUE"},
+        {"=A:1", "'=A:1': the name has to have 1 to 32 characters"},
+        {"a b=A:1", "'a b=A:1': the name has a blank, a comma or a control character"},
+        {"a,b=A:1", "'a,b=A:1': the name has a blank, a comma or a control character"},
+        {"x=", "'x=': no TYPE: after the '='"},
+        {"x=A", "'x=A': no TYPE: after the '='"},
+        {"x=AA:1", "'x=AA:1': no TYPE: after the '='"},
+        {"x=a:1", "'x=a:1': the type is not a letter A to Z"},
+        {"x=1:1", "'x=1:1': the type is not a letter A to Z"},
+        {"x=A:", "'x=A:': type A takes an integer from -2147483648 to 2147483647"},
+        {"x=A:1.5", "'x=A:1.5': type A takes an integer from -2147483648 to 2147483647"},
+        {"x=A:12abc", "'x=A:12abc': type A takes an integer from -2147483648 to 2147483647"},
+        {"x=S: 1", "'x=S: 1': type S takes an integer from -32768 to 32767"},
+    };
+    for (const Case &c : cases) {
+        Pair p;
+        std::string why;
+        EXPECT_FALSE(parsePair(c.text, p, &why)) << c.text;
+        EXPECT_EQ(why, c.why);
+    }
+}
+
+TEST(ZevdctlFormatTest, TableAlignsColumnsAndEndsLinesWithoutBlanks) {
+    EXPECT_EQ(table({"GROUP", "ATTRIBUTE", "TYPE", "SIZE"},
+                    {{"disk", "mount", "D", "64"}, {"disk", "usedPct", "A", "4"}}),
+              "GROUP  ATTRIBUTE  TYPE  SIZE\n"
+              "disk   mount      D     64\n"
+              "disk   usedPct    A     4\n");
+    EXPECT_EQ(tableLine({"a", "b", "c"}, {3, 3, 3}), "a    b    c\n");
+}
+
+TEST(ZevdctlFormatTest, JsonStringsAreEscaped) {
+    EXPECT_EQ(jsonString("plain"), "\"plain\"");
+    EXPECT_EQ(jsonString("q\"b\\n\nt\tc\x01"), "\"q\\\"b\\\\n\\nt\\tc\\u0001\"");
+    EXPECT_EQ(jsonString("\xc3\xa9"), "\"\\u00c3\\u00a9\"");
+}
+
+TEST(ZevdctlFormatTest, CatalogueTextsSplitIntoTheirColumns) {
+    std::vector<CatalogueAttribute> a = parseAttributes("g,x,A,4\ng,y,D,16");
+    ASSERT_EQ(a.size(), 2u);
+    EXPECT_EQ(a[1].attribute, "y");
+    EXPECT_EQ(a[1].type, 'D');
+    EXPECT_EQ(a[1].size, 16);
+    auto lines = splitLines(",,help, with a comma\ng,,", 3);
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[0], (std::vector<std::string>{"", "", "help, with a comma"}));
+    EXPECT_EQ(lines[1], (std::vector<std::string>{"g", "", ""}));
+}
+
+// A forwarded row as the DCH sends it.
+std::vector<char> row() {
+    std::vector<char> m;
+    auto field = [&](int type, const std::string &value) {
+        uint16_t t = htons(static_cast<uint16_t>(type));
+        uint32_t l = htonl(static_cast<uint32_t>(value.size()));
+        m.insert(m.end(), reinterpret_cast<char *>(&t), reinterpret_cast<char *>(&t) + 2);
+        m.insert(m.end(), reinterpret_cast<char *>(&l), reinterpret_cast<char *>(&l) + 4);
+        m.insert(m.end(), value.begin(), value.end());
+    };
+    m.resize(4);
+    field(DCH_requestType, std::string("\x10\x30", 2));
+    field(DCH_applName, std::string("demo\0", 5));
+    field(DCH_attrGroup, std::string("disk\0", 5));
+    field(DCH_sourceName, std::string("n1\0", 3));
+    field(DCH_handle, std::string("\0\0\0\7", 4));
+    field(DCH_dataFlag, std::string("\0\2", 2));
+    field(DCH_attrName, std::string("used\0", 5));
+    field(DCH_attrValue, std::string("\xff\xff\xff\xfe", 4));
+    field(DCH_attrName, std::string("mount\0", 6));
+    field(DCH_attrValue, std::string("/var\0\0\0\0", 8));
+    uint32_t word = htonl(static_cast<uint32_t>(m.size()));
+    memcpy(m.data(), &word, 4);
+    return m;
+}
+
+TEST(ZevdctlFormatTest, RowsAreReadFieldByFieldAndValuesDecodedByType) {
+    std::vector<char> m = row();
+    Row r = parseRow(m.data(), m.size());
+    ASSERT_TRUE(r.complete);
+    EXPECT_EQ(r.application, "demo");
+    EXPECT_EQ(r.source, "n1");
+    EXPECT_EQ(r.handle, 7);
+    EXPECT_EQ(r.flag, 2);
+    ASSERT_EQ(r.values.size(), 2u);
+    EXPECT_EQ(decodeValue(r.values[0].second, 'A'), "-2");
+    EXPECT_EQ(decodeValue(r.values[1].second, 'D'), "/var");
+    EXPECT_EQ(decodeValue(std::string("\x80\x00", 2), 'S'), "-32768");
+    // Cut anywhere, it never reads past what it was given.
+    for (size_t cut = 0; cut < m.size(); ++cut) {
+        std::vector<char> part(m.begin(), m.begin() + cut);
+        EXPECT_FALSE(parseRow(part.data(), part.size()).complete) << cut;
+    }
+}
+
+TEST(ZevdctlFormatTest, StatusLinesWithAndWithoutInformation) {
+    StatusLine s;
+    ASSERT_TRUE(parseStatusLine("demo,disk,n1,127.0.0.1,4000,4117", s));
+    EXPECT_TRUE(s.hasInfo);
+    EXPECT_EQ(s.info, "4000");
+    EXPECT_EQ(s.request, 4117);
+    EXPECT_STREQ(eventName(s.request), "online");
+    ASSERT_TRUE(parseStatusLine("demo,,,127.0.0.1,4128", s));
+    EXPECT_FALSE(s.hasInfo);
+    EXPECT_STREQ(eventName(s.request), "unregister");
+    EXPECT_FALSE(parseStatusLine("demo,disk", s));
+    EXPECT_FALSE(parseStatusLine("a,b,c,d,e,x", s));
+}
+
+}  // namespace
+}  // namespace zevdctl
