@@ -61,15 +61,13 @@ const CommandEntry kCommands[] = {
     {"watch", "APPL GROUP", 2, 2, "rows of GROUP as they arrive, until Ctrl-C",
      "zevdctl watch demo disk", watch},
     {"status", "", 0, 0,
-     "provider status lines as they come; Ctrl-C ends it by the signal itself\n"
-     "      (its wait cannot be interrupted)",
+     "provider status lines as they come (the wait cannot be interrupted: Ctrl-C kills it)",
      "zevdctl status --json", status},
     {"send", "APPL GROUP SOURCE NAME=TYPE:VALUE...", 4, 1000,
      "online, one row, offline; prints the handle and each status",
      "zevdctl send demo disk node-9 mount=D:/srv usedPct=A:55", send},
     {"action", "ID NODE NAME [PARAMETERS]", 3, 4,
-     "hand action NAME (number ID) to NODE and wait for its result, up to\n"
-     "      --timeout seconds",
+     "hand action NAME (number ID) to NODE, wait for its result",
      "zevdctl action 7 node-1 restart --timeout 10", action},
 };
 
