@@ -71,18 +71,6 @@ public:
     void peer(const struct sockaddr_in *to) { _ipcClient->setClientAddr(to, sizeof *to); }
 };
 
-const Child &echoPeer() {
-    static const Child echo = startEcho();
-    return echo;
-}
-
-void BM_RawUdpPingPongFloor(benchmark::State &state) {
-    if (echoPeer().pid <= 0) {
-        state.SkipWithError("the echo process did not start");
-        return;
-    }
-    rawPingPong(state, echoPeer().port);
-}
 BENCHMARK(BM_RawUdpPingPongFloor)->Iterations(kRoundTrips)->UseRealTime();
 
 // The DCH's share: the floor's exchange, answered by the fake DCH.

@@ -12,18 +12,6 @@ namespace {
 
 using namespace zevd::bench;
 
-const Child &echoPeer() {
-    static const Child echo = startEcho();
-    return echo;
-}
-
-void BM_RawUdpPingPongFloor(benchmark::State &state) {
-    if (echoPeer().pid <= 0) {
-        state.SkipWithError("the echo process did not start");
-        return;
-    }
-    rawPingPong(state, echoPeer().port);
-}
 BENCHMARK(BM_RawUdpPingPongFloor)->Iterations(kRoundTrips)->UseRealTime();
 
 // The whole exported call; each handle is closed again outside the timing so

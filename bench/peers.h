@@ -189,6 +189,21 @@ inline void rawPingPong(benchmark::State &state, uint16_t port) {
     reportPercentiles(state, micros, "round_trips");
 }
 
+// The echo process of this program, started at its first use.
+inline const Child &echoPeer() {
+    static const Child echo = startEcho();
+    return echo;
+}
+
+// The floor of every round trip: plain UDP ping-pong with the echo process.
+inline void BM_RawUdpPingPongFloor(benchmark::State &state) {
+    if (echoPeer().pid <= 0) {
+        state.SkipWithError("the echo process did not start");
+        return;
+    }
+    rawPingPong(state, echoPeer().port);
+}
+
 }  // namespace zevd::bench
 
 #endif  // ZEVD_BENCH_PEERS_H

@@ -173,14 +173,8 @@ MessageBuilder Dch::startMessage() {
     return message;
 }
 
-void Dch::answerStatus(const Request &request, int32_t status, const int32_t *handle) {
-    ZEVD_TRACE_FUNCTION("Dch::answerStatus");
-    MessageBuilder message = startMessage();
-    message.add32(DCH_status, status);
-    if (handle != nullptr) message.add32(DCH_handle, *handle);
-    if (status != kOk)
-        ZEVD_TRACE(trc, TRACE_DETAIL, "answering status %d to %s port %d\n", status,
-                   request.from.host().c_str(), request.from.port());
+void Dch::sendAnswer(const Request &request, const MessageBuilder &message) {
+    ZEVD_TRACE_FUNCTION("Dch::sendAnswer");
     if (transport_.answer(request.from, message.buffer(), message.length())) {
         ++counters_.answers;
     } else {
@@ -189,6 +183,18 @@ void Dch::answerStatus(const Request &request, int32_t status, const int32_t *ha
         ++counters_.drops[kDropAnswerUnsent];
         if (request.from.fd != 0) transport_.closeConnection(request.from.fd);
     }
+    trc.exit();
+}
+
+void Dch::answerStatus(const Request &request, int32_t status, const int32_t *handle) {
+    ZEVD_TRACE_FUNCTION("Dch::answerStatus");
+    MessageBuilder message = startMessage();
+    message.add32(DCH_status, status);
+    if (handle != nullptr) message.add32(DCH_handle, *handle);
+    if (status != kOk)
+        ZEVD_TRACE(trc, TRACE_DETAIL, "answering status %d to %s port %d\n", status,
+                   request.from.host().c_str(), request.from.port());
+    sendAnswer(request, message);
     trc.exit();
 }
 
@@ -205,14 +211,7 @@ void Dch::answerText(const Request &request, const std::string &text) {
                    static_cast<unsigned>(text.size()), static_cast<unsigned>(length));
     }
     message.addValue(DCH_response, text.data(), static_cast<int>(length), nullptr);
-    if (transport_.answer(request.from, message.buffer(), message.length())) {
-        ++counters_.answers;
-    } else {
-        ZEVD_TRACE(trc, TRACE_ERROR, "Error: answer to %s port %d fd %u could not be sent\n",
-                   request.from.host().c_str(), request.from.port(), request.from.fd);
-        ++counters_.drops[kDropAnswerUnsent];
-        if (request.from.fd != 0) transport_.closeConnection(request.from.fd);
-    }
+    sendAnswer(request, message);
     trc.exit();
 }
 

@@ -235,6 +235,9 @@ private:
 
     // The one message writer: every answer and delivery is built here.
     MessageBuilder startMessage();
+    // Sends a built answer to the request's sender; a TCP connection whose
+    // answer cannot be sent is closed.
+    void sendAnswer(const Request &request, const MessageBuilder &message);
     // Answers with a status (and a handle when one is given).
     void answerStatus(const Request &request, int32_t status, const int32_t *handle = nullptr);
     // Answers a catalogue query with text (DCH_response, no terminating zero).
@@ -247,6 +250,10 @@ private:
     // that matches; drops those that keep failing.
     void deliverToAll(std::vector<Subscriber> &list, const MessageBuilder &message,
                       const std::string *appl, const std::string *group);
+    // Registers (operation 1) or withdraws (0) a subscriber of list; kind
+    // names the list in the trace.
+    void subscribe(std::vector<Subscriber> &list, Subscriber subscriber, int32_t operation,
+                   const char *kind);
     // A status report of a lifecycle event to every status subscriber.
     void reportStatus(int16_t requestType, const std::string &appl, const std::string &group,
                       const std::string &source, const Peer &provider);

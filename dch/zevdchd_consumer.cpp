@@ -128,27 +128,7 @@ void Dch::onWaitOnData(FieldReader &reader, const Request &request) {
         refuseMalformed(request, "dc_waitOnData does not read");
         return trc.exit();
     }
-    auto same = [&](const Subscriber &s) { return sameSubscription(s, subscriber); };
-    auto found = std::find_if(dataSubscribers_.begin(), dataSubscribers_.end(), same);
-    if (operation == 1 && found == dataSubscribers_.end()) {
-        if (dataSubscribers_.size() >= kMaxSubscribers) {
-            ZEVD_TRACE(trc, TRACE_ERROR,
-                       "Error: data subscriber %s port %d refused: %u subscribers already\n",
-                       request.from.host().c_str(), request.from.port(),
-                       static_cast<unsigned>(kMaxSubscribers));
-            return trc.exit();
-        }
-        ZEVD_TRACE(trc, TRACE_DETAIL, "data subscriber %s port %d of %s %s\n",
-                   request.from.host().c_str(), request.from.port(), subscriber.appl.c_str(),
-                   subscriber.group.c_str());
-        dataSubscribers_.push_back(std::move(subscriber));
-    } else if (operation == 0 && found != dataSubscribers_.end()) {
-        ZEVD_TRACE(trc, TRACE_DETAIL, "data subscriber %s port %d withdrew\n",
-                   request.from.host().c_str(), request.from.port());
-        dataSubscribers_.erase(found);
-        forgetPeer(request.from);
-    }
-    updateGauges();
+    subscribe(dataSubscribers_, std::move(subscriber), operation, "data");
     trc.exit();
 }
 
@@ -162,24 +142,31 @@ void Dch::onWaitForDPStatus(FieldReader &reader, const Request &request) {
         refuseMalformed(request, "dc_waitForDPStatus does not read");
         return trc.exit();
     }
+    subscribe(statusSubscribers_, std::move(subscriber), operation, "status");
+    trc.exit();
+}
+
+void Dch::subscribe(std::vector<Subscriber> &list, Subscriber subscriber, int32_t operation,
+                    const char *kind) {
+    ZEVD_TRACE_FUNCTION("Dch::subscribe");
+    std::string who = std::string(kind) + " subscriber " + subscriber.peer.host() + " port " +
+                      std::to_string(subscriber.peer.port());
     auto same = [&](const Subscriber &s) { return sameSubscription(s, subscriber); };
-    auto found = std::find_if(statusSubscribers_.begin(), statusSubscribers_.end(), same);
-    if (operation == 1 && found == statusSubscribers_.end()) {
-        if (statusSubscribers_.size() >= kMaxSubscribers) {
-            ZEVD_TRACE(trc, TRACE_ERROR,
-                       "Error: status subscriber %s port %d refused: %u subscribers already\n",
-                       request.from.host().c_str(), request.from.port(),
+    auto found = std::find_if(list.begin(), list.end(), same);
+    if (operation == 1 && found == list.end()) {
+        if (list.size() >= kMaxSubscribers) {
+            ZEVD_TRACE(trc, TRACE_ERROR, "Error: %s refused: %u subscribers already\n", who.c_str(),
                        static_cast<unsigned>(kMaxSubscribers));
             return trc.exit();
         }
-        ZEVD_TRACE(trc, TRACE_DETAIL, "status subscriber %s port %d\n", request.from.host().c_str(),
-                   request.from.port());
-        statusSubscribers_.push_back(std::move(subscriber));
-    } else if (operation == 0 && found != statusSubscribers_.end()) {
-        ZEVD_TRACE(trc, TRACE_DETAIL, "status subscriber %s port %d withdrew\n",
-                   request.from.host().c_str(), request.from.port());
-        statusSubscribers_.erase(found);
-        forgetPeer(request.from);
+        if (!subscriber.appl.empty()) who += " of " + subscriber.appl + " " + subscriber.group;
+        ZEVD_TRACE(trc, TRACE_DETAIL, "%s\n", who.c_str());
+        list.push_back(std::move(subscriber));
+    } else if (operation == 0 && found != list.end()) {
+        ZEVD_TRACE(trc, TRACE_DETAIL, "%s withdrew\n", who.c_str());
+        Peer gone = found->peer;
+        list.erase(found);
+        forgetPeer(gone);
     }
     updateGauges();
     trc.exit();

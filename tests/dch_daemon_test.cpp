@@ -30,25 +30,12 @@ namespace {
 
 using namespace std::chrono_literals;
 
-DaemonProcess *theDaemon = nullptr;
-
-class DaemonEnvironment : public ::testing::Environment {
-public:
-    void SetUp() override {
-        // A short DCH time-out, for the peer that stalls.
-        theDaemon = new DaemonProcess({}, {"ZEVA_DCH_TIMEOUT=2"});
-        ASSERT_TRUE(theDaemon->start()) << theDaemon->trace();
-        setenv("ZEVA_DCH_ADDR", "127.0.0.1", 1);
-        setenv("ZEVA_DCH_PORT", std::to_string(theDaemon->port()).c_str(), 1);
-        setenv("ZEVA_DCH_TIMEOUT", "5", 1);
-    }
-    void TearDown() override {
-        EXPECT_EQ(theDaemon->stop(SIGTERM), 0);
-        delete theDaemon;
-    }
-};
+// A short DCH time-out in the daemon, for the peer that stalls.
 [[maybe_unused]] const auto *const kEnvironment =
-    ::testing::AddGlobalTestEnvironment(new DaemonEnvironment);
+    ::testing::AddGlobalTestEnvironment(new DaemonEnvironment({"ZEVA_DCH_TIMEOUT=2"}));
+DaemonProcess &theDaemon() {
+    return DaemonEnvironment::daemon();
+}
 
 // Every provider status line of the run, from one status wait that lives as
 // long as the process (a status wait cannot be cancelled).
@@ -298,8 +285,8 @@ TEST(DchDaemonTest, ActionsAreRecordedAndAnsweredNeverExecuted) {
     int object = 0;
     EXPECT_EQ(dc_deferReportRequest(&object, 4242, 1700000000, "key", "table", "src"), 0);
     // The request's parameters never reach the daemon's trace.
-    EXPECT_EQ(theDaemon->trace().find("secret-word"), std::string::npos);
-    EXPECT_TRUE(theDaemon->waitTrace("no action 4243"));
+    EXPECT_EQ(theDaemon().trace().find("secret-word"), std::string::npos);
+    EXPECT_TRUE(theDaemon().waitTrace("no action 4243"));
 }
 
 TEST(DchDaemonTest, TwoProvidersAndTwoSubscribersSeeOnlyTheirOwnRows) {
@@ -372,7 +359,7 @@ TEST(DchDaemonTest, UnknownHandlesApplicationsGroupsAndAttributesHaveTheirStatus
 class TcpClient {
 public:
     TcpClient() : fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_in to = loopbackAddress(theDaemon->port());
+        sockaddr_in to = loopbackAddress(theDaemon().port());
         connected_ = connect(fd_, reinterpret_cast<sockaddr *>(&to), sizeof to) == 0;
     }
     ~TcpClient() { closeNow(); }
@@ -428,23 +415,13 @@ private:
     bool connected_ = false;
 };
 
-template <typename Build>
-std::vector<char> message(Build build) {
-    std::vector<char> m(4096);
-    MessageBuilder b(m.data(), m.size());
-    b.clear();
-    build(b);
-    m.resize(b.length());
-    return m;
-}
-
 TEST(DchDaemonTest, TcpRequestsAreAnsweredOnTheirConnectionAndItsEndReleasesItsHandles) {
     StatusFeed &feed = StatusFeed::get();
     ASSERT_EQ(registerText("APPL tcp;GROUP g;ATTR v A 4"), 0);
     // A subscriber on a connection of its own gets the rows on it.
     TcpClient subscriber;
     ASSERT_TRUE(subscriber.connected());
-    ASSERT_TRUE(subscriber.send(message([](MessageBuilder &b) {
+    ASSERT_TRUE(subscriber.send(buildMessage([](MessageBuilder &b) {
         b.add16(DCH_requestType, ZEVD_REQ_DC_WAIT_ON_DATA);
         b.addString(DCH_applName, "tcp");
         b.addString(DCH_attrGroup, "g");
@@ -453,7 +430,7 @@ TEST(DchDaemonTest, TcpRequestsAreAnsweredOnTheirConnectionAndItsEndReleasesItsH
 
     TcpClient provider;
     ASSERT_TRUE(provider.connected());
-    ASSERT_TRUE(provider.send(message([](MessageBuilder &b) {
+    ASSERT_TRUE(provider.send(buildMessage([](MessageBuilder &b) {
         b.add16(DCH_requestType, ZEVD_REQ_DP_ONLINE);
         b.addString(DCH_applName, "tcp");
         b.addString(DCH_attrGroup, "g");
@@ -467,7 +444,7 @@ TEST(DchDaemonTest, TcpRequestsAreAnsweredOnTheirConnectionAndItsEndReleasesItsH
     int32_t handle = r.int32();
     EXPECT_TRUE(feed.take("tcp,g,t1,127.0.0.1,", ",4117"));
 
-    std::vector<char> row = message([&](MessageBuilder &b) {
+    std::vector<char> row = buildMessage([&](MessageBuilder &b) {
         b.add16(DCH_requestType, ZEVD_REQ_DP_DATA);
         b.add32(DCH_handle, handle);
         b.add16(DCH_dataFlag, 5);
@@ -506,17 +483,17 @@ TEST(DchDaemonTest, TcpPeerThatStallsIsCutOffAndUdpIsServedMeanwhile) {
     EXPECT_LT(std::chrono::steady_clock::now() - start, 3s);
     // The daemon's side closes the connection: the peer reads its end.
     EXPECT_TRUE(stalled.endsWithin(10s));
-    EXPECT_TRUE(theDaemon->waitTrace("Error: TCP received 10 bytes, expected 100 bytes"));
+    EXPECT_TRUE(theDaemon().waitTrace("Error: TCP received 10 bytes, expected 100 bytes"));
 }
 
 TEST(DchDaemonTest, SubscriberThatStopsAcceptingIsDropped) {
     ASSERT_EQ(registerText("APPL gone;GROUP g;ATTR v A 4"), 0);
     uint16_t port = 0;
     {
-        UdpPeer subscriber(theDaemon->port());
+        UdpPeer subscriber(theDaemon().port());
         ASSERT_TRUE(subscriber.bound());
         port = subscriber.localPort();
-        ASSERT_TRUE(subscriber.send(message([](MessageBuilder &b) {
+        ASSERT_TRUE(subscriber.send(buildMessage([](MessageBuilder &b) {
             b.add16(DCH_requestType, ZEVD_REQ_DC_WAIT_ON_DATA);
             b.addString(DCH_applName, "gone");
             b.addString(DCH_attrGroup, "g");
@@ -527,16 +504,16 @@ TEST(DchDaemonTest, SubscriberThatStopsAcceptingIsDropped) {
     ASSERT_EQ(online(handle, "gone", "g", "s"), 0);
     std::string line = "Error: data subscriber 127.0.0.1 port " + std::to_string(port) +
                        " of gone g dropped after 3 failed sends";
-    for (int i = 0; i < 12 && theDaemon->trace().find(line) == std::string::npos; ++i)
+    for (int i = 0; i < 12 && theDaemon().trace().find(line) == std::string::npos; ++i)
         EXPECT_EQ(sendOne(handle, "v", i), 0);  // the provider never notices
-    EXPECT_TRUE(theDaemon->waitTrace(line));
+    EXPECT_TRUE(theDaemon().waitTrace(line));
     long status = -1;
     dp_unregister(&status, "gone");
     EXPECT_EQ(status, 0);
 }
 
 TEST(DchDaemonTest, GarbageDatagramsAreDroppedAndTheDaemonServesOn) {
-    UdpPeer stranger(theDaemon->port());
+    UdpPeer stranger(theDaemon().port());
     std::mt19937 random(7);
     for (int i = 0; i < 200; ++i) {
         std::vector<char> bytes(random() % 300);
@@ -553,7 +530,7 @@ TEST(DchDaemonTest, GarbageDatagramsAreDroppedAndTheDaemonServesOn) {
     long status = -1;
     dp_unregister(&status, "after");
     EXPECT_EQ(status, 0);
-    EXPECT_NE(theDaemon->trace().find("dropped"), std::string::npos);
+    EXPECT_NE(theDaemon().trace().find("dropped"), std::string::npos);
 }
 
 }  // namespace

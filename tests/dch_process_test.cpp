@@ -104,14 +104,6 @@ TEST(DchProcessTest, StateDirKeepsTheProvidersOfADaemonThatWasKilled) {
     int32_t handle = 0;
     // A daemon that is killed after a provider registered and went online:
     // the raw requests of a provider, from one socket.
-    auto request = [](auto build) {
-        std::vector<char> m(4096);
-        MessageBuilder b(m.data(), m.size());
-        b.clear();
-        build(b);
-        m.resize(b.length());
-        return m;
-    };
     auto exchange = [](DaemonProcess &daemon, const std::vector<char> &m) {
         int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
         sockaddr_in to = loopbackAddress(daemon.port());
@@ -135,7 +127,7 @@ TEST(DchProcessTest, StateDirKeepsTheProvidersOfADaemonThatWasKilled) {
         DaemonProcess first({"--state-dir", dir});
         ASSERT_TRUE(first.start()) << first.trace();
         port = first.port();
-        ASSERT_EQ(status(exchange(first, request([](MessageBuilder &b) {
+        ASSERT_EQ(status(exchange(first, buildMessage([](MessageBuilder &b) {
                                       b.add16(DCH_requestType, ZEVD_REQ_DP_REGISTER);
                                       b.addString(DCH_applName, "kept");
                                       b.addString(0x200, "kept across restarts");
@@ -147,7 +139,7 @@ TEST(DchProcessTest, StateDirKeepsTheProvidersOfADaemonThatWasKilled) {
                                       b.addString(0x200, "a value");
                                   }))),
                   0);
-        ASSERT_EQ(status(exchange(first, request([](MessageBuilder &b) {
+        ASSERT_EQ(status(exchange(first, buildMessage([](MessageBuilder &b) {
                                       b.add16(DCH_requestType, ZEVD_REQ_DP_ONLINE);
                                       b.addString(DCH_applName, "kept");
                                       b.addString(DCH_attrGroup, "g");
@@ -161,7 +153,7 @@ TEST(DchProcessTest, StateDirKeepsTheProvidersOfADaemonThatWasKilled) {
     DaemonProcess second({"--state-dir", dir}, {}, port);
     ASSERT_TRUE(second.start()) << second.trace();
     EXPECT_NE(second.trace().find("Note: state read from"), std::string::npos);
-    std::vector<char> row = request([&](MessageBuilder &b) {
+    std::vector<char> row = buildMessage([&](MessageBuilder &b) {
         b.add16(DCH_requestType, ZEVD_REQ_DP_DATA);
         b.add32(DCH_handle, handle);
         b.add16(DCH_dataFlag, 0);

@@ -18,29 +18,18 @@ namespace {
 
 using namespace std::chrono_literals;
 
-DaemonProcess *theDaemon = nullptr;
-
-class DaemonEnvironment : public ::testing::Environment {
-public:
-    void SetUp() override {
-        theDaemon = new DaemonProcess();
-        ASSERT_TRUE(theDaemon->start()) << theDaemon->trace();
-        setenv("ZEVA_DCH_ADDR", "127.0.0.1", 1);
-        setenv("ZEVA_DCH_PORT", std::to_string(theDaemon->port()).c_str(), 1);
-        setenv("ZEVA_DCH_TIMEOUT", "5", 1);
+// The catalogue the commands look at, registered once the daemon is up.
+[[maybe_unused]] const auto *const kEnvironment =
+    ::testing::AddGlobalTestEnvironment(new DaemonEnvironment({}, [] {
         long status = -1;
         dp_register(&status,
                     "APPL ctl Control test;GROUP grp Its group;ATTR count A 4 How many;"
                     "ATTR name D 16 Who, or what;ATTR level S 2");
         ASSERT_EQ(status, 0);
-    }
-    void TearDown() override {
-        EXPECT_EQ(theDaemon->stop(SIGTERM), 0);
-        delete theDaemon;
-    }
-};
-[[maybe_unused]] const auto *const kEnvironment =
-    ::testing::AddGlobalTestEnvironment(new DaemonEnvironment);
+    }));
+DaemonProcess &theDaemon() {
+    return DaemonEnvironment::daemon();
+}
 
 struct Result {
     int code;
@@ -171,7 +160,7 @@ TEST(ZevdctlTest, FailedRequestsEndWithStatusOne) {
     EXPECT_EQ(unknown.code, 1);
     EXPECT_TRUE(unknown.out.empty());
     EXPECT_EQ(unknown.err, "zevdctl: no application nosuch at the DCH (127.0.0.1 port " +
-                               std::to_string(theDaemon->port()) + "), or no answer\n");
+                               std::to_string(theDaemon().port()) + "), or no answer\n");
     Result notRegistered = zevdctl({"send", "nosuch", "g", "s", "x=A:1"});
     EXPECT_EQ(notRegistered.code, 1);
     EXPECT_EQ(notRegistered.err, "zevdctl: dp_online failed with status 17\n");
@@ -182,9 +171,9 @@ TEST(ZevdctlTest, FailedRequestsEndWithStatusOne) {
     EXPECT_EQ(silent.err, "zevdctl: no applications at the DCH (127.0.0.1 port " +
                               std::to_string(nobody) + "), or no answer\n");
     // ... and --port to the right one works whatever the environment says.
-    Result overridden =
-        zevdctl({"--port", std::to_string(theDaemon->port()), "--addr", "127.0.0.1", "apps", "ctl"},
-                {"ZEVA_DCH_PORT=1", "ZEVA_DCH_ADDR=192.0.2.1"});
+    Result overridden = zevdctl(
+        {"--port", std::to_string(theDaemon().port()), "--addr", "127.0.0.1", "apps", "ctl"},
+        {"ZEVA_DCH_PORT=1", "ZEVA_DCH_ADDR=192.0.2.1"});
     EXPECT_EQ(overridden.code, 0) << overridden.err;
 }
 

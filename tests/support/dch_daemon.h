@@ -23,6 +23,11 @@
 #include <utility>
 #include <vector>
 
+#include <gtest/gtest.h>
+
+#include <functional>
+
+#include "common/message.h"
 #include "support/free_port.h"
 
 extern char **environ;
@@ -158,6 +163,50 @@ private:
     int out_ = -1;
     std::string stdout_;
 };
+
+// One daemon for a whole test program, with this process's library pointed
+// at it (before any request reads the configuration). then runs once the
+// daemon is ready.
+class DaemonEnvironment : public ::testing::Environment {
+public:
+    explicit DaemonEnvironment(std::vector<std::string> env = {},
+                               std::function<void()> then = nullptr)
+        : env_(std::move(env)), then_(std::move(then)) {}
+    static DaemonProcess &daemon() { return *running(); }
+
+    void SetUp() override {
+        running() = new DaemonProcess({}, env_);
+        ASSERT_TRUE(daemon().start()) << daemon().trace();
+        setenv("ZEVA_DCH_ADDR", "127.0.0.1", 1);
+        setenv("ZEVA_DCH_PORT", std::to_string(daemon().port()).c_str(), 1);
+        setenv("ZEVA_DCH_TIMEOUT", "5", 1);
+        if (then_) then_();
+    }
+    void TearDown() override {
+        EXPECT_EQ(daemon().stop(SIGTERM), 0);
+        delete running();
+        running() = nullptr;
+    }
+
+private:
+    static DaemonProcess *&running() {
+        static DaemonProcess *process = nullptr;
+        return process;
+    }
+    std::vector<std::string> env_;
+    std::function<void()> then_;
+};
+
+// A message built field by field with the library's writer.
+template <typename Build>
+std::vector<char> buildMessage(Build build) {
+    std::vector<char> m(4096);
+    MessageBuilder b(m.data(), m.size());
+    b.clear();
+    build(b);
+    m.resize(b.length());
+    return m;
+}
 
 }  // namespace zevd::test
 
