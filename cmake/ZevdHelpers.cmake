@@ -31,6 +31,10 @@ function(zevd_add_test name)
   cmake_parse_arguments(ARG "ONE_PROCESS" "TIMEOUT" "SOURCES;LIBS;LABELS;ENVIRONMENT" ${ARGN})
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE zevd_test_support ${ARG_LIBS})
+  # The suites themselves are not optimised (the code under test is): their
+  # many assertions and tables compile several times faster, and CI's time
+  # is mostly compile time.
+  target_compile_options(${name} PRIVATE -O0)
   # zevd_concurrency_tests builds just the suites that the thread sanitizer
   # runs.
   if("concurrency" IN_LIST ARG_LABELS)
