@@ -148,7 +148,9 @@ protected:
     // the listener, or one TCP message from the client in slot.
     void sockServeUDP(ipcServerState &state);
     void sockServeListener(ipcServerState &state);
-    void sockServeClient(ipcServerState &state, int32_t fd, int32_t slot);
+    // sockServeClient returns true when it waited out the DCH time-out for a
+    // piece (the pass then ends, so that UDP is served next).
+    bool sockServeClient(ipcServerState &state, int32_t fd, int32_t slot);
     // One send of length bytes on a client connection, under _sockClientLock.
     ssize_t sockSendClient(int fd, const char *buffer, int32_t length);
     // The slot an accepted connection takes: the lowest free one below the

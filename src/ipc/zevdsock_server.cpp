@@ -376,8 +376,11 @@ int32_t ipcSock::IPCServer() {
             sockResetIndex();
             int32_t slot = -1;
             int32_t fd;
+            // A client that stalled has held the loop for a whole time-out:
+            // the pass ends there, so UDP is served before the next client,
+            // however many stall.
             while ((fd = sockCheckReadMask(&readMask, &slot)) != -1)
-                if (fd > 0) sockServeClient(state, fd, slot);
+                if (fd > 0 && sockServeClient(state, fd, slot)) break;
         }
     }
 
@@ -458,7 +461,7 @@ void ipcSock::sockServeListener(ipcServerState &state) {
                static_cast<void *>(&state.sockClientAddr));
 }
 
-void ipcSock::sockServeClient(ipcServerState &state, int32_t fd, int32_t slot) {
+bool ipcSock::sockServeClient(ipcServerState &state, int32_t fd, int32_t slot) {
     ZEVD_TRACE_LEVEL("ipcSock::IPCServer");
     ZEVD_TRACE(trc, TRACE_DETAIL, "_sockClientFD[%d]=%d SET for reading\n", slot, fd);
     // recvfrom names no sender on a stream: the connection's peer is the
@@ -480,6 +483,7 @@ void ipcSock::sockServeClient(ipcServerState &state, int32_t fd, int32_t slot) {
     // Set when the loop gives up on the message: the rest of it would be read
     // as a new one, so the connection is closed after the mismatch.
     bool cutOff = false;
+    bool stalled = false;  // the time-out ran out waiting for a piece
     // Each piece is waited for up to the DCH time-out (at least a second):
     // the loop serves no one else meanwhile, so no peer may hold it longer.
     int32_t pieceWait = std::max(_envDCHtimeout.load(), 1);
@@ -499,6 +503,7 @@ void ipcSock::sockServeClient(ipcServerState &state, int32_t fd, int32_t slot) {
                 ZEVD_TRACE(trc, TRACE_ERROR,
                            "Error: no more of the TCP message within %d seconds\n", pieceWait);
                 cutOff = true;
+                stalled = true;
             }
             break;
         }
@@ -676,6 +681,7 @@ void ipcSock::sockServeClient(ipcServerState &state, int32_t fd, int32_t slot) {
                        static_cast<void *>(pieces[i].buffer));
         }
     }
+    return stalled;
 }
 
 void ipcSock::sockDisconnect(ipcServerState &state, int32_t fd, int32_t slot) {
