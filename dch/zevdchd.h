@@ -233,6 +233,9 @@ private:
     void onWaitForActionResults(FieldReader &reader, const Request &request);
     void onDeferReportRequest(FieldReader &reader, const Request &request);
 
+    // Reads a catalogue query's application: false, with the query refused,
+    // when it does not read; application nullptr when it is not registered.
+    bool readQuery(FieldReader &reader, const Request &request, const Application *&application);
     // The one message writer: every answer and delivery is built here.
     MessageBuilder startMessage();
     // Sends a built answer to the request's sender; a TCP connection whose

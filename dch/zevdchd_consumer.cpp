@@ -34,14 +34,8 @@ void addLine(std::string &text, std::initializer_list<std::string> values) {
     }
 }
 
-// Reads the application a query names; false when the query does not read.
 bool readQueried(FieldReader &reader, std::string &name) {
     return readName(reader, DCH_applName, kApplNameMax, name) && reader.atEnd();
-}
-
-const Application *find(const std::map<std::string, Application> &apps, const std::string &name) {
-    auto it = apps.find(name);
-    return it != apps.end() ? &it->second : nullptr;
 }
 
 bool sameSubscription(const Subscriber &a, const Subscriber &b) {
@@ -50,17 +44,26 @@ bool sameSubscription(const Subscriber &a, const Subscriber &b) {
 
 }  // namespace
 
+bool Dch::readQuery(FieldReader &reader, const Request &request, const Application *&application) {
+    std::string name;
+    if (!readQueried(reader, name)) {
+        refuseMalformed(request, nullptr);
+        return false;
+    }
+    auto it = applications_.find(name);
+    application = it != applications_.end() ? &it->second : nullptr;
+    return true;
+}
+
 void Dch::onGetApplications(FieldReader &reader, const Request &request) {
     ZEVD_TRACE_FUNCTION("Dch::onGetApplications");
     std::string text;
-    std::string name;
     if (reader.atEnd()) {
         for (const auto &[known, application] : applications_) addLine(text, {known});
-    } else if (!readQueried(reader, name)) {
-        refuseMalformed(request, nullptr);
+    } else if (const Application *application = nullptr; !readQuery(reader, request, application)) {
         return trc.exit();
-    } else if (find(applications_, name) != nullptr) {
-        addLine(text, {name});
+    } else if (application != nullptr) {
+        addLine(text, {application->name});
     }
     answerText(request, text);
     trc.exit();
@@ -69,12 +72,9 @@ void Dch::onGetApplications(FieldReader &reader, const Request &request) {
 void Dch::onGetApplAttributes(FieldReader &reader, const Request &request) {
     ZEVD_TRACE_FUNCTION("Dch::onGetApplAttributes");
     std::string text;
-    std::string name;
-    if (!readQueried(reader, name)) {
-        refuseMalformed(request, nullptr);
-        return trc.exit();
-    }
-    if (const Application *application = find(applications_, name)) {
+    const Application *application = nullptr;
+    if (!readQuery(reader, request, application)) return trc.exit();
+    if (application != nullptr) {
         for (const Group &group : application->groups)
             for (const Attribute &a : group.attributes)
                 addLine(text, {group.name, a.name, std::string(1, a.type), std::to_string(a.size)});
@@ -86,12 +86,9 @@ void Dch::onGetApplAttributes(FieldReader &reader, const Request &request) {
 void Dch::onGetApplHelp(FieldReader &reader, const Request &request) {
     ZEVD_TRACE_FUNCTION("Dch::onGetApplHelp");
     std::string text;
-    std::string name;
-    if (!readQueried(reader, name)) {
-        refuseMalformed(request, nullptr);
-        return trc.exit();
-    }
-    if (const Application *application = find(applications_, name)) {
+    const Application *application = nullptr;
+    if (!readQuery(reader, request, application)) return trc.exit();
+    if (application != nullptr) {
         // The application's and each group's own help come first, with the
         // names they do not have left empty.
         addLine(text, {"", "", application->help});

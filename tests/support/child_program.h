@@ -24,6 +24,27 @@ extern char **environ;
 
 namespace zevd::test {
 
+// Waits up to limit for the child pid to end (a pidfd turns readable when it
+// does) and reaps it: its wait status, or -1 when it has not ended.
+inline int waitChild(pid_t pid, std::chrono::milliseconds limit) {
+    int pidfd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+    if (pidfd >= 0) {
+        pollfd p = {pidfd, POLLIN, 0};
+        poll(&p, 1, static_cast<int>(std::max<long>(limit.count(), 0)));
+        close(pidfd);
+    }
+    int status = 0;
+    return waitpid(pid, &status, WNOHANG) == pid ? status : -1;
+}
+
+// A whole file as text (empty when it cannot be read).
+inline std::string fileText(const std::string &path) {
+    std::ifstream in(path);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
 class ChildProgram {
 public:
     // argv[0] is the program's path; env entries NAME=VALUE are added to (or
@@ -96,26 +117,13 @@ public:
                 deadline - std::chrono::steady_clock::now());
             if (left.count() <= 0 || !readSome(static_cast<int>(left.count()))) break;
         }
-        int pidfd = static_cast<int>(syscall(SYS_pidfd_open, pid_, 0));
-        if (pidfd >= 0) {
-            auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                deadline - std::chrono::steady_clock::now());
-            pollfd p = {pidfd, POLLIN, 0};
-            poll(&p, 1, static_cast<int>(std::max<long>(left.count(), 0)));
-            close(pidfd);
-        }
-        int status = 0;
-        if (waitpid(pid_, &status, WNOHANG) != pid_) return -1;
-        pid_ = -1;
+        int status = waitChild(pid_, std::chrono::duration_cast<std::chrono::milliseconds>(
+                                         deadline - std::chrono::steady_clock::now()));
+        if (status != -1) pid_ = -1;
         return status;
     }
     const std::string &output() const { return output_; }
-    std::string errors() const {
-        std::ifstream in(errPath_);
-        std::stringstream text;
-        text << in.rdbuf();
-        return text.str();
-    }
+    std::string errors() const { return fileText(errPath_); }
 
 private:
     // One read within limitMs; false at the end of the output or the limit.

@@ -28,6 +28,7 @@
 #include <functional>
 
 #include "common/message.h"
+#include "support/child_program.h"
 #include "support/free_port.h"
 
 extern char **environ;
@@ -122,26 +123,13 @@ public:
         return waitExit(limit);
     }
     int waitExit(std::chrono::milliseconds limit = std::chrono::seconds(20)) {
-        // A pidfd turns readable when the child ends.
-        int pidfd = static_cast<int>(syscall(SYS_pidfd_open, pid_, 0));
-        if (pidfd >= 0) {
-            pollfd p = {pidfd, POLLIN, 0};
-            poll(&p, 1, static_cast<int>(limit.count()));
-            close(pidfd);
-        }
-        int status = 0;
-        if (waitpid(pid_, &status, WNOHANG) != pid_) return -1;
-        pid_ = -1;
+        int status = waitChild(pid_, limit);
+        if (status != -1) pid_ = -1;
         return status;
     }
 
     const std::string &output() const { return stdout_; }
-    std::string trace() const {
-        std::ifstream in(tracePath_);
-        std::stringstream text;
-        text << in.rdbuf();
-        return text.str();
-    }
+    std::string trace() const { return fileText(tracePath_); }
     // Waits until the trace holds part (written by the daemon's own thread,
     // so there is nothing to wait on but the file).
     bool waitTrace(const std::string &part,
