@@ -190,6 +190,31 @@ TEST(DchServerTest, TcpMessageSentInPiecesIsJoinedAndQueuedWithItsConnection) {
     EXPECT_EQ(server.entries()[2].connectedSockFD, static_cast<uint32_t>(fd));
 }
 
+TEST(DchServerTest, LengthWordSplitAcrossPiecesIsJoinedWithItsMessage) {
+    TraceCapture capture(kLevels);
+    LoopServer &server = startServer();
+    TcpPeer peer(server.port());
+    ASSERT_TRUE(peer.connected());
+    std::vector<char> whole = message(40, 7);
+    // Two bytes of the word, then one, each read as a piece of its own
+    // before the next is sent: the word is whole only with the third piece.
+    ASSERT_TRUE(peer.send(whole.data(), 2));
+    ASSERT_TRUE(capture.waitFor("bytesRead=2, totalRead=2,", kLimit));
+    ASSERT_TRUE(peer.send(whole.data() + 2, 1));
+    ASSERT_TRUE(capture.waitFor("bytesRead=1,", kLimit));
+    ASSERT_TRUE(peer.send(whole.data() + 3, whole.size() - 3));
+    ASSERT_TRUE(server.waitEntries(2, kLimit));
+    const QueueEntry entry = server.entries()[1];
+    EXPECT_TRUE(entry.holds(whole)) << entry.text() << "\n" << capture.joined();
+    EXPECT_EQ(entry.clientName, "127.0.0.1");
+    EXPECT_FALSE(capture.contains("Error: TCP received")) << capture.joined();
+
+    // The connection goes on carrying messages.
+    ASSERT_TRUE(peer.send(message(30, 8)));
+    ASSERT_TRUE(server.waitEntries(3, kLimit));
+    EXPECT_TRUE(server.entries()[2].holds(message(30, 8)));
+}
+
 TEST(DchServerTest, ClosedPeerGivesDisconnectAndItsSlotIsReused) {
     TraceCapture capture(kLevels);
     LoopServer &server = startServer();
@@ -290,7 +315,7 @@ TEST(DchServerTest, LengthWordsThatDoNotMatchGiveResend) {
     Case cases[] = {
         {zeroWord, false, "Error: TCP received 20 bytes, expected 0 bytes\n"},
         {moreThanAnnounced, false, "Error: TCP received 20 bytes, expected 8 bytes\n"},
-        // A first piece shorter than the word gives a word of its bytes
+        // A stream that ends within the word gives a word of its bytes
         // followed by zeros.
         {{0x00, 0x01}, true, "Error: TCP received 2 bytes, expected 65536 bytes\n"},
         {{0x00, 0x00, 0x00}, true, "Error: TCP received 3 bytes, expected 0 bytes\n"},

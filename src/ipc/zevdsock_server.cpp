@@ -551,14 +551,24 @@ bool ipcSock::sockServeClient(ipcServerState &state, int32_t fd, int32_t slot) {
             pieces[ipcBufCount].length = bytesRead;
             ++ipcBufCount;
             if (initRead) {
-                // A first piece shorter than the word gives a word of the
-                // bytes that came, followed by zeros.
+                // TCP keeps no boundaries: the word may come in several
+                // pieces. Until its four bytes are in, it is taken as the
+                // bytes that came followed by zeros, and the read goes on;
+                // a stream that ends before then keeps that word.
                 unsigned char word[4] = {0, 0, 0, 0};
-                memcpy(word, piece, std::min<size_t>(sizeof word, bytesRead));
+                size_t have = 0;
+                for (int32_t i = 0; i < ipcBufCount && have < sizeof word; ++i) {
+                    size_t n =
+                        std::min<size_t>(sizeof word - have, static_cast<size_t>(pieces[i].length));
+                    memcpy(word + have, pieces[i].buffer, n);
+                    have += n;
+                }
                 totalLen = (static_cast<uint32_t>(word[0]) << 24) |
                            (static_cast<uint32_t>(word[1]) << 16) |
                            (static_cast<uint32_t>(word[2]) << 8) | static_cast<uint32_t>(word[3]);
-                initRead = false;
+                initRead = have < sizeof word;
+                // The word so far is at most the whole word: one above the
+                // limit already is the whole word above it.
                 if (totalLen > kMaxTcpMessage) {
                     ZEVD_TRACE(trc, TRACE_ERROR,
                                "Error: TCP message of %u bytes is longer than the %u allowed\n",
@@ -601,7 +611,8 @@ bool ipcSock::sockServeClient(ipcServerState &state, int32_t fd, int32_t slot) {
         }
         ZEVD_TRACE(trc, TRACE_DETAIL, "TCP: totalLen=%d, bytesRead=%d, totalRead=%d, errno=%d\n",
                    static_cast<int32_t>(totalLen), bytesRead, totalRead, recvErrno);
-        if (!(totalLen > static_cast<uint32_t>(totalRead) && totalLen > 0)) moreData = false;
+        if (!initRead && !(totalLen > static_cast<uint32_t>(totalRead) && totalLen > 0))
+            moreData = false;
     }
 
     if (!cutOff && (lastErrno == ECONNRESET || (totalLen == 0 && totalRead == 0))) {
