@@ -5,6 +5,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -25,7 +26,7 @@ namespace {
 constexpr int kExitUsage = 2;
 
 const char kUsage[] =
-    "usage: zevdchd [--port N] [--allow CIDR,...] [--state-dir DIR]\n"
+    "usage: zevdchd [--port N] [--allow CIDR,...] [--state-dir DIR] [--rcvbuf BYTES]\n"
     "               [--trace LEVELS] [--trace-file PATH] [--help] [--version]\n"
     "\n"
     "The reference DCH: serves data providers and consumers on one UDP and TCP\n"
@@ -35,6 +36,9 @@ const char kUsage[] =
     "  --allow CIDR,...  networks served besides loopback and this host's own\n"
     "                    addresses (default: ZEVA_DCH_ALLOW)\n"
     "  --state-dir DIR   keep the catalogue and the open handles in DIR\n"
+    "  --rcvbuf BYTES    receive buffer of the UDP port, 4096 to 1073741824\n"
+    "                    (default: ZEVA_DCH_RCVBUF, else 33554432; beyond\n"
+    "                    net.core.rmem_max only with CAP_NET_ADMIN)\n"
     "  --trace LEVELS    trace levels, as ZEVA_TRACE (e.g. zevdchd=all)\n"
     "  --trace-file PATH append the trace to PATH (default: standard error)\n"
     "  --help            this text\n"
@@ -49,6 +53,18 @@ int usageError(const std::string &what) {
     return kExitUsage;
 }
 
+// A receive buffer size in bytes, as --rcvbuf and ZEVA_DCH_RCVBUF give it:
+// a decimal number within the range; -1 when it is not one.
+long receiveBufferBytes(const char *text) {
+    char *end = nullptr;
+    errno = 0;
+    long bytes = strtol(text, &end, 10);
+    if (*text == '\0' || *end != '\0' || errno != 0 || bytes < kMinReceiveBuffer ||
+        bytes > kMaxReceiveBuffer)
+        return -1;
+    return bytes;
+}
+
 void writeCounters(Dch &dch, const Worker &worker) {
     ZEVD_TRACE_LEVEL("zevdchd::counters");
     dch.counters().drops[kDropKernel] = worker.kernelDrops();
@@ -59,13 +75,19 @@ void writeCounters(Dch &dch, const Worker &worker) {
 
 int run(int argc, char **argv) {
     static const option kOptions[] = {
-        {"port", required_argument, nullptr, 'p'},       {"allow", required_argument, nullptr, 'a'},
-        {"state-dir", required_argument, nullptr, 's'},  {"trace", required_argument, nullptr, 't'},
-        {"trace-file", required_argument, nullptr, 'f'}, {"help", no_argument, nullptr, 'h'},
-        {"version", no_argument, nullptr, 'V'},          {nullptr, 0, nullptr, 0},
+        {"port", required_argument, nullptr, 'p'},
+        {"allow", required_argument, nullptr, 'a'},
+        {"state-dir", required_argument, nullptr, 's'},
+        {"rcvbuf", required_argument, nullptr, 'r'},
+        {"trace", required_argument, nullptr, 't'},
+        {"trace-file", required_argument, nullptr, 'f'},
+        {"help", no_argument, nullptr, 'h'},
+        {"version", no_argument, nullptr, 'V'},
+        {nullptr, 0, nullptr, 0},
     };
     const char *allowList = getenv("ZEVA_DCH_ALLOW");
     std::string stateDir;
+    const char *receiveBuffer = nullptr;
     opterr = 0;
     int option = 0;
     while ((option = getopt_long(argc, argv, ":", kOptions, nullptr)) != -1) {
@@ -80,6 +102,7 @@ int run(int argc, char **argv) {
             }
             case 'a': allowList = optarg; break;
             case 's': stateDir = optarg; break;
+            case 'r': receiveBuffer = optarg; break;
             case 't': setenv("ZEVA_TRACE", optarg, 1); break;
             case 'f': setenv("ZEVA_TRACE_FILE", optarg, 1); break;
             case 'h': fputs(kUsage, stdout); return 0;
@@ -89,6 +112,12 @@ int run(int argc, char **argv) {
         }
     }
     if (optind < argc) return usageError(std::string("unexpected argument '") + argv[optind] + "'");
+    long receiveBufferSize = kDefaultReceiveBuffer;
+    if (receiveBuffer == nullptr) receiveBuffer = getenv("ZEVA_DCH_RCVBUF");
+    if (receiveBuffer != nullptr && (receiveBufferSize = receiveBufferBytes(receiveBuffer)) < 0)
+        return usageError(std::string("--rcvbuf or ZEVA_DCH_RCVBUF takes 4096 to 1073741824 "
+                                      "bytes, not '") +
+                          receiveBuffer + "'");
     TLG1_Configure(nullptr);  // the trace options are in the environment now
 
     // Blocked before any thread starts, so every thread inherits the mask and
@@ -117,6 +146,7 @@ int run(int argc, char **argv) {
     }
     transport->attach(*sock);
     static Worker *worker = new Worker(*sock, *dch);
+    worker->setReceiveBuffer(receiveBufferSize);
     std::thread serving([] { worker->run(); });
     for (;;) {
         int received = 0;

@@ -103,6 +103,7 @@ void Worker::run() {
         if (isControl(buffer, capacity, name, kStopText)) break;
         if (isControl(buffer, capacity, name, "IPC-SERVER_READY")) {
             udpSocket_ = sock_.sockUDP();
+            applyReceiveBuffer(udpSocket_.load());
             printf("zevdchd ready on port %u\n", static_cast<unsigned>(sock_.sockPortUDP()));
             fflush(stdout);
             continue;
@@ -126,6 +127,36 @@ void Worker::run() {
         dch_.handle(request);
     }
     delete[] buffer;
+    trc.exit();
+}
+
+void Worker::applyReceiveBuffer(int fd) const {
+    ZEVD_TRACE_FUNCTION("Worker::applyReceiveBuffer");
+    if (fd < 0) return trc.exit();
+    // A burst of datagrams waits here while the worker is busy; what does not
+    // fit is dropped by the kernel (the kernel_receive_buffer counter).
+    // SO_RCVBUFFORCE passes net.core.rmem_max but needs CAP_NET_ADMIN;
+    // SO_RCVBUF is capped by it.
+    int asked = static_cast<int>(receiveBuffer_);
+    const char *how = "SO_RCVBUFFORCE";
+    if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &asked, sizeof asked) != 0) {
+        how = "SO_RCVBUF";
+        if (setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &asked, sizeof asked) != 0) {
+            ZEVD_TRACE(trc, TRACE_ERROR,
+                       "Error: the receive buffer of the DCH port could not be set: errno=%d\n",
+                       errno);
+            how = "nothing: kept";
+        }
+    }
+    int given = 0;
+    socklen_t length = sizeof given;
+    if (getsockopt(fd, SOL_SOCKET, SO_RCVBUF, &given, &length) != 0) given = -1;
+    // At the error level, like the other start lines, so that it is always
+    // written. The kernel reports twice the size set: it counts its own
+    // bookkeeping in the buffer.
+    ZEVD_TRACE(trc, TRACE_ERROR,
+               "Note: receive buffer of the DCH port: %d bytes (asked for %d through %s)\n", given,
+               asked, how);
     trc.exit();
 }
 

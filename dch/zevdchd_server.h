@@ -20,6 +20,12 @@ namespace zevd::dch {
 // control texts it carries a blank sender name, which no received message has.
 inline constexpr char kStopText[] = "ZEVDCHD-STOP";
 
+// The receive buffer asked for on the DCH's UDP port when --rcvbuf and
+// ZEVA_DCH_RCVBUF are absent, and the range they may ask for.
+inline constexpr long kDefaultReceiveBuffer = 32L << 20;
+inline constexpr long kMinReceiveBuffer = 4096;
+inline constexpr long kMaxReceiveBuffer = 1L << 30;
+
 class SocketTransport : public Transport {
 public:
     SocketTransport() = default;
@@ -48,6 +54,9 @@ public:
     // the loop reports the port open. When the queue keeps failing it stops
     // too, marks itself failed and sends the process SIGTERM.
     void run();
+    // The receive buffer (bytes) set on the UDP port once it is open, before
+    // the ready line; set before run().
+    void setReceiveBuffer(long bytes) { receiveBuffer_ = bytes; }
     bool failed() const { return failed_.load(); }
     // Queues the stop text (from another thread).
     void stop();
@@ -57,8 +66,13 @@ public:
     uint64_t kernelDrops() const;
 
 private:
+    // Sets the receive buffer on the UDP port fd and traces what the kernel
+    // gave.
+    void applyReceiveBuffer(int fd) const;
+
     ipcSock &sock_;
     Dch &dch_;
+    long receiveBuffer_ = kDefaultReceiveBuffer;
     std::atomic<int> udpSocket_{-1};
     std::atomic<bool> failed_{false};
 };

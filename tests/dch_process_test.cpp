@@ -75,13 +75,59 @@ TEST(DchProcessTest, PortThatIsTakenEndsItWithStatusOneAndItsLines) {
 }
 
 TEST(DchProcessTest, BadUsageEndsItWithStatusTwo) {
-    for (const std::vector<std::string> &args : std::vector<std::vector<std::string>>{
-             {"--bogus"}, {"--allow", "10.0.0.0/40"}, {"--allow", "nonsense"}, {"extra"}}) {
+    for (const std::vector<std::string> &args :
+         std::vector<std::vector<std::string>>{{"--bogus"},
+                                               {"--allow", "10.0.0.0/40"},
+                                               {"--allow", "nonsense"},
+                                               {"extra"},
+                                               {"--rcvbuf", "0"},
+                                               {"--rcvbuf", "4095"},
+                                               {"--rcvbuf", "1073741825"},
+                                               {"--rcvbuf", "-65536"},
+                                               {"--rcvbuf", "64k"},
+                                               {"--rcvbuf", ""},
+                                               {"--rcvbuf", "99999999999999999999"},
+                                               {"--rcvbuf"}}) {
         DaemonProcess daemon(args);
         ASSERT_TRUE(daemon.spawn());
-        EXPECT_EQ(exitCode(daemon.waitExit()), 2) << args[0];
-        EXPECT_NE(daemon.trace().find("Try 'zevdchd --help'."), std::string::npos) << args[0];
+        EXPECT_EQ(exitCode(daemon.waitExit()), 2) << args.back();
+        EXPECT_NE(daemon.trace().find("Try 'zevdchd --help'."), std::string::npos) << args.back();
+        EXPECT_EQ(daemon.output().find("ready"), std::string::npos) << args.back();
     }
+}
+
+TEST(DchProcessTest, ReceiveBufferFromTheEnvironmentThatIsBadEndsItWithStatusTwo) {
+    DaemonProcess daemon({}, {"ZEVA_DCH_RCVBUF=lots"});
+    ASSERT_TRUE(daemon.spawn());
+    EXPECT_EQ(exitCode(daemon.waitExit()), 2);
+    EXPECT_NE(daemon.trace().find("zevdchd: --rcvbuf or ZEVA_DCH_RCVBUF takes 4096 to 1073741824 "
+                                  "bytes, not 'lots'\nTry 'zevdchd --help'."),
+              std::string::npos)
+        << daemon.trace();
+}
+
+// The start line gives the kernel's own figure for the buffer: twice the
+// size set (a size under net.core.rmem_max, so SO_RCVBUF alone gives it too).
+TEST(DchProcessTest, ReceiveBufferIsSetOnThePortAndTraced) {
+    const std::string given = "Note: receive buffer of the DCH port: 131072 bytes (asked for 65536";
+    DaemonProcess option({"--rcvbuf", "65536"}, {"ZEVA_DCH_RCVBUF=98304"});
+    ASSERT_TRUE(option.start()) << option.trace();
+    EXPECT_NE(option.trace().find(given), std::string::npos) << option.trace();
+    EXPECT_EQ(exitCode(option.stop(SIGTERM)), 0);
+    DaemonProcess environment({}, {"ZEVA_DCH_RCVBUF=65536"});
+    ASSERT_TRUE(environment.start()) << environment.trace();
+    EXPECT_NE(environment.trace().find(given), std::string::npos) << environment.trace();
+    EXPECT_EQ(exitCode(environment.stop(SIGTERM)), 0);
+}
+
+TEST(DchProcessTest, DefaultReceiveBufferIsAskedForWithoutTheOption) {
+    DaemonProcess daemon;
+    ASSERT_TRUE(daemon.start()) << daemon.trace();
+    EXPECT_NE(daemon.trace().find("Note: receive buffer of the DCH port: "), std::string::npos)
+        << daemon.trace();
+    EXPECT_NE(daemon.trace().find(" bytes (asked for 33554432 through "), std::string::npos)
+        << daemon.trace();
+    EXPECT_EQ(exitCode(daemon.stop(SIGTERM)), 0);
 }
 
 TEST(DchProcessTest, HelpAndVersionAreWrittenAndEndWithStatusZero) {
