@@ -226,7 +226,12 @@ std::vector<ChildReport> runChildren(const std::string &role, int iterations,
     auto deadline = std::chrono::steady_clock::now() + limit;
     for (int p = 0; p < kProcesses; ++p) {
         ChildProgram &child = *children[static_cast<size_t>(p)];
-        EXPECT_TRUE(child.started()) << p;
+        reports[static_cast<size_t>(p)].requests = -1;
+        if (errors != nullptr) errors->emplace_back();
+        if (!child.started()) {
+            ADD_FAILURE() << "child " << p << " did not start";
+            continue;
+        }
         auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
             deadline - std::chrono::steady_clock::now());
         int status = child.wait(std::max(left, std::chrono::milliseconds(1)));
@@ -234,7 +239,7 @@ std::vector<ChildReport> runChildren(const std::string &role, int iterations,
                                        << child.output() << child.errors().substr(0, 2000);
         if (!parseReport(child.output(), &reports[static_cast<size_t>(p)]))
             reports[static_cast<size_t>(p)].requests = -1;
-        if (errors != nullptr) errors->push_back(child.errors());
+        if (errors != nullptr) errors->back() = child.errors();
     }
     return reports;
 }
