@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <future>
 #include <set>
@@ -22,6 +23,7 @@
 #include "support/fake_dch.h"
 #include "support/fake_dch_fixture.h"
 #include "support/fresh_process.h"
+#include "support/loopback.h"
 #include "support/sock_pair.h"
 #include "support/trace_capture.h"
 #include "support/wait_for.h"
@@ -262,6 +264,52 @@ TEST_F(ClientDataWaitTest, CancelFromAnotherThreadEndsTheWaitWithItsDatagram) {
     EXPECT_TRUE(hasLine(capture, "clientObject=@P\n"));
     // Nothing of the cancel reached the DCH.
     EXPECT_EQ(fromClient().size(), 1u);
+    EXPECT_EQ(dc_waitOnDataDestroy(client), -1);
+}
+
+TEST_F(ClientDataWaitTest, StrangersNeitherEndNorBreakTheWait) {
+    TraceCapture capture("zevdchcl=error+storage+detail,zevdsock=error");
+    void *client = start();
+    // The interrupt socket's port, as its allocation line gives it.
+    uint16_t interruptPort = 0;
+    for (const std::string &text : capture.texts())
+        if (text.rfind("_interruptFD socket[", 0) == 0)
+            interruptPort = static_cast<uint16_t>(atoi(text.c_str() + text.find("port[") + 5));
+    ASSERT_NE(interruptPort, 0) << capture.joined();
+    zevd::test::Stranger stranger;
+    ASSERT_TRUE(stranger.ready());
+
+    std::vector<char> buffer(4096, '#');
+    auto wait = std::async(std::launch::async, [&] {
+        return dc_waitOnData(client, buffer.data(), static_cast<int>(buffer.size()));
+    });
+    ASSERT_TRUE(capture.waitFor("Waiting for dc_waitOnData response message", kLimit));
+    // A row and a cancel from another host: both dropped, and the wait goes
+    // on, neither failing nor ending.
+    std::vector<char> forged = forwarded(64, 'x');
+    ASSERT_TRUE(stranger.sendTo(dataPort_, forged));
+    ASSERT_TRUE(stranger.sendTo(interruptPort, kCancel));
+    const std::string from = " bytes from 127.0.0.2 port " + std::to_string(stranger.port());
+    ASSERT_TRUE(capture.waitFor("64" + from + ": only the DCH may answer", kLimit))
+        << capture.joined();
+    ASSERT_TRUE(
+        capture.waitFor("22" + from + ": only dc_waitOnDataCancel may end the wait", kLimit))
+        << capture.joined();
+    EXPECT_EQ(wait.wait_for(std::chrono::milliseconds(200)), std::future_status::timeout);
+
+    std::vector<char> message = forwarded(64, 'd');
+    forward(message);
+    ASSERT_EQ(wait.wait_for(kLimit), std::future_status::ready);
+    EXPECT_EQ(wait.get(), 0);
+    EXPECT_TRUE(std::equal(message.begin(), message.end(), buffer.begin()));
+    EXPECT_TRUE(
+        capture.hasText("Error: dropped a datagram of 64" + from + ": only the DCH may answer\n"));
+    EXPECT_EQ(capture.count("only the DCH may answer"), 1u);
+    EXPECT_FALSE(capture.contains("Error: while waiting")) << capture.joined();
+
+    // The client's own cancel still ends the next wait.
+    EXPECT_EQ(dc_waitOnDataCancel(client), 0);
+    EXPECT_EQ(dc_waitOnData(client, buffer.data(), static_cast<int>(buffer.size())), -1);
     EXPECT_EQ(dc_waitOnDataDestroy(client), -1);
 }
 

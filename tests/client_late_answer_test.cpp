@@ -7,6 +7,8 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -187,6 +189,59 @@ TEST_F(ClientLateAnswerTest, LateRowAnswerIsNotReadByTheNextRow) {
             EXPECT_EQ(status, 0);
         }
     }
+}
+
+// Keeps the process from opening any descriptor while it lives.
+class NoNewDescriptors {
+public:
+    NoNewDescriptors() {
+        getrlimit(RLIMIT_NOFILE, &saved_);
+        int lowestFree = dup(0);
+        close(lowestFree);
+        struct rlimit tight = saved_;
+        tight.rlim_cur = static_cast<rlim_t>(lowestFree);
+        setrlimit(RLIMIT_NOFILE, &tight);
+    }
+    ~NoNewDescriptors() { setrlimit(RLIMIT_NOFILE, &saved_); }
+    NoNewDescriptors(const NoNewDescriptors &) = delete;
+    NoNewDescriptors &operator=(const NoNewDescriptors &) = delete;
+
+private:
+    struct rlimit saved_ = {};
+};
+
+TEST_F(ClientLateAnswerTest, SocketThatCannotBeRenewedIsNotLentUntilItIs) {
+    TraceCapture capture("error,ipcSock::releaseIPC=error+detail");
+    dch().reply(statusAndHandle(0, 6));
+    dch().noReply();
+    dch().reply(statusAndHandle(0, 8));
+    long status = -1;
+    long handle = -1;
+    // The pool and the configuration are made before descriptors run out.
+    ASSERT_EQ(dp_online(&status, &handle, "appl", "group", "W"), 0);
+    std::future<std::pair<long, long>> b;
+    {
+        NoNewDescriptors none;
+        EXPECT_EQ(dp_online(&status, &handle, "appl", "group", "A"), 1);
+        EXPECT_EQ(status, ZEVD_STATUS_NO_RESPONSE);
+        // A's socket could not be renewed: its answer may still come there.
+        ASSERT_TRUE(capture.waitFor("could not be renewed.", std::chrono::seconds(1)))
+            << capture.joined();
+        sendTo(senderOf(2), statusAndHandle(0, 7));
+        // B gets another socket of the pool, or waits for A's to be renewed:
+        // never the one that holds A's answer.
+        b = std::async(std::launch::async, [] {
+            long bStatus = -1;
+            long bHandle = -1;
+            dp_online(&bStatus, &bHandle, "appl", "group", "B");
+            return std::make_pair(bStatus, bHandle);
+        });
+        b.wait_for(std::chrono::milliseconds(300));
+    }
+    ASSERT_EQ(b.wait_for(kLimit), std::future_status::ready);
+    std::pair<long, long> got = b.get();
+    EXPECT_EQ(got.first, 0);
+    EXPECT_EQ(got.second, 8);
 }
 
 TEST_F(ClientLateAnswerTest, SecondCopyOfAnAnswerIsDroppedBeforeTheSocketIsLentAgain) {

@@ -18,6 +18,7 @@
 #include "support/client_probe.h"
 #include "support/fake_dch.h"
 #include "support/fake_dch_fixture.h"
+#include "support/loopback.h"
 #include "support/sock_pair.h"
 #include "support/trace_capture.h"
 #include "support/wait_for.h"
@@ -142,6 +143,22 @@ TEST_F(ClientStatusWaitTest, ReportWithHostInformationGivesSixValues) {
     EXPECT_EQ(line, "APP,GRP,SRC,127.0.0.1,40123,4117");
     EXPECT_EQ(std::count(line.begin(), line.end(), ','), 5);
     EXPECT_TRUE(capture.hasText("hostInfo <40123>\n"));
+    EXPECT_EQ(dc_waitForDPStatusDestroy(client), 0);
+}
+
+TEST_F(ClientStatusWaitTest, ReportFromAnotherHostIsDroppedAndTheDchsRead) {
+    TraceCapture capture("error");
+    void *client = start();
+    zevd::test::Stranger stranger;
+    ASSERT_TRUE(stranger.ready());
+    std::vector<char> forged = report("evil", "g", "s", "1.2.3.4", "", 1);
+    ASSERT_TRUE(stranger.sendTo(port_, forged));
+    EXPECT_EQ(lineOf(client, report("appl", "group", "src", "127.0.0.1", "", 2)),
+              "appl,group,src,127.0.0.1,2");
+    EXPECT_TRUE(capture.hasText("Error: dropped a datagram of " + std::to_string(forged.size()) +
+                                " bytes from 127.0.0.2 port " + std::to_string(stranger.port()) +
+                                ": only the DCH may answer\n"))
+        << capture.joined();
     EXPECT_EQ(dc_waitForDPStatusDestroy(client), 0);
 }
 

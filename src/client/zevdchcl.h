@@ -4,6 +4,7 @@
 #ifndef ZEVD_CLIENT_ZEVDCHCL_H
 #define ZEVD_CLIENT_ZEVDCHCL_H
 
+#include <netinet/in.h>
 #include <pthread.h>
 
 #include <atomic>
@@ -145,6 +146,12 @@ protected:
     // The walk over the response just read; never leaves it.
     zevd::FieldReader responseReader() const;
     void freeReadBuffer(zevd::TraceFrame &trc);
+    // A data wait's read of the message the DCH forwarded, copied into
+    // buffer when it fits; sets _error on failure.
+    void readData(zevd::TraceFrame &trc, char *buffer, short buflen);
+    // True when sender is this client's interrupt socket, from which
+    // dc_waitOnDataCancel sends.
+    bool isOwnCancel(const struct sockaddr_in &sender) const;
     // The body the three catalogue queries share.
     int catalogueQuery(zevd::TraceFrame &trc, const DCHqueryTexts &texts, char **buffer,
                        const char *applName, int wait);

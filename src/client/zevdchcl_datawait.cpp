@@ -97,6 +97,43 @@ int DCHclient::dc_waitOnDataInitialize(const char *applName, const char *attrGro
     return trc.exit(static_cast<int>(_error));
 }
 
+void DCHclient::readData(zevd::TraceFrame &trc, char *buffer, short buflen) {
+    _readBuffer = nullptr;
+    int32_t bytesRead = _ipcClient->ipcRead(&_readBuffer, _DCHtimeout);
+    if (bytesRead <= 0 || _readBuffer == nullptr) {
+        ZEVD_TRACE(trc, TRACE_ERROR,
+                   "Error: while waiting %d second(s) for dc_waitOnData response.\n", _DCHtimeout);
+        _error = 1;
+    } else {
+        // The message's own length word, which the read matched with what
+        // arrived: a message of several datagrams is never copied past the
+        // caller's buffer.
+        uint32_t length = zevd::messageLength(_readBuffer);
+        if (length > static_cast<uint32_t>(buflen)) {
+            // Kept: the words of the line are the wrong way round.
+            ZEVD_TRACE(trc, TRACE_ERROR, "Error: buflen=%d > bytesRead=%d.\n",
+                       static_cast<int>(buflen), static_cast<int>(length));
+            _error = 1;
+        } else {
+            memcpy(buffer, _readBuffer, length);
+        }
+    }
+    freeReadBuffer(trc);
+}
+
+bool DCHclient::isOwnCancel(const struct sockaddr_in &sender) const {
+    // The cancel is sent from the interrupt socket to itself. No other
+    // socket of this host can send from that port, and no other host can
+    // send from a loopback address or, short of forging, from this host's.
+    if (sender.sin_family != AF_INET || ntohs(sender.sin_port) != _interruptPort) return false;
+    if ((ntohl(sender.sin_addr.s_addr) >> 24) == IN_LOOPBACKNET) return true;
+    struct sockaddr_in own;
+    memset(&own, 0, sizeof own);
+    const char *host = ZEV0_LocalHostNameString();
+    return host != nullptr && ZEV0_ConvertNameToAddr(host, _interruptPort, &own) != 0 &&
+           own.sin_addr.s_addr == sender.sin_addr.s_addr;
+}
+
 int DCHclient::dc_waitOnData(char *buffer, short buflen) {
     ZEVD_TRACE_FUNCTION("DCHclient::dc_waitOnData");
     if (_error >= 1) return trc.exit(static_cast<int>(_error));
@@ -123,74 +160,82 @@ int DCHclient::dc_waitOnData(char *buffer, short buflen) {
                "Waiting for dc_waitOnData response message for sockUDP[%d] port[%d] and "
                "interruptFD[%d]\n",
                dataFD, sock->sockPortUDP(), _interruptFD);
-    fd_set readMask;
-    FD_ZERO(&readMask);
-    int count = -1;
-    int selectErrno = EBADF;
-    // A descriptor that select cannot watch fails like a failed select.
-    if (dataFD >= 0 && dataFD < FD_SETSIZE && _interruptFD >= 0 && _interruptFD < FD_SETSIZE) {
-        FD_SET(dataFD, &readMask);
-        FD_SET(_interruptFD, &readMask);
-        // Kept: no time limit. Only data, a cancel, a signal or a failure
-        // ends the wait.
-        count = select(std::max(dataFD, _interruptFD) + 1, &readMask, nullptr, nullptr, nullptr);
-        selectErrno = errno;
-    }
-    if (count < 0) {
-        if (selectErrno == EINTR) {
-            // Kept at the error level, and the flag unchanged: the caller
-            // sees success (or -1 once cancelled) with nothing copied.
-            ZEVD_TRACE(trc, TRACE_ERROR,
-                       "Note: interrupted system call detected during socket select for "
-                       "<%s><%s>\n",
-                       _applName, _attrGroup);
+    // Bounded only by what arrives: each pass receives at least one
+    // stranger's datagram, or ends the wait.
+    for (;;) {
+        fd_set readMask;
+        FD_ZERO(&readMask);
+        int count = -1;
+        int selectErrno = EBADF;
+        // A descriptor that select cannot watch fails like a failed select.
+        if (dataFD >= 0 && dataFD < FD_SETSIZE && _interruptFD >= 0 && _interruptFD < FD_SETSIZE) {
+            FD_SET(dataFD, &readMask);
+            FD_SET(_interruptFD, &readMask);
+            // Kept: no time limit. Only data, a cancel, a signal or a
+            // failure ends the wait.
+            count =
+                select(std::max(dataFD, _interruptFD) + 1, &readMask, nullptr, nullptr, nullptr);
+            selectErrno = errno;
+        }
+        if (count < 0) {
+            if (selectErrno == EINTR) {
+                // Kept at the error level, and the flag unchanged: the caller
+                // sees success (or -1 once cancelled) with nothing copied.
+                ZEVD_TRACE(trc, TRACE_ERROR,
+                           "Note: interrupted system call detected during socket select for "
+                           "<%s><%s>\n",
+                           _applName, _attrGroup);
+                return trc.exit(static_cast<int>(_error));
+            }
+            ZEVD_TRACE(trc, TRACE_ERROR, "Error: select (indefinitely) failed, errno: %d\n",
+                       selectErrno);
+            _error = 1;
             return trc.exit(static_cast<int>(_error));
         }
-        ZEVD_TRACE(trc, TRACE_ERROR, "Error: select (indefinitely) failed, errno: %d\n",
-                   selectErrno);
-        _error = 1;
-        return trc.exit(static_cast<int>(_error));
-    }
-
-    // Data first: it wins over a cancel that is ready at the same time.
-    if (count > 0 && FD_ISSET(dataFD, &readMask)) {
-        ZEVD_TRACE(trc, TRACE_DETAIL, "[@%p] dc_waitOnData data ready.\n",
-                   static_cast<void *>(_ipcClient));
-        _readBuffer = nullptr;
-        int32_t bytesRead = _ipcClient->ipcRead(&_readBuffer, _DCHtimeout);
-        if (bytesRead <= 0 || _readBuffer == nullptr) {
-            ZEVD_TRACE(trc, TRACE_ERROR,
-                       "Error: while waiting %d second(s) for dc_waitOnData response.\n",
-                       _DCHtimeout);
-            _error = 1;
-        } else {
-            // The message's own length word, which the read matched with
-            // what arrived: a message of several datagrams is never copied
-            // past the caller's buffer.
-            uint32_t length = zevd::messageLength(_readBuffer);
-            if (length > static_cast<uint32_t>(buflen)) {
-                // Kept: the words of the line are the wrong way round.
-                ZEVD_TRACE(trc, TRACE_ERROR, "Error: buflen=%d > bytesRead=%d.\n",
-                           static_cast<int>(buflen), static_cast<int>(length));
-                _error = 1;
-            } else {
-                memcpy(buffer, _readBuffer, length);
-            }
+        bool dataReady = count > 0 && FD_ISSET(dataFD, &readMask);
+        bool cancelReady = count > 0 && FD_ISSET(_interruptFD, &readMask);
+        // Only the DCH may answer: strangers' datagrams are dropped first,
+        // and a wait woken by nothing else goes on waiting.
+        if (dataReady && !sock->dchDatagramWaiting()) {
+            if (!cancelReady) continue;
+            dataReady = false;
         }
-        freeReadBuffer(trc);
-        return trc.exit(static_cast<int>(_error));
-    }
-    if (count > 0 && FD_ISSET(_interruptFD, &readMask)) {
-        ZEVD_TRACE(trc, TRACE_DETAIL, "_interruptFD[%d] dc_waitOnDataCancel signal ready.\n",
-                   _interruptFD);
-        struct sockaddr_in sender;
-        socklen_t senderLength = sizeof sender;
-        recvfrom(_interruptFD, buffer, static_cast<size_t>(buflen), 0,
-                 reinterpret_cast<struct sockaddr *>(&sender), &senderLength);
-        // Kept: -1 sticks. Nothing sets it back to 0, so every later wait
-        // that delivers data returns -1 as well.
-        _error = -1;
-        return trc.exit(-1);
+
+        // Data first: it wins over a cancel that is ready at the same time.
+        if (dataReady) {
+            ZEVD_TRACE(trc, TRACE_DETAIL, "[@%p] dc_waitOnData data ready.\n",
+                       static_cast<void *>(_ipcClient));
+            readData(trc, buffer, buflen);
+            return trc.exit(static_cast<int>(_error));
+        }
+        if (cancelReady) {
+            ZEVD_TRACE(trc, TRACE_DETAIL, "_interruptFD[%d] dc_waitOnDataCancel signal ready.\n",
+                       _interruptFD);
+            struct sockaddr_in sender;
+            memset(&sender, 0, sizeof sender);
+            socklen_t senderLength = sizeof sender;
+            char first = 0;
+            ssize_t got =
+                recvfrom(_interruptFD, &first, sizeof first, MSG_PEEK | MSG_DONTWAIT | MSG_TRUNC,
+                         reinterpret_cast<struct sockaddr *>(&sender), &senderLength);
+            if (got >= 0 && !isOwnCancel(sender)) {
+                recv(_interruptFD, &first, sizeof first, MSG_DONTWAIT);
+                char dotted[INET_ADDRSTRLEN] = "";
+                inet_ntop(AF_INET, &sender.sin_addr, dotted, sizeof dotted);
+                ZEVD_TRACE(trc, TRACE_ERROR,
+                           "Error: dropped a datagram of %d bytes from %s port %d: only "
+                           "dc_waitOnDataCancel may end the wait\n",
+                           static_cast<int>(got), dotted, static_cast<int>(ntohs(sender.sin_port)));
+                continue;
+            }
+            recvfrom(_interruptFD, buffer, static_cast<size_t>(buflen), 0,
+                     reinterpret_cast<struct sockaddr *>(&sender), &senderLength);
+            // Kept: -1 sticks. Nothing sets it back to 0, so every later
+            // wait that delivers data returns -1 as well.
+            _error = -1;
+            return trc.exit(-1);
+        }
+        break;
     }
     ZEVD_TRACE(trc, TRACE_ERROR, "Error: unrecognized FD from select\n");
     _error = 1;

@@ -1,10 +1,12 @@
 // ipcSock: construction, the process-wide configuration and the UDP socket
 // pool.
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -22,6 +24,8 @@ std::atomic<int32_t> ipcSock::_envDCHUDPInit{0};
 char ipcSock::_envDCHname[IPC_DCH_NAME_SIZE];
 struct sockaddr_in ipcSock::_envDCHaddress;
 std::atomic<int32_t> ipcSock::_envDCHresolved{0};
+std::atomic<int32_t> ipcSock::_envDCHplace{kDCHremote};
+struct in_addr ipcSock::_envDCHsource;
 std::atomic<uint16_t> ipcSock::_envPortNo{IPC_DEFAULT_DCH_PORT};
 std::atomic<int32_t> ipcSock::_envDCHtimeout{IPC_DEFAULT_DCH_TIMEOUT};
 std::atomic<int32_t> ipcSock::_envTRAPEMIT{0};
@@ -42,6 +46,55 @@ constexpr int kPoolWaitSeconds = 10;
 constexpr int kPoolSleepSeconds = 3;
 // The most datagrams a borrower drops from a socket before using it.
 constexpr int kMostDrained = 4096;
+
+// A pooled socket that is renewed keeps its old socket open, unread, for
+// this many DCH time-outs (at least kLeastRetiredSeconds): while it holds
+// its port, no new socket of any process on this host can be given that
+// port and read the late answer as its own. The wire carries no request
+// number, so an answer later than that can still reach whoever holds the
+// port next.
+constexpr int kRetiredTimeOuts = 2;
+constexpr time_t kLeastRetiredSeconds = 2;
+// At most this many are kept; beyond it the oldest is closed early.
+constexpr int kMostRetired = 64;
+
+struct RetiredSocket {
+    int fd;
+    time_t until;  // CLOCK_MONOTONIC seconds
+};
+
+// Guarded by the pool's lock, under which every renewal runs.
+RetiredSocket retiredSockets[kMostRetired];
+int retiredCount = 0;
+
+time_t monotonicSeconds() {
+    struct timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec;
+}
+
+// Keeps fd open until its time is up, closing those whose time is up and,
+// when full, the oldest.
+void retireSocket(int fd, int32_t dchTimeout) {
+    time_t now = monotonicSeconds();
+    int kept = 0;
+    for (int i = 0; i < retiredCount; ++i) {
+        if (retiredSockets[i].until <= now)
+            close(retiredSockets[i].fd);
+        else
+            retiredSockets[kept++] = retiredSockets[i];
+    }
+    retiredCount = kept;
+    if (fd < 0) return;
+    if (retiredCount == kMostRetired) {
+        close(retiredSockets[0].fd);
+        std::copy(retiredSockets + 1, retiredSockets + retiredCount, retiredSockets);
+        --retiredCount;
+    }
+    time_t hold =
+        std::max<time_t>(static_cast<time_t>(dchTimeout) * kRetiredTimeOuts, kLeastRetiredSeconds);
+    retiredSockets[retiredCount++] = {fd, now + hold};
+}
 
 }  // namespace
 
@@ -94,11 +147,12 @@ ipcSock::ipcSock(int16_t service, int32_t connectTo, int32_t useFromSockPool)
                            static_cast<void *>(list));
                 for (int32_t i = 0; i < count; ++i) {
                     list[i].inUse = 0;
+                    list[i].stale = 0;
                     // ipcSock's own setClientAddr is the one meant here.
                     // NOLINTNEXTLINE(clang-analyzer-optin.cplusplus.VirtualCall)
                     setClientAddr(nullptr, 0);
                     int error = 0;
-                    list[i].sockUDP = ZEV0_OpenLocalSocket(2, 0, &_sockAddress, 0, &error, 0);
+                    list[i].sockUDP = openClientUDP(&_sockAddress, &error);
                     // A socket that failed to open stays in the pool.
                     if (list[i].sockUDP < 0)
                         ZEVD_TRACE(trc, TRACE_ERROR,
@@ -199,6 +253,7 @@ void ipcSock::getEnvVariables() {
                                   ZEV0_ConvertNameToAddr(_envDCHname, port, &_envDCHaddress) != 0
                               ? 1
                               : 0);
+    findDCHhost(port);
 
     _envDCHtimeout.store(dchTimeout != nullptr ? atoi(dchTimeout) : IPC_DEFAULT_DCH_TIMEOUT);
 
@@ -220,6 +275,62 @@ void ipcSock::getEnvVariables() {
     trc.exit();
 }
 
+void ipcSock::findDCHhost(uint16_t port) {
+    _envDCHplace.store(kDCHremote);
+    _envDCHsource.s_addr = htonl(INADDR_LOOPBACK);
+    if (_envDCHresolved.load() == 0) return;
+    // Connecting a datagram socket sends nothing: it only has the kernel
+    // choose the address this host sends to the DCH from.
+    struct sockaddr_in to = _envDCHaddress;
+    to.sin_port = htons(port != 0 ? port : IPC_DEFAULT_DCH_PORT);
+    struct sockaddr_in from;
+    memset(&from, 0, sizeof from);
+    socklen_t fromLen = sizeof from;
+    int probe = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    bool found = probe >= 0 &&
+                 connect(probe, reinterpret_cast<struct sockaddr *>(&to), sizeof to) == 0 &&
+                 getsockname(probe, reinterpret_cast<struct sockaddr *>(&from), &fromLen) == 0;
+    if (probe >= 0) close(probe);
+    if (found) _envDCHsource = from.sin_addr;
+    if ((ntohl(_envDCHaddress.sin_addr.s_addr) >> 24) == IN_LOOPBACKNET)
+        _envDCHplace.store(kDCHloopback);
+    else if (found && from.sin_addr.s_addr == _envDCHaddress.sin_addr.s_addr)
+        _envDCHplace.store(kDCHlocal);
+}
+
+bool ipcSock::senderIsDCH(const struct sockaddr_in &sender) {
+    if (sender.sin_family != AF_INET || _envDCHresolved.load() == 0) return false;
+    in_addr_t from = sender.sin_addr.s_addr;
+    if (from == _envDCHaddress.sin_addr.s_addr) return true;
+    // A DCH on this host that listens on every address answers from the
+    // address the kernel picks for the way back, which need not be the one
+    // it was asked on (a host name set to 127.0.1.1, say).
+    return _envDCHplace.load() != kDCHremote &&
+           (from == _envDCHsource.s_addr || from == htonl(INADDR_LOOPBACK));
+}
+
+int32_t ipcSock::openClientUDP(struct sockaddr_in *address, int *error) {
+    if (_envDCHplace.load() != kDCHloopback)
+        return ZEV0_OpenLocalSocket(2, 0, address, 0, error, 0);
+    int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    struct sockaddr_in local;
+    memset(&local, 0, sizeof local);
+    local.sin_family = AF_INET;
+    local.sin_addr = _envDCHsource;
+    socklen_t length = sizeof local;
+    if (fd < 0 || bind(fd, reinterpret_cast<struct sockaddr *>(&local), sizeof local) != 0 ||
+        getsockname(fd, reinterpret_cast<struct sockaddr *>(&local), &length) != 0) {
+        int saved = errno;
+        if (fd >= 0) close(fd);
+        if (error != nullptr) *error = saved;
+        errno = saved;
+        return -1;
+    }
+    if (address != nullptr) *address = local;
+    if (error != nullptr) *error = 0;
+    return fd;
+}
+
 int32_t ipcSock::allocateIPC() {
     ZEVD_TRACE_FUNCTION("ipcSock::allocateIPC");
     int32_t result = IPC_NO_SOCKET;
@@ -229,7 +340,7 @@ int32_t ipcSock::allocateIPC() {
         ZEVD_TRACE(trc, TRACE_DETAIL, "Creating UDP socket from outside of pool.\n");
         setClientAddr(nullptr, 0);
         int error = 0;
-        result = ZEV0_OpenLocalSocket(2, 0, &_sockAddress, 0, &error, 0);
+        result = openClientUDP(&_sockAddress, &error);
         ZEVD_TRACE(trc, TRACE_STORAGE, "Allocated UDP socket %d from outside socket pool\n",
                    result);
         return trc.exit(result);
@@ -255,13 +366,19 @@ int32_t ipcSock::allocateIPC() {
         bool found = false;
         for (int32_t i = 0; i < count; ++i) {
             // The first free slot wins, even one whose socket failed to open.
-            if (list[i].inUse == 0) {
-                list[i].inUse = 1;
-                result = list[i].sockUDP;
-                ZEVD_TRACE(trc, TRACE_DETAIL, "[%d] UDP Socket %d is available\n", i, result);
-                found = true;
-                break;
+            if (list[i].inUse != 0) continue;
+            // One whose last answer may still come is lent only once it is
+            // renewed: until then borrowers wait, as for a pool lent out,
+            // rather than read another request's answer.
+            if (list[i].stale != 0) {
+                if (!sockRenewUDP(list[i].sockUDP)) continue;
+                list[i].stale = 0;
             }
+            list[i].inUse = 1;
+            result = list[i].sockUDP;
+            ZEVD_TRACE(trc, TRACE_DETAIL, "[%d] UDP Socket %d is available\n", i, result);
+            found = true;
+            break;
         }
         if (found) break;
 
@@ -314,24 +431,28 @@ void ipcSock::sockDrainUDP(int32_t fd) {
     }
 }
 
-bool ipcSock::sockRenewUDP() {
+bool ipcSock::sockRenewUDP(int32_t fd) {
     ZEVD_TRACE_LEVEL("ipcSock::releaseIPC");
     struct sockaddr_in address;
     memset(&address, 0, sizeof address);
     int error = 0;
-    int fresh = ZEV0_OpenLocalSocket(2, 0, &address, 0, &error, 0);
-    // dup3 closes the old socket and keeps the descriptor's number, which
-    // the pool and this object both hold.
-    if (fresh < 0 || dup3(fresh, _sockUDP, O_CLOEXEC) < 0) {
-        ZEVD_TRACE(trc, TRACE_ERROR, "Error: UDP socket %d could not be renewed. errno=%d\n",
-                   _sockUDP, fresh < 0 ? error : errno);
+    int fresh = openClientUDP(&address, &error);
+    // The old socket, kept open a while under a descriptor of its own (when
+    // one is to be had): the late answer lands there and is dropped with it.
+    int old = fresh >= 0 ? fcntl(fd, F_DUPFD_CLOEXEC, 0) : -1;
+    // dup3 puts the fresh socket behind the descriptor's number, which the
+    // pool and this object both hold.
+    if (fresh < 0 || dup3(fresh, fd, O_CLOEXEC) < 0) {
+        ZEVD_TRACE(trc, TRACE_ERROR, "Error: UDP socket %d could not be renewed. errno=%d\n", fd,
+                   fresh < 0 ? error : errno);
         if (fresh >= 0) ZEV0_CloseTheSocket(fresh);
+        if (old >= 0) ZEV0_CloseTheSocket(old);
         return false;
     }
     ZEV0_CloseTheSocket(fresh);
+    retireSocket(old, _envDCHtimeout.load());
     ZEVD_TRACE(trc, TRACE_DETAIL,
-               "Note: UDP socket %d renewed: its last read handed over no complete message.\n",
-               _sockUDP);
+               "Note: UDP socket %d renewed: its last read handed over no complete message.\n", fd);
     return true;
 }
 
@@ -354,8 +475,10 @@ int32_t ipcSock::releaseIPC() {
             if (list[i].sockUDP == _sockUDP) {
                 // Still lent to this object while the lock is held: no
                 // borrower can meet the socket half renewed.
-                if (_sockReadIncomplete && _sockUDP >= 0 && sockRenewUDP())
+                if (_sockReadIncomplete && _sockUDP >= 0) {
+                    list[i].stale = sockRenewUDP(_sockUDP) ? 0 : 1;
                     _sockReadIncomplete = false;
+                }
                 list[i].inUse = 0;
                 ZEVD_TRACE(trc, TRACE_DETAIL, "[%d] UDP Socket %d made available for use.\n", i,
                            _sockUDP);

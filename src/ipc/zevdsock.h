@@ -26,11 +26,19 @@ inline constexpr int32_t IPC_DEFAULT_DCH_TIMEOUT = 30;
 inline constexpr int32_t IPC_DEFAULT_UDP_POOL = 32;
 // Size of the DCH host name buffer, its terminating zero included.
 inline constexpr int IPC_DCH_NAME_SIZE = 256;
+// Where the DCH's address lies, as seen from this process.
+inline constexpr int32_t kDCHremote = 0;
+inline constexpr int32_t kDCHlocal = 1;
+inline constexpr int32_t kDCHloopback = 2;
 
 // One socket of the UDP pool.
 struct UDPSockElement {
     int16_t inUse;    // 0 free, 1 lent out; guarded by _UDPSockLock
     int32_t sockUDP;  // negative when its creation failed
+    // 1 when a renewal failed: the answer to its last read may still come,
+    // so it is renewed before it is lent again, or not lent. Guarded by
+    // _UDPSockLock.
+    int16_t stale;
 };
 
 // The destructor is not virtual (nor is the base's): owners delete an
@@ -65,7 +73,9 @@ public:
     // unchanged; a first datagram shorter than a length word, or whose
     // length word is 0, smaller than what came, or more than 32 datagrams
     // can carry, is such a failure. Nothing received is read or written
-    // outside the bytes that arrived.
+    // outside the bytes that arrived. On an object that talks to the DCH,
+    // a datagram from any other host (senderIsDCH) is dropped with an
+    // error line and the wait goes on with what is left of it.
     int32_t ipcRead(char **buffer, int32_t wait) override;
     // connectedSockFD 0: sends over UDP to the peer address, in datagrams of
     // at most 8192 bytes with a one-second pause between them. Otherwise
@@ -121,6 +131,16 @@ public:
     int32_t allocateDCHport();
 
     int32_t sockUDP() const { return _sockUDP; }
+    // Only the DCH may answer: true when sender is the DCH's host as this
+    // process sees it. That is the DCH's address and, for a DCH on this
+    // host, also the address this host sends to it from and 127.0.0.1.
+    // Any other sender is a stranger, whatever its port (the DCH may send
+    // from sockets other than its port).
+    static bool senderIsDCH(const struct sockaddr_in &sender);
+    // For a wait that watches _sockUDP itself: receives and drops, without
+    // blocking, every datagram at the head of the socket that a stranger
+    // sent (each traced), and tells whether one from the DCH is waiting.
+    bool dchDatagramWaiting();
     // Local ports of the two sockets (host order), cached in _portTCP and
     // _portUDP; 0 when the socket has none.
     uint16_t sockPortTCP();
@@ -162,9 +182,21 @@ protected:
     void sockDisconnect(ipcServerState &state, int32_t fd, int32_t slot);
     // Receives and drops every datagram waiting in fd, without blocking.
     void sockDrainUDP(int32_t fd);
-    // Puts a fresh socket behind the descriptor _sockUDP; false when none
-    // could be opened (the old socket is then kept).
-    bool sockRenewUDP();
+    // Puts a fresh socket behind the descriptor fd, keeping the old one
+    // open a while (see retireSocket); false when none could be opened (the
+    // old socket is then kept). Called under _UDPSockLock.
+    bool sockRenewUDP(int32_t fd);
+    // A UDP socket for talking to the DCH, on a port of the system's choice.
+    // For a DCH on a loopback address it listens on the address this host
+    // sends to the DCH from, and so on no address another host can reach;
+    // otherwise on every address. Fills address as ZEV0_OpenLocalSocket
+    // does; -1 with errno in *error on failure.
+    static int32_t openClientUDP(struct sockaddr_in *address, int *error);
+    // Finds the DCH's host as senderIsDCH sees it; part of reading the
+    // configuration.
+    static void findDCHhost(uint16_t port);
+    // Traces and drops a datagram from a stranger.
+    void dropStranger(const struct sockaddr_in &sender, int32_t length);
 
     // The server loop's severity (0, 1, 2) once the receive thread runs: the
     // constructor's last writes and the loop's meet here, so both go through
@@ -182,6 +214,9 @@ protected:
     // True when the last ipcRead handed over no complete message: its
     // answer may still arrive, so the socket is not lent again as it is.
     bool _sockReadIncomplete = false;
+    // True for an object that talks to the DCH: its reads take datagrams
+    // from the DCH's host only.
+    bool _sockReadsFromDCH = false;
     // Held around every send on a client connection (ipcWrite) and around
     // the server loop's closing of one, so that a worker's answer is never
     // sent on a descriptor while the loop closes it.
@@ -198,6 +233,11 @@ protected:
     // did not resolve.
     static struct sockaddr_in _envDCHaddress;
     static std::atomic<int32_t> _envDCHresolved;
+    // Where the DCH lives, found with the address: kDCHremote, kDCHlocal
+    // (an address of this host's interfaces) or kDCHloopback; and the
+    // address this host sends to it from.
+    static std::atomic<int32_t> _envDCHplace;
+    static struct in_addr _envDCHsource;
     static std::atomic<uint16_t> _envPortNo;
     static std::atomic<int32_t> _envDCHtimeout;
     static std::atomic<int32_t> _envTRAPEMIT;

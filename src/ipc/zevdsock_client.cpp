@@ -20,6 +20,7 @@ int32_t ipcSock::IPCClient(void * /*addr*/, int32_t connectTo, int32_t typeOfSer
     ZEVD_TRACE(trc, TRACE_STORAGE, "DCHName[%s] DCHPort[%d] connectTo[%d] typeOfServer[%d]\n",
                _envDCHname, _envPortNo.load(), connectTo, typeOfServer);
     if (connectTo == 0) {
+        _sockReadsFromDCH = true;
         setClientAddr(nullptr, 0);
         _sockUDP = allocateIPC();
         if (_sockUDP < 0) {

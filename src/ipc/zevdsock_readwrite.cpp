@@ -69,6 +69,11 @@ int32_t ipcSock::ipcRead(char **buffer, int32_t wait) {
     // After a failed select (a signal, say) the receive must not block.
     int receiveFlags = 0;
 
+    // Set when a datagram of the message was kept: only then does the wait
+    // for the next one start afresh, so that strangers' datagrams never
+    // lengthen a read.
+    bool pieceKept = false;
+
     for (;;) {
         if (ipcBufCount > IPC_MAX_DATAGRAMS - 1) {
             ZEVD_TRACE(trc, TRACE_ERROR,
@@ -77,7 +82,8 @@ int32_t ipcSock::ipcRead(char **buffer, int32_t wait) {
             bytesRead = -1;
             break;
         }
-        if (!firstToCome) {
+        if (pieceKept) {
+            pieceKept = false;
             currentWait = kNextDatagramWait;
             timeOut = {kNextDatagramWait, 0};
             timeOutRecord = &timeOut;
@@ -147,6 +153,15 @@ int32_t ipcSock::ipcRead(char **buffer, int32_t wait) {
         int recvErrno = errno;
         receiveFlags = 0;
 
+        if (bytesRead >= 0 && _sockReadsFromDCH && !senderIsDCH(sender)) {
+            // Only the DCH may answer: a stranger's datagram is dropped and
+            // the wait goes on with what is left of it.
+            dropStranger(sender, bytesRead);
+            delete[] piece;
+            ipcBufArray[ipcBufCount].buffer = nullptr;
+            continue;
+        }
+
         if (bytesRead < 1) {
             if (ZEV0_IsValidPointer(piece)) {
                 ZEVD_TRACE(trc, TRACE_STORAGE, "Deleting ipcBuffer @%p, bytesRead: %d\n",
@@ -171,6 +186,7 @@ int32_t ipcSock::ipcRead(char **buffer, int32_t wait) {
         totalRead += bytesRead;
         ipcBufArray[ipcBufCount].length = bytesRead;
         ++ipcBufCount;
+        pieceKept = true;
         if (firstToCome) {
             firstToCome = false;
             // A first datagram too short to hold a length word has none: it
@@ -352,4 +368,31 @@ ssize_t ipcSock::sockSendClient(int fd, const char *buffer, int32_t length) {
     if (locked) ZEVA_ReleaseLock(&_sockClientLock, this);
     errno = sendErrno;
     return rc;
+}
+
+void ipcSock::dropStranger(const struct sockaddr_in &sender, int32_t length) {
+    ZEVD_TRACE_LEVEL("ipcSock::ipcRead");
+    char dotted[INET_ADDRSTRLEN] = "";
+    inet_ntop(AF_INET, &sender.sin_addr, dotted, sizeof dotted);
+    ZEVD_TRACE(trc, TRACE_ERROR,
+               "Error: dropped a datagram of %d bytes from %s port %d: only the DCH may answer\n",
+               length, dotted, static_cast<int>(ntohs(sender.sin_port)));
+}
+
+bool ipcSock::dchDatagramWaiting() {
+    // Bounded: a flood of strangers hands the wait back to its caller's
+    // select rather than holding it here.
+    for (int i = 0; i < IPC_MAX_DATAGRAMS; ++i) {
+        char first = 0;
+        struct sockaddr_in sender;
+        memset(&sender, 0, sizeof sender);
+        socklen_t senderLen = sizeof sender;
+        ssize_t got = recvfrom(_sockUDP, &first, sizeof first, MSG_PEEK | MSG_DONTWAIT | MSG_TRUNC,
+                               reinterpret_cast<struct sockaddr *>(&sender), &senderLen);
+        if (got < 0) return false;
+        if (!_sockReadsFromDCH || senderIsDCH(sender)) return true;
+        recv(_sockUDP, &first, sizeof first, MSG_DONTWAIT);
+        dropStranger(sender, static_cast<int32_t>(got));
+    }
+    return false;
 }

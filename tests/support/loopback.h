@@ -5,6 +5,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <cstdint>
 #include <cstring>
@@ -37,6 +38,40 @@ inline bool sendDatagram(int fd, const struct sockaddr_in &to, const std::vector
                        reinterpret_cast<const struct sockaddr *>(&to), sizeof to);
     return n == static_cast<ssize_t>(datagram.size());
 }
+
+// A sender on another host as far as the DCH's clients are concerned: a
+// UDP socket on 127.0.0.2, which reaches this host's sockets as any other
+// host on the network would, but is not the DCH's address.
+class Stranger {
+public:
+    Stranger() : fd_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+        struct sockaddr_in self = loopbackAddress(0);
+        self.sin_addr.s_addr = htonl(INADDR_LOOPBACK + 1);
+        if (fd_ >= 0 && bind(fd_, reinterpret_cast<struct sockaddr *>(&self), sizeof self) != 0) {
+            close(fd_);
+            fd_ = -1;
+        }
+    }
+    ~Stranger() {
+        if (fd_ >= 0) close(fd_);
+    }
+    Stranger(const Stranger &) = delete;
+    Stranger &operator=(const Stranger &) = delete;
+
+    bool ready() const { return fd_ >= 0; }
+    uint16_t port() const { return boundPort(fd_); }
+    // Sends datagram to to (127.0.0.1:port unless another address is given).
+    bool sendTo(uint16_t port, const std::vector<char> &datagram,
+                in_addr_t address = htonl(INADDR_LOOPBACK)) const {
+        struct sockaddr_in to = loopbackAddress(port);
+        to.sin_addr.s_addr = address;
+        return sendDatagram(fd_, to, datagram);
+    }
+    int fd() const { return fd_; }
+
+private:
+    int fd_;
+};
 
 }  // namespace zevd::test
 
