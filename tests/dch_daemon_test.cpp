@@ -23,6 +23,7 @@
 #include "support/dch_daemon.h"
 #include "support/dch_server.h"
 #include "support/loopback.h"
+#include "support/row_collector.h"
 #include "zevd610.h"
 
 namespace zevd::test {
@@ -88,50 +89,6 @@ private:
     std::mutex lock_;
     std::condition_variable changed_;
     std::deque<std::string> lines_;
-};
-
-// Receives the rows of one group on a thread of its own until it has count.
-class RowCollector {
-public:
-    RowCollector(const char *appl, const char *group, size_t count)
-        : client_(dc_waitOnDataInitialize(appl, group)), count_(count) {
-        EXPECT_NE(client_, nullptr);
-        thread_ = std::thread([this] {
-            std::vector<char> buffer(32767);
-            for (;;) {
-                {
-                    std::lock_guard<std::mutex> guard(lock_);
-                    if (rows_.size() >= count_) return;
-                }
-                int result = dc_waitOnData(client_, buffer.data(), static_cast<int>(buffer.size()));
-                if (result != 0) return;
-                std::lock_guard<std::mutex> guard(lock_);
-                rows_.emplace_back(buffer.begin(), buffer.begin() + messageLength(buffer.data()));
-                changed_.notify_all();
-            }
-        });
-    }
-    ~RowCollector() {
-        dc_waitOnDataCancel(client_);
-        thread_.join();
-        dc_waitOnDataDestroy(client_);
-    }
-    bool waitAll(std::chrono::milliseconds limit = 30s) {
-        std::unique_lock<std::mutex> guard(lock_);
-        return changed_.wait_for(guard, limit, [&] { return rows_.size() >= count_; });
-    }
-    std::vector<std::vector<char>> rows() {
-        std::lock_guard<std::mutex> guard(lock_);
-        return rows_;
-    }
-
-private:
-    void *client_;
-    size_t count_;
-    std::mutex lock_;
-    std::condition_variable changed_;
-    std::vector<std::vector<char>> rows_;
-    std::thread thread_;
 };
 
 // The forwarded message the daemon makes of a row.
