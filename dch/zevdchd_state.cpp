@@ -3,14 +3,17 @@
 // and read back at start. A file that does not read back whole (cut short,
 // edited, of another version) is set aside and the daemon starts empty.
 //
-//   zevdchd-state 1
+//   zevdchd-state 2
 //   next-handle N
 //   appl NAME HELP HOST PORT
 //   group NAME HELP
 //   attr NAME TYPE SIZE HELP
 //   handle ID APPL GROUP SOURCE HOST PORT
-//   end RECORDS
+//   end RECORDS SUM
 //
+// SUM is the 64-bit FNV-1a hash of every byte before the end line, in 16
+// hexadecimal digits: a file whose bytes were changed is not trusted even
+// when it still parses.
 // Every text is written as '=' followed by its bytes, with '%', blanks,
 // control characters and bytes above 0x7e as %XX: a word never holds a
 // blank, and the empty text is "=".
@@ -36,6 +39,23 @@ ZEVD_TRACE_UNIT(dch::unitZevdchd);
 namespace {
 
 constexpr const char *kStateFile = "zevdchd.state";
+constexpr const char *kStateHeader = "zevdchd-state 2";
+
+// 64-bit FNV-1a, continued from sum over text.
+uint64_t fnv1a(uint64_t sum, const std::string &text) {
+    for (unsigned char c : text) {
+        sum ^= c;
+        sum *= 0x100000001b3ULL;
+    }
+    return sum;
+}
+constexpr uint64_t kFnvStart = 0xcbf29ce484222325ULL;
+
+std::string sumText(uint64_t sum) {
+    char text[17];
+    snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(sum));
+    return text;
+}
 
 std::string encode(const std::string &text) {
     std::string out = "=";
@@ -128,11 +148,14 @@ bool Dch::loadState(const std::string &path, std::string *why) {
         *why = std::string(what) + " at line " + std::to_string(number);
         return false;
     };
-    if (!std::getline(file, line) || line != "zevdchd-state 1") return fail("no header");
+    if (!std::getline(file, line) || line != kStateHeader) return fail("no header");
     number = 1;
+    uint64_t sum = fnv1a(kFnvStart, line + "\n");
     while (std::getline(file, line)) {
         ++number;
         if (ended) return fail("text after the end");
+        uint64_t sumBefore = sum;
+        sum = fnv1a(sum, line + "\n");
         std::istringstream in(line);
         std::string kind;
         in >> kind;
@@ -177,8 +200,10 @@ bool Dch::loadState(const std::string &path, std::string *why) {
             handles_[h.id] = std::move(h);
         } else if (kind == "end") {
             size_t count = 0;
-            if (!(in >> count) || !nothingMore(in) || count != records)
+            std::string written;
+            if (!(in >> count >> written) || !nothingMore(in) || count != records)
                 return fail("an end that does not count the records");
+            if (written != sumText(sumBefore)) return fail("a sum that does not match");
             ended = true;
             continue;
         } else {
@@ -195,7 +220,7 @@ void Dch::saveState() {
     if (stateDir_.empty()) return trc.exit();
     std::ostringstream out;
     size_t records = 1;
-    out << "zevdchd-state 1\nnext-handle " << nextHandle_ << '\n';
+    out << kStateHeader << "\nnext-handle " << nextHandle_ << '\n';
     for (const auto &[name, a] : applications_) {
         out << "appl " << encode(a.name) << ' ' << encode(a.help) << ' '
             << encodePeer(a.registeredBy) << '\n';
@@ -215,8 +240,8 @@ void Dch::saveState() {
             << encode(h.source) << ' ' << encodePeer(h.provider) << '\n';
         ++records;
     }
-    out << "end " << records << '\n';
     std::string text = out.str();
+    text += "end " + std::to_string(records) + " " + sumText(fnv1a(kFnvStart, text)) + "\n";
     std::string path = stateDir_ + "/" + kStateFile;
     std::string temporary = path + ".new";
     int fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
@@ -234,6 +259,14 @@ void Dch::saveState() {
     if (written && rename(temporary.c_str(), path.c_str()) != 0) {
         written = false;
         error = errno;
+    }
+    if (written) {
+        // The rename itself reaches the disk with the directory.
+        int dirFd = open(stateDir_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        if (dirFd >= 0) {
+            fsync(dirFd);
+            close(dirFd);
+        }
     }
     if (!written) {
         ZEVD_TRACE(trc, TRACE_ERROR, "Error: state could not be written to %s: errno=%d\n",

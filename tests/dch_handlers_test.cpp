@@ -1742,6 +1742,24 @@ TEST(DchStateTest, StateFileThatDoesNotReadBackIsSetAside) {
              return t;
          },
          "a bad appl at line 3"},
+        {"a changed byte that still parses",
+         [](const std::string &s) {
+             std::string t = s;
+             t.replace(t.find("handle 1 "), 9, "handle 9 ");
+             return t;
+         },
+         "a sum that does not match at line 10"},
+        {"a sum changed",
+         [](const std::string &s) {
+             std::string t = s;
+             char &last = t[t.size() - 2];
+             last = last == '0' ? '1' : '0';
+             return t;
+         },
+         "a sum that does not match at line 10"},
+        {"the first format, without a sum",
+         [](const std::string &s) { return "zevdchd-state 1" + s.substr(s.find('\n')); },
+         "no header at line 0"},
         {"empty", [](const std::string &) { return std::string(); }, "no header at line 0"},
     };
     for (const Case &c : cases) {
