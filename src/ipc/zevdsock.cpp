@@ -44,6 +44,8 @@ using zevd::storeShared;
 // lock before it looks again.
 constexpr int kPoolWaitSeconds = 10;
 constexpr int kPoolSleepSeconds = 3;
+// How soon a borrower tries again to renew a socket that could not be.
+constexpr int kStaleRetrySeconds = 1;
 // The most datagrams a borrower drops from a socket before using it.
 constexpr int kMostDrained = 4096;
 
@@ -364,6 +366,7 @@ int32_t ipcSock::allocateIPC() {
     ZEVD_TRACE(trc, TRACE_FLOW, "_UDPSockLock[@%p] taken.\n", static_cast<void *>(&_UDPSockLock));
     for (;;) {
         bool found = false;
+        bool staleSkipped = false;
         for (int32_t i = 0; i < count; ++i) {
             // The first free slot wins, even one whose socket failed to open.
             if (list[i].inUse != 0) continue;
@@ -371,7 +374,10 @@ int32_t ipcSock::allocateIPC() {
             // renewed: until then borrowers wait, as for a pool lent out,
             // rather than read another request's answer.
             if (list[i].stale != 0) {
-                if (!sockRenewUDP(list[i].sockUDP)) continue;
+                if (!sockRenewUDP(list[i].sockUDP)) {
+                    staleSkipped = true;
+                    continue;
+                }
                 list[i].stale = 0;
             }
             list[i].inUse = 1;
@@ -385,7 +391,9 @@ int32_t ipcSock::allocateIPC() {
         ZEVD_TRACE(trc, TRACE_DETAIL, "No UDP sockets available yet. Waiting on signal.\n");
         struct timespec deadline;
         clock_gettime(CLOCK_REALTIME, &deadline);
-        deadline.tv_sec += kPoolWaitSeconds;
+        // A socket that could not be renewed is tried again within a
+        // second, without the pause.
+        deadline.tv_sec += staleSkipped ? kStaleRetrySeconds : kPoolWaitSeconds;
         deadline.tv_nsec = 0;
         // The decision below reads errno, which the wait does not set: start
         // it from 0 so that a stale value cannot turn a time-out into a
@@ -405,6 +413,7 @@ int32_t ipcSock::allocateIPC() {
             break;
         }
         ZEVD_TRACE(trc, TRACE_DETAIL, "Wait timeout on UDP sock pool - errno=%d\n", waitErrno);
+        if (staleSkipped) continue;
         if (ZEVA_ReleaseLock(&_UDPSockLock, this) == 0) {
             OSV1_Sleep(kPoolSleepSeconds);
             if (ZEVA_GetLock(&_UDPSockLock, this) != 0)
