@@ -1,8 +1,9 @@
 // Any bytes as the stream a TCP client sends to the server loop, sent four
-// ways on four connections: whole, a byte at a time, cut at places drawn
-// from the input, and with a cut inside each length word. Nothing may crash,
-// and what the loop queues must be the same each time: the same as the
-// stream's messages, read as the loop reads them, give.
+// ways, each on a connection of its own: whole, a byte at a time, cut at
+// places drawn from the input, and with a cut inside each length word.
+// Nothing may crash, and each way the loop must queue the same entries: the
+// ones worked out once from the stream, as below. The loop is started once
+// per process (the suites' LoopServer); each input makes four connections.
 //
 // The stream is sent as a client sends requests: one message at a time,
 // each after the loop queued what the last gave (a read can take bytes of
@@ -10,9 +11,10 @@
 // happens to hand it over). A message is what its length word announces. A
 // word below 4 is sent alone and gives RESEND_MESSAGE; a word above what
 // the loop joins gives RESEND_MESSAGE and DP-DISCONNECT, and the stream
-// ends there; a word that announces more than is left is sent with the rest
-// and the end of the stream, and gives the same two. A stream that ends
-// after a whole message is reset and gives DP-DISCONNECT.
+// ends there; a word that announces more than is left, or a stream that
+// ends inside a word, is sent with the end of the stream and gives the same
+// two. A stream that ends after a whole message is reset and gives
+// DP-DISCONNECT.
 //
 // Where the cuts must be seen as pieces of their own (the word's cut and
 // the drawn cuts), each is sent once the loop read the one before, which
