@@ -3,7 +3,7 @@
 # when it is missing.
 set -euo pipefail
 
-packages=(cmake g++ make binutils libgtest-dev libgmock-dev libbenchmark-dev python3 go-md2man)
+packages=(cmake g++ make binutils libgtest-dev libgmock-dev libbenchmark-dev python3 go-md2man valgrind)
 missing=()
 for p in "${packages[@]}"; do
   dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds zevd from scratch and runs every test: the release build with
-# warnings as errors and the whole suite, the suite again under
+# warnings as errors and the whole suite, the end-to-end and client suites
+# of that build under valgrind's memcheck, the suite again under
 # AddressSanitizer + UndefinedBehaviorSanitizer, and the concurrency suites
 # under ThreadSanitizer.
 set -euo pipefail
@@ -31,6 +32,8 @@ phase "release build"
 configure_and_build build all -DCMAKE_BUILD_TYPE=Release -DZEVD_BENCH=ON
 phase "release suite"
 (cd build && ctest -j "$jobs" --timeout 300)
+phase "memcheck, end-to-end and client suites"
+bash scripts/memcheck.sh build
 
 phase "address and undefined-behaviour sanitizers"
 configure_and_build build-asan all "${sanitizer_flags[@]}" -DZEVD_SANITIZE=address

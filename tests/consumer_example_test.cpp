@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "support/child_program.h"
 #include "support/client_probe.h"
 #include "support/fake_dch.h"
 #include "support/sock_pair.h"
@@ -95,10 +96,12 @@ TEST(ConsumerExampleTest, PrintsStatusLinesAndRowsAndEndsCleanlyOnSigint) {
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, pipeFDs[1], STDOUT_FILENO);
     posix_spawn_file_actions_addclose(&actions, pipeFDs[0]);
-    char program[] = ZEVD_CONSUMER_PROGRAM;
-    char *argv[] = {program, nullptr};
+    std::vector<std::string> command = zevd::test::wrappedCommand({ZEVD_CONSUMER_PROGRAM});
+    std::vector<char *> argv;
+    for (std::string &word : command) argv.push_back(word.data());
+    argv.push_back(nullptr);
     pid_t child = -1;
-    ASSERT_EQ(posix_spawn(&child, program, &actions, nullptr, argv, environ), 0);
+    ASSERT_EQ(posix_spawnp(&child, argv[0], &actions, nullptr, argv.data(), environ), 0);
     posix_spawn_file_actions_destroy(&actions);
     close(pipeFDs[1]);
     ChildOutput output(pipeFDs[0]);

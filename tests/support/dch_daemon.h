@@ -64,11 +64,13 @@ public:
     pid_t pid() const { return pid_; }
     const std::string &tracePath() const { return tracePath_; }
 
-    // Starts the program; false when it could not be spawned.
+    // Starts the program (behind ZEVD_CHILD_WRAPPER); false when it could
+    // not be spawned.
     bool spawn() {
         std::vector<std::string> argv = {ZEVD_DAEMON_PATH, "--port", std::to_string(port_),
                                          "--trace-file", tracePath_};
         argv.insert(argv.end(), args_.begin(), args_.end());
+        argv = wrappedCommand(std::move(argv));
         std::vector<std::string> env;
         for (char **e = environ; *e != nullptr; ++e)
             if (strncmp(*e, "ZEVA_", 5) != 0) env.emplace_back(*e);
@@ -87,7 +89,7 @@ public:
         posix_spawn_file_actions_adddup2(&actions, pipeFds[1], STDOUT_FILENO);
         posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, tracePath_.c_str(),
                                          O_WRONLY | O_APPEND, 0);
-        int rc = posix_spawn(&pid_, ZEVD_DAEMON_PATH, &actions, nullptr, argvp.data(), envp.data());
+        int rc = posix_spawnp(&pid_, argvp[0], &actions, nullptr, argvp.data(), envp.data());
         posix_spawn_file_actions_destroy(&actions);
         close(pipeFds[1]);
         out_ = pipeFds[0];
