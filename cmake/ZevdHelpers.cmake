@@ -35,6 +35,18 @@ function(zevd_add_test name)
   # many assertions and tables compile several times faster, and CI's time
   # is mostly compile time.
   target_compile_options(${name} PRIVATE -O0)
+  # GoogleTest and the standard headers the suites use are parsed once per
+  # build, into a precompiled header that every suite reuses: they are half
+  # of a suite's compile time. Its host is built with the suites' flags.
+  if(NOT TARGET zevd_test_pch)
+    add_executable(zevd_test_pch ${PROJECT_SOURCE_DIR}/tests/support/pch_host.cpp)
+    target_link_libraries(zevd_test_pch PRIVATE zevd_test_support)
+    target_compile_options(zevd_test_pch PRIVATE -O0)
+    target_precompile_headers(zevd_test_pch PRIVATE
+      <gtest/gtest.h> <atomic> <chrono> <condition_variable> <fstream> <functional> <future>
+      <memory> <mutex> <sstream> <string> <thread> <vector>)
+  endif()
+  target_precompile_headers(${name} REUSE_FROM zevd_test_pch)
   # zevd_concurrency_tests builds just the suites that the thread sanitizer
   # runs.
   if("concurrency" IN_LIST ARG_LABELS)

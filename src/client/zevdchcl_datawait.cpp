@@ -218,7 +218,10 @@ int DCHclient::dc_waitOnData(char *buffer, short buflen) {
             ssize_t got =
                 recvfrom(_interruptFD, &first, sizeof first, MSG_PEEK | MSG_DONTWAIT | MSG_TRUNC,
                          reinterpret_cast<struct sockaddr *>(&sender), &senderLength);
-            if (got >= 0 && !isOwnCancel(sender)) {
+            // Ready, yet nothing to take (a datagram the kernel dropped
+            // after select): back to the wait, not into a blocking receive.
+            if (got < 0) continue;
+            if (!isOwnCancel(sender)) {
                 recv(_interruptFD, &first, sizeof first, MSG_DONTWAIT);
                 char dotted[INET_ADDRSTRLEN] = "";
                 inet_ntop(AF_INET, &sender.sin_addr, dotted, sizeof dotted);
