@@ -89,10 +89,14 @@ Counters::Counters() {
     for (const Dch::Handler &h : Dch::handlerTable()) requests[h.code];
 }
 
-std::vector<std::string> Counters::lines() const {
+const char *dropReasonName(int reason) {
     static const char *const kReasons[kDropReasons] = {"refused_sender", "malformed",
                                                        "unknown_handle", "subscriber_unreachable",
                                                        "answer_unsent",  "kernel_receive_buffer"};
+    return reason >= 0 && reason < kDropReasons ? kReasons[reason] : "unknown";
+}
+
+std::vector<std::string> Counters::lines() const {
     std::vector<std::string> out;
     char line[160];
     for (const auto &[code, count] : requests) {
@@ -113,7 +117,7 @@ std::vector<std::string> Counters::lines() const {
     add("subscribers{kind=\"status\"}", statusSubscribers);
     add("providers_online", providersOnline);
     for (int reason = 0; reason < kDropReasons; ++reason) {
-        snprintf(line, sizeof line, "counter drops{reason=\"%s\"} %llu", kReasons[reason],
+        snprintf(line, sizeof line, "counter drops{reason=\"%s\"} %llu", dropReasonName(reason),
                  static_cast<unsigned long long>(drops[reason].load()));
         out.emplace_back(line);
     }

@@ -13,6 +13,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <ctime>
 #include <deque>
 #include <map>
 #include <memory>
@@ -40,6 +41,9 @@ inline constexpr size_t kMaxDeferred = 4096;     // likewise
 // its refusal on every other send).
 inline constexpr int kMaxSendFailures = 3;
 inline constexpr int kSendsThatClearFailures = 16;
+// Bytes kept of the latest value of a text attribute (the metrics page shows
+// no more of it).
+inline constexpr size_t kLatestTextMax = 256;
 
 // Where a request came from and where its answer goes: the sender's address,
 // and the TCP connection it came on (0 for UDP).
@@ -57,6 +61,18 @@ struct Attribute {
     char type = 0;
     int32_t size = 0;
     std::string help;
+};
+
+// True for the type letters whose values are integers: A C G L N (2 or 4
+// bytes) and I S (2 bytes). Every other letter is text.
+bool isNumberType(char type);
+
+// The latest value a handle's rows gave one attribute: a number, or the
+// text up to its first zero byte and at most kLatestTextMax bytes.
+struct LatestValue {
+    bool set = false;  // no row has given it yet
+    int64_t number = 0;
+    std::string text;
 };
 
 struct Group {
@@ -82,6 +98,10 @@ struct OpenHandle {
     std::string group;
     std::string source;
     Peer provider;
+    // One per attribute of the group, in catalogue order, from the first
+    // accepted row on; emptied when the application registers again. Kept
+    // in the handle, so that every way a handle closes drops its values.
+    std::vector<LatestValue> latest;
 };
 
 struct Subscriber {
@@ -131,6 +151,9 @@ enum DropReason : int {
     kDropKernel,
     kDropReasons
 };
+
+// A drop reason's name in the counters ("refused_sender").
+const char *dropReasonName(int reason);
 
 // What the daemon did, read by the SIGUSR1 thread while the worker counts.
 struct Counters {
@@ -196,6 +219,9 @@ public:
     void useStateDir(const std::string &dir);
 
     Counters &counters() { return counters_; }
+    const Counters &counters() const { return counters_; }
+    // When this Dch was made, in seconds since the epoch.
+    int64_t startTime() const { return startTime_; }
     const std::map<std::string, Application> &applications() const { return applications_; }
     const std::map<int32_t, OpenHandle> &handles() const { return handles_; }
     const std::vector<Subscriber> &dataSubscribers() const { return dataSubscribers_; }
@@ -261,6 +287,13 @@ private:
     void reportStatus(int16_t requestType, const std::string &appl, const std::string &group,
                       const std::string &source, const Peer &provider);
     void releaseHandle(std::map<int32_t, OpenHandle>::iterator it);
+    // An attribute value of the row in hand, kept once the row is accepted.
+    struct RowValue {
+        size_t attribute;  // index in the group
+        int64_t number;
+        const char *text;  // into the request
+        size_t length;
+    };
     void updateGauges();
     // Tells the transport that peer is no subscriber any more, once it is in no list.
     void forgetPeer(const Peer &peer);
@@ -271,8 +304,10 @@ private:
 
     Transport &transport_;
     Counters counters_;
+    int64_t startTime_ = static_cast<int64_t>(std::time(nullptr));
     const Handler *current_ = nullptr;  // the handler of the request in hand
     std::vector<char> reply_;
+    std::vector<RowValue> rowValues_;  // reused from row to row
     std::map<std::string, Application> applications_;
     std::map<int32_t, OpenHandle> handles_;
     int32_t nextHandle_ = 1;

@@ -2,6 +2,7 @@
 // the rows, with the forwarding of every accepted row.
 #include <arpa/inet.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "common/trace.h"
@@ -91,6 +92,10 @@ int32_t readCatalogue(FieldReader &reader, Application &application, std::string
 
 }  // namespace
 
+bool isNumberType(char type) {
+    return isIntegerLetter(type) || isShortLetter(type);
+}
+
 void Dch::onRegister(FieldReader &reader, const Request &request) {
     ZEVD_TRACE_FUNCTION("Dch::onRegister");
     Application application;
@@ -114,6 +119,10 @@ void Dch::onRegister(FieldReader &reader, const Request &request) {
     ZEVD_TRACE(trc, TRACE_DETAIL, "application %s registered with %u groups\n", name.c_str(),
                static_cast<unsigned>(application.groups.size()));
     applications_[name] = std::move(application);
+    // The values kept under the old catalogue may name attributes it no
+    // longer has, or with another type.
+    for (auto &[id, handle] : handles_)
+        if (handle.appl == name) handle.latest.clear();
     saveState();
     answerStatus(request, kOk);
     reportStatus(ZEVD_REQ_DP_REGISTER, name, "", "", request.from);
@@ -241,6 +250,7 @@ void Dch::onData(FieldReader &reader, const Request &request) {
             fault = "the group of handle " + std::to_string(id) + " is no longer registered";
         }
     }
+    rowValues_.clear();
     while (status == kOk && !reader.atEnd()) {
         std::string name;
         if (!readName(reader, DCH_attrName, kAttrNameMax, name) || reader.next() != DCH_attrValue) {
@@ -259,7 +269,17 @@ void Dch::onData(FieldReader &reader, const Request &request) {
             fault = attribute == nullptr ? "no attribute " + name + " in its group"
                                          : "attribute " + name + " has a value of " +
                                                std::to_string(length) + " bytes";
+            break;
         }
+        RowValue value{static_cast<size_t>(attribute - group->attributes.data()), 0, nullptr, 0};
+        if (isNumberType(attribute->type)) {
+            value.number = length == 2 ? reader.int16() : reader.int32();
+        } else {
+            value.text = length == 0 ? "" : reader.value();
+            value.length =
+                std::min(strnlen(value.text, static_cast<size_t>(length)), kLatestTextMax);
+        }
+        rowValues_.push_back(value);
     }
     if (status != kOk) {
         ZEVD_TRACE(trc, TRACE_ERROR, "Error: dp_data from %s port %d refused (%d): %s\n",
@@ -284,6 +304,16 @@ void Dch::onData(FieldReader &reader, const Request &request) {
                    static_cast<unsigned>(end));
         answerStatus(request, kFull);
         return trc.exit();
+    }
+    // Only now is the row accepted: its values become the handle's latest.
+    OpenHandle &kept = it->second;
+    if (kept.latest.size() != group->attributes.size())
+        kept.latest.assign(group->attributes.size(), LatestValue{});
+    for (const RowValue &value : rowValues_) {
+        LatestValue &latest = kept.latest[value.attribute];
+        latest.set = true;
+        latest.number = value.number;
+        if (value.text != nullptr) latest.text.assign(value.text, value.length);
     }
     answerStatus(request, kOk);
     MessageBuilder row = startMessage();
