@@ -20,6 +20,7 @@
 #include "support/fake_dch_fixture.h"
 #include "support/loopback.h"
 #include "support/trace_capture.h"
+#include "support/wait_for.h"
 #include "zevd610.h"
 
 namespace {
@@ -58,7 +59,17 @@ protected:
         ASSERT_TRUE(stranger_.ready()) << "127.0.0.2 cannot be bound: errno " << errno;
     }
 
+    // The forged answers the fake DCH's thread has sent. A case waits for
+    // them before it ends: that thread reads the stranger's socket and the
+    // case's answers, and only an atomic tells a race checker that it is
+    // done with them (the answers it sends order it for the kernel alone).
+    void waitForgeries(int count) {
+        EXPECT_TRUE(zevd::test::waitFor([&] { return forgeries_.load() >= count; },
+                                        std::chrono::seconds(10)));
+    }
+
     Stranger stranger_;
+    std::atomic<int> forgeries_{0};
 };
 
 TEST_F(ClientStrangerTest, ForgedAnswerFromAnotherHostIsDroppedAndTheDchsAnswerRead) {
@@ -67,6 +78,7 @@ TEST_F(ClientStrangerTest, ForgedAnswerFromAnotherHostIsDroppedAndTheDchsAnswerR
     dch().setResponder([&](const DchRequest &request) -> DchReply {
         // The forgery reaches the client's socket before the real answer.
         EXPECT_TRUE(stranger_.sendTo(ntohs(request.from.sin_port), forged));
+        ++forgeries_;
         return statusAndHandle(0, 42);
     });
     long status = -1;
@@ -76,6 +88,7 @@ TEST_F(ClientStrangerTest, ForgedAnswerFromAnotherHostIsDroppedAndTheDchsAnswerR
     EXPECT_EQ(handle, 42);
     EXPECT_TRUE(capture.hasText(droppedLine(forged.size(), stranger_))) << capture.joined();
     EXPECT_EQ(capture.count("only the DCH may answer"), 1u);
+    waitForgeries(1);
 }
 
 TEST_F(ClientStrangerTest, StrangersAloneLeaveTheCallToItsTimeOutWithStatus5) {
@@ -141,6 +154,7 @@ TEST_F(ClientStrangerTest, ManyThreadsUnderForgedAnswersEachReadTheirOwn) {
     TraceCapture capture("error");
     dch().setResponder([&](const DchRequest &request) -> DchReply {
         EXPECT_TRUE(stranger_.sendTo(ntohs(request.from.sin_port), statusAndHandle(0, 666)));
+        ++forgeries_;
         return statusAndHandle(0, handleFor(request));
     });
     constexpr int kThreads = 8;
@@ -161,6 +175,7 @@ TEST_F(ClientStrangerTest, ManyThreadsUnderForgedAnswersEachReadTheirOwn) {
         });
     }
     for (std::thread &thread : threads) thread.join();
+    waitForgeries(kThreads * kCalls);
     EXPECT_EQ(wrong.load(), 0);
     EXPECT_EQ(capture.count("only the DCH may answer"), static_cast<size_t>(kThreads * kCalls));
 }

@@ -27,6 +27,7 @@
 #include "support/dch_daemon.h"
 #include "support/free_port.h"
 #include "support/loopback.h"
+#include "support/reliability.h"
 #include "support/row_collector.h"
 #include "support/wait_for.h"
 #include "zevd610.h"
@@ -41,8 +42,7 @@ constexpr int kTimeOutSeconds = 2;
 constexpr char kRegistration[] = "APPL fault Faults;GROUP g Rows;ATTR n A 4";
 
 bool full() {
-    const char *value = getenv("ZEVD_RELIABILITY_FULL");
-    return value != nullptr && value[0] == '1';
+    return reliabilityFull();
 }
 
 uint16_t &dchPort() {

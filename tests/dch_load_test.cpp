@@ -37,6 +37,7 @@
 #include "support/dch_daemon.h"
 #include "support/fake_dch.h"
 #include "support/loopback.h"
+#include "support/reliability.h"
 #include "zevd610.h"
 
 namespace zevd::test {
@@ -58,25 +59,7 @@ constexpr auto kLateDelay = 1500ms;
     ::testing::AddGlobalTestEnvironment(new DaemonEnvironment());
 
 bool full() {
-    const char *value = getenv("ZEVD_RELIABILITY_FULL");
-    return value != nullptr && value[0] == '1';
-}
-
-// The daemon's resident memory in KiB and its open descriptors.
-long residentKiB(pid_t pid) {
-    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-    std::string line;
-    while (std::getline(status, line))
-        if (line.rfind("VmRSS:", 0) == 0) return atol(line.c_str() + 6);
-    return -1;
-}
-int openDescriptors(pid_t pid) {
-    DIR *dir = opendir(("/proc/" + std::to_string(pid) + "/fd").c_str());
-    if (dir == nullptr) return -1;
-    int count = 0;
-    while (readdir(dir) != nullptr) ++count;
-    closedir(dir);
-    return count - 2;
+    return reliabilityFull();
 }
 
 // The source name of a process's iteration, and the handle the late DCH

@@ -25,6 +25,7 @@
 #include "support/dch_daemon.h"
 #include "support/dch_server.h"
 #include "support/loopback.h"
+#include "support/reliability.h"
 #include "support/wait_for.h"
 #include "zevd610.h"
 
@@ -38,25 +39,7 @@ using namespace std::chrono_literals;
     ::testing::AddGlobalTestEnvironment(new DaemonEnvironment({"ZEVA_DCH_TIMEOUT=1"}));
 
 bool full() {
-    const char *value = getenv("ZEVD_RELIABILITY_FULL");
-    return value != nullptr && value[0] == '1';
-}
-
-// The daemon's resident memory in KiB and its open descriptors.
-long residentKiB(pid_t pid) {
-    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-    std::string line;
-    while (std::getline(status, line))
-        if (line.rfind("VmRSS:", 0) == 0) return atol(line.c_str() + 6);
-    return -1;
-}
-int openDescriptors(pid_t pid) {
-    DIR *dir = opendir(("/proc/" + std::to_string(pid) + "/fd").c_str());
-    if (dir == nullptr) return -1;
-    int count = 0;
-    while (readdir(dir) != nullptr) ++count;
-    closedir(dir);
-    return count - 2;
+    return reliabilityFull();
 }
 
 // A provider's whole life through the library.
