@@ -1,8 +1,10 @@
 // zevdchd: the reference DCH daemon. Runs in the foreground until SIGINT or
 // SIGTERM; SIGUSR1 writes its counters to the trace.
+#include <arpa/inet.h>
 #include <getopt.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -15,6 +17,7 @@
 #include "common/trace.h"
 #include "ipc/zevdsock.h"
 #include "zevdchd.h"
+#include "zevdchd_http.h"
 #include "zevdchd_server.h"
 
 namespace zevd::dch {
@@ -27,7 +30,8 @@ constexpr int kExitUsage = 2;
 
 const char kUsage[] =
     "usage: zevdchd [--port N] [--allow CIDR,...] [--state-dir DIR] [--rcvbuf BYTES]\n"
-    "               [--trace LEVELS] [--trace-file PATH] [--help] [--version]\n"
+    "               [--metrics [ADDR:]PORT] [--trace LEVELS] [--trace-file PATH]\n"
+    "               [--help] [--version]\n"
     "\n"
     "The reference DCH: serves data providers and consumers on one UDP and TCP\n"
     "port, in the foreground, until SIGINT or SIGTERM (exit status 0).\n"
@@ -39,13 +43,18 @@ const char kUsage[] =
     "  --rcvbuf BYTES    receive buffer of the UDP port, 4096 to 1073741824\n"
     "                    (default: ZEVA_DCH_RCVBUF, else 33554432; beyond\n"
     "                    net.core.rmem_max only with CAP_NET_ADMIN)\n"
+    "  --metrics [ADDR:]PORT\n"
+    "                    serve GET /metrics (Prometheus text format) over HTTP on\n"
+    "                    ADDR:PORT, 127.0.0.1 when only PORT is given; port 0\n"
+    "                    lets the system choose (default: off)\n"
     "  --trace LEVELS    trace levels, as ZEVA_TRACE (e.g. zevdchd=all)\n"
     "  --trace-file PATH append the trace to PATH (default: standard error)\n"
     "  --help            this text\n"
     "  --version         the version\n"
     "\n"
-    "Prints \"zevdchd ready on port N\" once the port is open. SIGUSR1 writes the\n"
-    "counters to the trace. Exit status 1 when the port cannot be owned, 2 for bad\n"
+    "Prints \"zevdchd metrics on http://ADDR:PORT/metrics\" once that listens, and\n"
+    "\"zevdchd ready on port N\" once the DCH port is open. SIGUSR1 writes the\n"
+    "counters to the trace. Exit status 1 when a port cannot be owned, 2 for bad\n"
     "usage.\n";
 
 int usageError(const std::string &what) {
@@ -73,12 +82,24 @@ void writeCounters(Dch &dch, const Worker &worker) {
         TLG1_Printf(trc.record(), __LINE__, "%s", line.c_str());
 }
 
+// Every metrics connection is a descriptor: the soft limit is raised, as far
+// as the hard one allows, to hold them beside the DCH's own.
+void allowMetricsConnections() {
+    constexpr rlim_t kWanted = kMetricsConnectionLimit + 256;
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= kWanted) return;
+    limit.rlim_cur =
+        limit.rlim_max == RLIM_INFINITY || limit.rlim_max >= kWanted ? kWanted : limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
+}
+
 int run(int argc, char **argv) {
     static const option kOptions[] = {
         {"port", required_argument, nullptr, 'p'},
         {"allow", required_argument, nullptr, 'a'},
         {"state-dir", required_argument, nullptr, 's'},
         {"rcvbuf", required_argument, nullptr, 'r'},
+        {"metrics", required_argument, nullptr, 'm'},
         {"trace", required_argument, nullptr, 't'},
         {"trace-file", required_argument, nullptr, 'f'},
         {"help", no_argument, nullptr, 'h'},
@@ -88,6 +109,7 @@ int run(int argc, char **argv) {
     const char *allowList = getenv("ZEVA_DCH_ALLOW");
     std::string stateDir;
     const char *receiveBuffer = nullptr;
+    const char *metrics = nullptr;
     opterr = 0;
     int option = 0;
     while ((option = getopt_long(argc, argv, ":", kOptions, nullptr)) != -1) {
@@ -103,6 +125,7 @@ int run(int argc, char **argv) {
             case 'a': allowList = optarg; break;
             case 's': stateDir = optarg; break;
             case 'r': receiveBuffer = optarg; break;
+            case 'm': metrics = optarg; break;
             case 't': setenv("ZEVA_TRACE", optarg, 1); break;
             case 'f': setenv("ZEVA_TRACE_FILE", optarg, 1); break;
             case 'h': fputs(kUsage, stdout); return 0;
@@ -118,6 +141,11 @@ int run(int argc, char **argv) {
         return usageError(std::string("--rcvbuf or ZEVA_DCH_RCVBUF takes 4096 to 1073741824 "
                                       "bytes, not '") +
                           receiveBuffer + "'");
+    sockaddr_in metricsAddress{};
+    std::string why;
+    if (metrics != nullptr && !parseMetricsAddress(metrics, &metricsAddress, &why))
+        return usageError(std::string("--metrics takes [ADDR:]PORT, not '") + metrics +
+                          "': " + why);
     TLG1_Configure(nullptr);  // the trace options are in the environment now
 
     // Blocked before any thread starts, so every thread inherits the mask and
@@ -147,6 +175,25 @@ int run(int argc, char **argv) {
     transport->attach(*sock);
     static Worker *worker = new Worker(*sock, *dch);
     worker->setReceiveBuffer(receiveBufferSize);
+    // The metrics server asks the worker for each snapshot through the queue.
+    MetricsBoard board([sock] {
+        sock->ipc_put_data(static_cast<int32_t>(sizeof kSnapshotText), kSnapshotText, nullptr, 0,
+                           nullptr, 0);
+    });
+    MetricsServer server(board);
+    if (metrics != nullptr) {
+        allowMetricsConnections();
+        if (!server.start(metricsAddress, &why)) {
+            fprintf(stderr, "zevdchd: cannot serve metrics on %s: %s\n", metrics, why.c_str());
+            return 1;
+        }
+        char host[INET_ADDRSTRLEN] = {};
+        inet_ntop(AF_INET, &metricsAddress.sin_addr, host, sizeof host);
+        printf("zevdchd metrics on http://%s:%u/metrics\n", host,
+               static_cast<unsigned>(server.port()));
+        fflush(stdout);
+        worker->setMetricsBoard(&board);
+    }
     std::thread serving([] { worker->run(); });
     for (;;) {
         int received = 0;
@@ -159,6 +206,7 @@ int run(int argc, char **argv) {
     }
     if (!worker->failed()) worker->stop();
     serving.join();
+    server.stop();
     writeCounters(*dch, *worker);
     return worker->failed() ? 1 : 0;
 }

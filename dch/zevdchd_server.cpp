@@ -11,6 +11,8 @@
 #include <cstring>
 
 #include "common/trace.h"
+#include "zevdchd_http.h"
+#include "zevdchd_metrics.h"
 
 namespace zevd::dch {
 
@@ -106,6 +108,13 @@ void Worker::run() {
             applyReceiveBuffer(udpSocket_.load());
             printf("zevdchd ready on port %u\n", static_cast<unsigned>(sock_.sockPortUDP()));
             fflush(stdout);
+            continue;
+        }
+        if (isControl(buffer, capacity, name, kSnapshotText)) {
+            if (board_ != nullptr) {
+                dch_.counters().drops[kDropKernel] = kernelDrops();
+                board_->publish(metricsSnapshot(dch_));
+            }
             continue;
         }
         if (isControl(buffer, capacity, name, "DP-DISCONNECT")) {

@@ -16,6 +16,8 @@
 
 namespace zevd::dch {
 
+class MetricsBoard;
+
 // The text the daemon queues itself to stop its worker. Like the loop's own
 // control texts it carries a blank sender name, which no received message has.
 inline constexpr char kStopText[] = "ZEVDCHD-STOP";
@@ -57,6 +59,9 @@ public:
     // The receive buffer (bytes) set on the UDP port once it is open, before
     // the ready line; set before run().
     void setReceiveBuffer(long bytes) { receiveBuffer_ = bytes; }
+    // Where the snapshots asked for by the metrics server go (kSnapshotText);
+    // without one that text is ignored. Set before run().
+    void setMetricsBoard(MetricsBoard *board) { board_ = board; }
     bool failed() const { return failed_.load(); }
     // Queues the stop text (from another thread).
     void stop();
@@ -73,6 +78,7 @@ private:
     ipcSock &sock_;
     Dch &dch_;
     long receiveBuffer_ = kDefaultReceiveBuffer;
+    MetricsBoard *board_ = nullptr;
     std::atomic<int> udpSocket_{-1};
     std::atomic<bool> failed_{false};
 };
