@@ -75,8 +75,9 @@ inline void adopt(pid_t pid) {
 
 // A server program on loopback (ZEVA_DCH_BIND=127.0.0.1), ended with this
 // program; its port is read from its ready line, of the form readyFormat.
+// The lines it prints before that one (at most 8) go to *before.
 inline Child startServer(const std::string &path, const std::vector<std::string> &args,
-                         const char *readyFormat) {
+                         const char *readyFormat, std::vector<std::string> *before = nullptr) {
     Child child;
     int out[2];
     if (pipe2(out, O_CLOEXEC) != 0) return child;
@@ -100,13 +101,18 @@ inline Child startServer(const std::string &path, const std::vector<std::string>
         return child;
     }
     adopt(pid);
-    std::string line = readLine(out[0]);
-    close(out[0]);
-    unsigned port = 0;
-    if (sscanf(line.c_str(), readyFormat, &port) == 1 && port < 65536) {
-        child.pid = pid;
-        child.port = static_cast<uint16_t>(port);
+    for (int lines = 0; lines <= 8; ++lines) {
+        std::string line = readLine(out[0]);
+        unsigned port = 0;
+        if (sscanf(line.c_str(), readyFormat, &port) == 1 && port < 65536) {
+            child.pid = pid;
+            child.port = static_cast<uint16_t>(port);
+            break;
+        }
+        if (line.empty()) break;  // ended, or silent for 10 seconds
+        if (before != nullptr) before->push_back(line);
     }
+    close(out[0]);
     return child;
 }
 

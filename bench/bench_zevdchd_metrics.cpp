@@ -1,0 +1,310 @@
+// Scrapes of zevdchd --metrics under load, all in one run. A load process
+// (this program again, with --load) holds 1,000 handles open, so the page
+// has 1,000 series, and sends rows to them round the clock at a fixed pace,
+// each answered before the next. Meanwhile:
+//   - dp_online's round trip is measured in alternating two-second blocks,
+//     without scrapes (the floor) and with a scrape every second; the two
+//     are reported side by side, with their ratio;
+//   - the page is fetched back to back, each fetch on a connection of its
+//     own, and its latency reported (median, p99).
+#include <benchmark/benchmark.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <numeric>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "daemon_peer.h"
+#include "support/http_client.h"
+#include "zevd610.h"
+
+extern char **environ;
+
+namespace {
+
+using namespace zevd::bench;
+
+constexpr int kSeries = 1000;             // handles of the load process, one series each
+constexpr int kLoadRowsPerSecond = 4000;  // the load's pace
+constexpr auto kBlock = std::chrono::seconds(2);
+constexpr int kBlocksEach = 10;  // blocks without and with scrapes
+constexpr int kPageFetches = 300;
+
+// The daemon, with its metrics port; the catalogue registered.
+struct MetricsDaemon {
+    Child dch;
+    uint16_t metricsPort = 0;
+};
+
+const MetricsDaemon &metricsDaemon() {
+    static const MetricsDaemon started = [] {
+        MetricsDaemon d;
+        std::vector<std::string> before;
+        uint16_t port = zevd::test::freeLoopbackPort();
+        d.dch =
+            startServer(daemonPath(), {"--port", std::to_string(port), "--metrics", "127.0.0.1:0"},
+                        "zevdchd ready on port %u", &before);
+        unsigned metrics = 0;
+        for (const std::string &line : before)
+            if (sscanf(line.c_str(), "zevdchd metrics on http://127.0.0.1:%u/metrics", &metrics) ==
+                1)
+                d.metricsPort = static_cast<uint16_t>(metrics);
+        if (d.dch.pid <= 0 || d.metricsPort == 0) {
+            d.dch.pid = -1;
+            return d;
+        }
+        setenv("ZEVA_DCH_ADDR", "127.0.0.1", 1);
+        setenv("ZEVA_DCH_PORT", std::to_string(d.dch.port).c_str(), 1);
+        long status = -1;
+        if (dp_register(&status, "APPL bench;GROUP group;ATTR a A 4") != 0 || status != 0)
+            d.dch.pid = -1;
+        return d;
+    }();
+    return started;
+}
+
+// The load process: opens kSeries handles, sends each a row, says "ready",
+// then sends rows round robin at kLoadRowsPerSecond until it is ended.
+int runLoad() {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    std::vector<long> handles;
+    for (int i = 0; i < kSeries; ++i) {
+        long status = -1;
+        long handle = -1;
+        std::string source = "load-" + std::to_string(i);
+        if (dp_online(&status, &handle, "bench", "group", source.c_str()) != 0 || status != 0)
+            return 1;
+        handles.push_back(handle);
+    }
+    auto row = [](long handle, int32_t value) {
+        char *buffer = nullptr;
+        long size = 0;
+        long status = -1;
+        dp_formatData(&status, &buffer, &size, "a", &value, 4, 'A');
+        dp_data(&status, handle, 0, &buffer);
+    };
+    for (int i = 0; i < kSeries; ++i) row(handles[static_cast<size_t>(i)], i);
+    printf("ready\n");
+    fflush(stdout);
+    auto next = Clock::now();
+    const auto gap = std::chrono::nanoseconds(1000000000 / kLoadRowsPerSecond);
+    for (int32_t i = 0;; ++i) {
+        row(handles[static_cast<size_t>(i) % handles.size()], i);
+        next += gap;
+        if (next > Clock::now()) std::this_thread::sleep_until(next);
+    }
+}
+
+// Starts the load process once; false when it did not get ready.
+bool loadRunning() {
+    static const bool running = [] {
+        int out[2];
+        if (metricsDaemon().dch.pid <= 0 || pipe2(out, O_CLOEXEC) != 0) return false;
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
+        char self[] = "/proc/self/exe";
+        char load[] = "--load";
+        char *argv[] = {self, load, nullptr};
+        pid_t pid = -1;
+        int rc = posix_spawn(&pid, self, &actions, nullptr, argv, environ);
+        posix_spawn_file_actions_destroy(&actions);
+        close(out[1]);
+        if (rc != 0) {
+            close(out[0]);
+            return false;
+        }
+        adopt(pid);
+        std::string line = readLine(out[0]);
+        close(out[0]);
+        return line == "ready\n";
+    }();
+    return running;
+}
+
+// dp_data requests the daemon has handled, from its page; -1 when unread.
+double rowsHandled() {
+    zevd::test::HttpReply reply = zevd::test::httpGet(metricsDaemon().metricsPort);
+    const char kSample[] = "\nzevd_dch_requests_total{request=\"dp_data\"} ";
+    size_t at = reply.body.find(kSample);
+    return at == std::string::npos ? -1 : atof(reply.body.c_str() + at + sizeof kSample - 1);
+}
+
+// One fetch of the page: its latency in microseconds, or -1 when it failed;
+// *series receives the number of series of the load's family.
+double fetchPage(int *series = nullptr) {
+    Clock::time_point start = Clock::now();
+    zevd::test::HttpReply reply = zevd::test::httpGet(metricsDaemon().metricsPort);
+    double micros = microsSince(start);
+    if (reply.status != 200 || reply.body.empty() || reply.body.back() != '\n') return -1;
+    if (series != nullptr) {
+        *series = 0;
+        for (size_t at = 0;
+             (at = reply.body.find("\nzevd_bench_group_a{", at)) != std::string::npos; ++at)
+            ++*series;
+    }
+    return micros;
+}
+
+struct Latencies {
+    std::vector<double> micros;
+    double median() {
+        std::sort(micros.begin(), micros.end());
+        return micros.empty() ? 0 : micros[micros.size() / 2];
+    }
+    double p99() {
+        std::sort(micros.begin(), micros.end());
+        return micros.empty() ? 0 : micros[std::min(micros.size() - 1, micros.size() * 99 / 100)];
+    }
+    double mean() const {
+        return micros.empty() ? 0
+                              : std::accumulate(micros.begin(), micros.end(), 0.0) /
+                                    static_cast<double>(micros.size());
+    }
+};
+
+struct RoundTrips {
+    Latencies quiet;    // blocks without scrapes
+    Latencies scraped;  // blocks with a scrape every second
+    int scrapes = 0;
+    int failures = 0;
+    double loadRowsPerSecond = 0;  // what the load reached meanwhile
+};
+
+// dp_online round trips for one block; each handle closed outside the timing.
+void measureBlock(Latencies &into, int &failures) {
+    auto end = Clock::now() + kBlock;
+    while (Clock::now() < end) {
+        long status = -1;
+        long handle = -1;
+        Clock::time_point start = Clock::now();
+        int result = dp_online(&status, &handle, "bench", "group", "7");
+        into.micros.push_back(microsSince(start));
+        if (result != 0 || status != 0) ++failures;
+        dp_offline(&status, handle);
+    }
+}
+
+// Both kinds of block, alternating, so that drift in the machine falls on
+// both alike.
+const RoundTrips &roundTrips() {
+    static const RoundTrips measured = [] {
+        RoundTrips r;
+        double rowsBefore = rowsHandled();
+        Clock::time_point start = Clock::now();
+        for (int block = 0; block < 2 * kBlocksEach; ++block) {
+            if (block % 2 == 0) {
+                measureBlock(r.quiet, r.failures);
+                continue;
+            }
+            std::atomic<bool> done{false};
+            std::thread scraper([&] {
+                auto next = Clock::now();
+                while (!done.load()) {
+                    if (fetchPage() < 0) ++r.failures;
+                    ++r.scrapes;
+                    next += std::chrono::seconds(1);
+                    while (!done.load() && Clock::now() < next)
+                        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+                }
+            });
+            measureBlock(r.scraped, r.failures);
+            done = true;
+            scraper.join();
+        }
+        double seconds = microsSince(start) / 1e6;
+        r.loadRowsPerSecond = (rowsHandled() - rowsBefore) / seconds;
+        return r;
+    }();
+    return measured;
+}
+
+void reportRoundTrips(benchmark::State &state, Latencies latencies) {
+    for (auto _ : state) state.SetIterationTime(latencies.median() / 1e6);
+    state.counters["median_us"] = latencies.median();
+    state.counters["mean_us"] = latencies.mean();
+    state.counters["p99_us"] = latencies.p99();
+    state.counters["round_trips"] = static_cast<double>(latencies.micros.size());
+}
+
+bool ready(benchmark::State &state) {
+    if (metricsDaemon().dch.pid <= 0) {
+        state.SkipWithError(("zevdchd --metrics did not start: " + daemonPath()).c_str());
+        return false;
+    }
+    if (!loadRunning()) {
+        state.SkipWithError("the load process did not get ready");
+        return false;
+    }
+    return true;
+}
+
+// The floor: dp_online under the load, no scrapes (reported as a median).
+void BM_DpOnlineUnderLoadFloor(benchmark::State &state) {
+    if (!ready(state)) return;
+    const RoundTrips &r = roundTrips();
+    if (r.failures != 0) state.SkipWithError("a round trip or a scrape failed");
+    reportRoundTrips(state, r.quiet);
+    state.counters["load_rows_per_s"] = r.loadRowsPerSecond;
+}
+BENCHMARK(BM_DpOnlineUnderLoadFloor)->Iterations(1)->UseManualTime()->Unit(benchmark::kMicrosecond);
+
+// The same blocks' neighbours, with a scrape every second.
+void BM_DpOnlineUnderLoadScrapedEverySecond(benchmark::State &state) {
+    if (!ready(state)) return;
+    const RoundTrips &r = roundTrips();
+    if (r.failures != 0) state.SkipWithError("a round trip or a scrape failed");
+    reportRoundTrips(state, r.scraped);
+    RoundTrips copy = r;
+    state.counters["scrapes"] = r.scrapes;
+    state.counters["median_ratio"] = copy.scraped.median() / copy.quiet.median();
+    state.counters["mean_ratio"] = copy.scraped.mean() / copy.quiet.mean();
+}
+BENCHMARK(BM_DpOnlineUnderLoadScrapedEverySecond)
+    ->Iterations(1)
+    ->UseManualTime()
+    ->Unit(benchmark::kMicrosecond);
+
+// The page under the same load: fetches back to back.
+void BM_MetricsPageUnderLoad(benchmark::State &state) {
+    if (!ready(state)) return;
+    Latencies page;
+    int series = 0;
+    for (auto _ : state) {
+        for (int i = 0; i < kPageFetches; ++i) {
+            double micros = fetchPage(i == 0 ? &series : nullptr);
+            if (micros < 0) {
+                state.SkipWithError("a fetch of the page failed");
+                return;
+            }
+            page.micros.push_back(micros);
+        }
+        state.SetIterationTime(page.median() / 1e6);
+    }
+    state.counters["median_ms"] = page.median() / 1e3;
+    state.counters["p99_ms"] = page.p99() / 1e3;
+    state.counters["series"] = series;
+    state.counters["fetches"] = static_cast<double>(page.micros.size());
+}
+BENCHMARK(BM_MetricsPageUnderLoad)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    if (argc == 2 && strcmp(argv[1], "--load") == 0) return runLoad();
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}
