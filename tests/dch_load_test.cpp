@@ -36,7 +36,9 @@
 #include "support/child_program.h"
 #include "support/dch_daemon.h"
 #include "support/fake_dch.h"
+#include "support/http_client.h"
 #include "support/loopback.h"
+#include "support/metrics_page.h"
 #include "support/reliability.h"
 #include "zevd610.h"
 
@@ -676,7 +678,7 @@ Taken burstAccounted(DaemonProcess &dch, int32_t handle, int rowsEach, long *sen
 TEST(DchLoadTest, BurstAtASmallBufferIsTakenOrCountedAsKernelDrops) {
     // The smallest buffer there is: most of the burst is dropped, and every
     // datagram must still be accounted for.
-    DaemonProcess dch({"--rcvbuf", "4096"});
+    DaemonProcess dch({"--rcvbuf", "4096", "--metrics", "127.0.0.1:0"});
     ASSERT_TRUE(dch.start()) << dch.trace();
     int32_t handle = burstHandle(dch);
     ASSERT_GT(handle, 0) << dch.trace();
@@ -687,6 +689,18 @@ TEST(DchLoadTest, BurstAtASmallBufferIsTakenOrCountedAsKernelDrops) {
         << taken.rows << " taken, " << taken.kernelDrops << " dropped";
     printf("burst at --rcvbuf 4096 (%ld bytes given): %ld sent, %lld taken, %lld dropped\n",
            receiveBuffer(dch), sent, taken.rows, taken.kernelDrops);
+    // The metrics page reads the kernel's drops afresh, as the trace's
+    // counters do: both agree once the burst is over.
+    Taken now = counters(dch);
+    HttpReply page = httpGet(dch.metricsPort());
+    ASSERT_EQ(page.status, 200);
+    CheckedPage checked = check(page.body);
+    EXPECT_GT(now.kernelDrops, 0);
+    EXPECT_EQ(checked.value(key("zevd_dch_drops_total", {{"reason", "kernel_receive_buffer"}})),
+              std::to_string(now.kernelDrops))
+        << page.body;
+    EXPECT_EQ(checked.value(key("zevd_dch_requests_total", {{"request", "dp_data"}})),
+              std::to_string(now.rows));
     EXPECT_EQ(exitCode(dch.stop(SIGTERM)), 0);
 }
 

@@ -8,7 +8,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
-#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -28,20 +27,12 @@ namespace dch = zevd::dch;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-// The metrics port of a daemon started with --metrics, from its first line.
-uint16_t metricsPort(const DaemonProcess &daemon) {
-    std::smatch found;
-    static const std::regex kLine("zevdchd metrics on http://127\\.0\\.0\\.1:([0-9]+)/metrics\n");
-    if (!std::regex_search(daemon.output(), found, kLine)) return 0;
-    return static_cast<uint16_t>(std::stoi(found[1]));
-}
-
 // One daemon with --metrics for the whole program, this process's library
 // pointed at it.
 class MetricsDaemon : public ::testing::Environment {
 public:
     static DaemonProcess &daemon() { return *running(); }
-    static uint16_t port() { return metricsPort(daemon()); }
+    static uint16_t port() { return daemon().metricsPort(); }
 
     void SetUp() override {
         running() = new DaemonProcess({"--metrics", "127.0.0.1:0"});
@@ -459,8 +450,8 @@ TEST(DchMetricsHttpStartTest, APortInUseEndsTheStart) {
 TEST(DchMetricsHttpStartTest, OnlyAPortMeansLoopback) {
     DaemonProcess d({"--metrics", "0"});
     ASSERT_TRUE(d.start()) << d.trace();
-    EXPECT_NE(metricsPort(d), 0) << d.output();
-    EXPECT_EQ(httpGet(metricsPort(d)).status, 200);
+    EXPECT_NE(d.metricsPort(), 0) << d.output();
+    EXPECT_EQ(httpGet(d.metricsPort()).status, 200);
     EXPECT_EQ(d.stop(SIGTERM), 0);
 }
 

@@ -131,6 +131,15 @@ public:
     }
 
     const std::string &output() const { return stdout_; }
+    // The port of --metrics 127.0.0.1:PORT, from the line that announces
+    // it (printed before the ready line); 0 when there is none.
+    uint16_t metricsPort() const {
+        const std::string key = "zevdchd metrics on http://127.0.0.1:";
+        size_t at = stdout_.find(key);
+        return at == std::string::npos
+                   ? 0
+                   : static_cast<uint16_t>(atoi(stdout_.c_str() + at + key.size()));
+    }
     std::string trace() const { return fileText(tracePath_); }
     // Waits until the trace holds part (written by the daemon's own thread,
     // so there is nothing to wait on but the file).
