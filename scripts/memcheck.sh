@@ -19,9 +19,10 @@ fi
 
 # Whole suites, each run as ctest defines it (its command, environment and
 # directory). None of them leans on tight timing, and together they take
-# about a minute and a half under memcheck on two cores.
+# about two minutes under memcheck on two cores.
 tests=(
   "dch_daemon_test"
+  "dch_metrics_http_test"
   "zevdctl_test"
   "consumer_example_test"
   "provider_example_test"
