@@ -253,7 +253,11 @@ GroupNames namesOf(const MetricsGroup &group) {
             names.family[i] = std::move(name);
         } else if (texts++ < kMaxInfoLabels) {
             std::string name = labelName(attribute.name);
-            while (std::find(taken.begin(), taken.end(), name) != taken.end()) name += '_';
+            while (std::find(taken.begin(), taken.end(), name) != taken.end()) {
+                name += '_';
+                // "_" made distinct is "__": reserved, so it becomes "a__".
+                if (name.compare(0, 2, "__") == 0) name.insert(0, 1, 'a');
+            }
             taken.push_back(name);
             names.label[i] = std::move(name);
         }

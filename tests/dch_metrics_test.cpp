@@ -292,7 +292,7 @@ TEST(DchMetricsNamesTest, TextLabelNamesAreMadeDistinct) {
     Daemon d;
     std::vector<Attr> attrs;
     for (const char *name :
-         {"source", "source_", "handle", "9lives", "9lives_", "__x", "a.b", "a-b"})
+         {"source", "source_", "handle", "9lives", "9lives_", "__x", "a.b", "a-b", "_", "-"})
         attrs.push_back({name, 'D', 16, ""});
     registerGroups(d, "lab", {{"g", "", attrs}});
     int32_t h = d.online("lab", "g", "s");
@@ -308,7 +308,9 @@ TEST(DchMetricsNamesTest, TextLabelNamesAreMadeDistinct) {
                           {"_9lives_", "v9lives_"},
                           {"a__x", "v__x"},
                           {"a_b", "va.b"},
-                          {"a_b_", "va-b"}});
+                          {"a_b_", "va-b"},
+                          {"_", "v_"},
+                          {"a__", "v-"}});  // "__" would be reserved
     EXPECT_EQ(page.value(key("zevd_lab_g_info", expected)), "1")
         << ::testing::PrintToString(page.keysOf("zevd_lab_g_info"));
 }
