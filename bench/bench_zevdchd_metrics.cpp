@@ -190,7 +190,10 @@ void measureBlock(Latencies &into, int &failures) {
         Clock::time_point start = Clock::now();
         int result = dp_online(&status, &handle, "bench", "group", "7");
         into.micros.push_back(microsSince(start));
-        if (result != 0 || status != 0) ++failures;
+        if (result != 0 || status != 0) {
+            ++failures;
+            continue;
+        }
         dp_offline(&status, handle);
     }
 }
@@ -226,7 +229,9 @@ RoundTrips measureRoundTrips() {
         r.failures += failed.load();
     }
     double seconds = microsSince(start) / 1e6;
-    r.loadRowsPerSecond = (rowsHandled() - rowsBefore) / seconds;
+    double rowsAfter = rowsHandled();
+    if (rowsBefore < 0 || rowsAfter < 0) ++r.failures;
+    r.loadRowsPerSecond = (rowsAfter - rowsBefore) / seconds;
     return r;
 }
 

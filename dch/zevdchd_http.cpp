@@ -4,6 +4,7 @@
 #include <microhttpd.h>
 #include <netdb.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdarg>
@@ -64,42 +65,72 @@ MHD_Result queuePage(MHD_Connection *connection, std::string page) {
 }
 
 // Every request comes here once its head has been read. GET and HEAD are
-// answered on the next call, once any body has been read and set aside, so
+// answered on a later call, once any body has been read and set aside, so
 // that the connection can be kept for the next scrape; other methods are
-// answered at once, and their connection closed.
+// answered at once, and their connection closed. A GET of the page waits,
+// set aside, for a snapshot taken after it came.
 MHD_Result onRequest(void *context, MHD_Connection *connection, const char *url, const char *method,
                      const char * /*version*/, const char * /*upload*/, size_t *uploadSize,
-                     void **requestState) {
+                     void **requestState) noexcept {
     ZEVD_TRACE_FUNCTION("MetricsServer::onRequest");
-    static int headRead;  // the request state of a GET or HEAD whose head has been read
-    bool readable =
-        strcmp(method, MHD_HTTP_METHOD_GET) == 0 || strcmp(method, MHD_HTTP_METHOD_HEAD) == 0;
-    if (readable && *requestState == nullptr) {
-        *requestState = &headRead;
-        return trc.exit(MHD_YES);
-    }
-    if (readable && *uploadSize != 0) {
-        *uploadSize = 0;  // a body on a GET means nothing here
-        return trc.exit(MHD_YES);
-    }
-    if (strcmp(url, kPagePath) != 0)
-        return trc.exit(queueText(connection, MHD_HTTP_NOT_FOUND,
-                                  "Not found: this server has only /metrics.\n"));
-    if (!readable)
-        return trc.exit(queueText(connection, MHD_HTTP_METHOD_NOT_ALLOWED,
-                                  "Method not allowed: /metrics takes GET.\n", "GET, HEAD"));
-    auto *board = static_cast<MetricsBoard *>(context);
-    std::shared_ptr<const MetricsSnapshot> snapshot = board->fresh(kSnapshotWait);
-    if (snapshot == nullptr) {
-        ZEVD_TRACE(trc, TRACE_ERROR,
-                   "Error: no metrics snapshot from the worker within %lld ms; answered 503\n",
-                   static_cast<long long>(kSnapshotWait.count()));
+    auto *server = static_cast<MetricsServer *>(context);
+    try {
+        bool readable =
+            strcmp(method, MHD_HTTP_METHOD_GET) == 0 || strcmp(method, MHD_HTTP_METHOD_HEAD) == 0;
+        if (readable && *requestState == nullptr) {
+            *requestState = new MetricsServer::Scrape();  // deleted when the request ends
+            return trc.exit(MHD_YES);
+        }
+        if (readable && *uploadSize != 0) {
+            *uploadSize = 0;  // a body on a GET means nothing here
+            return trc.exit(MHD_YES);
+        }
+        if (strcmp(url, kPagePath) != 0)
+            return trc.exit(queueText(connection, MHD_HTTP_NOT_FOUND,
+                                      "Not found: this server has only /metrics.\n"));
+        if (!readable)
+            return trc.exit(queueText(connection, MHD_HTTP_METHOD_NOT_ALLOWED,
+                                      "Method not allowed: /metrics takes GET.\n", "GET, HEAD"));
+        auto *scrape = static_cast<MetricsServer::Scrape *>(*requestState);
+        MetricsBoard &board = server->board();
+        if (scrape->wanted == 0) {
+            scrape->wanted = board.want();
+            scrape->deadline = MetricsBoard::Clock::now() + kSnapshotWait;
+        }
+        std::shared_ptr<const MetricsSnapshot> snapshot = board.take(scrape->wanted);
+        if (snapshot != nullptr) {
+            std::string page = renderMetrics(*snapshot);
+            ZEVD_TRACE(trc, TRACE_DETAIL, "metrics page of %zu bytes\n", page.size());
+            return trc.exit(queuePage(connection, std::move(page)));
+        }
+        bool closing = board.closed();
+        if (!closing && MetricsBoard::Clock::now() < scrape->deadline &&
+            server->park(connection, scrape))
+            return trc.exit(MHD_YES);
+        if (!closing)
+            ZEVD_TRACE(trc, TRACE_ERROR,
+                       "Error: no metrics snapshot from the worker within %lld ms; answered 503\n",
+                       static_cast<long long>(kSnapshotWait.count()));
         return trc.exit(queueText(connection, MHD_HTTP_SERVICE_UNAVAILABLE,
                                   "The DCH did not publish its metrics in time.\n"));
+    } catch (...) {
+        // Out of memory, most likely: the connection is dropped, the daemon
+        // goes on.
+        ZEVD_TRACE(trc, TRACE_ERROR, "Error: the metrics request could not be answered\n");
+        return trc.exit(MHD_NO);
     }
-    std::string page = renderMetrics(*snapshot);
-    ZEVD_TRACE(trc, TRACE_DETAIL, "metrics page of %zu bytes\n", page.size());
-    return trc.exit(queuePage(connection, std::move(page)));
+}
+
+void onCompleted(void * /*context*/, MHD_Connection * /*connection*/, void **requestState,
+                 MHD_RequestTerminationCode /*why*/) noexcept {
+    delete static_cast<MetricsServer::Scrape *>(*requestState);
+    *requestState = nullptr;
+}
+
+bool allDigitsAndDots(const std::string &text) {
+    for (char c : text)
+        if ((c < '0' || c > '9') && c != '.') return false;
+    return true;
 }
 
 }  // namespace
@@ -128,7 +159,8 @@ bool parseMetricsAddress(const std::string &text, sockaddr_in *address, std::str
     hints.ai_family = AF_INET;
     hints.ai_socktype = SOCK_STREAM;
     addrinfo *found = nullptr;
-    if (getaddrinfo(host.c_str(), nullptr, &hints, &found) != 0 || found == nullptr) {
+    if (allDigitsAndDots(host) || getaddrinfo(host.c_str(), nullptr, &hints, &found) != 0 ||
+        found == nullptr) {
         *why = "'" + host + "' is not an IPv4 address or a host name with one";
         return false;
     }
@@ -137,32 +169,72 @@ bool parseMetricsAddress(const std::string &text, sockaddr_in *address, std::str
     return true;
 }
 
-std::shared_ptr<const MetricsSnapshot> MetricsBoard::fresh(std::chrono::milliseconds limit) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    // Any snapshot published from now on was taken after this call began:
-    // the worker takes it when it reaches the request, and a request that is
-    // already queued is reached no sooner than the ones answered before.
+uint64_t MetricsBoard::want() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    // A request already out is answered no sooner than the requests answered
+    // before this call: the worker takes its copy in turn, and a copy taken
+    // before them would have been published before them.
     uint64_t wanted = published_ + 1;
-    if (!asked_ && !closed_) {
-        asked_ = true;
-        lock.unlock();
-        ask_();  // may wait while the receive queue is full; never holds the lock
-        lock.lock();
+    if (wanted_ < wanted) {
+        wanted_ = wanted;
+        changed_.notify_all();
     }
-    if (!changed_.wait_for(lock, limit, [&] { return closed_ || published_ >= wanted; }))
-        return nullptr;
-    return closed_ ? nullptr : latest_;
+    return wanted;
 }
 
-void MetricsBoard::publish(MetricsSnapshot snapshot) {
+std::shared_ptr<const MetricsSnapshot> MetricsBoard::take(uint64_t wanted) const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return !closed_ && published_ >= wanted ? latest_ : nullptr;
+}
+
+void MetricsBoard::publish(MetricsSnapshot snapshot, std::chrono::nanoseconds took) {
     auto shared = std::make_shared<const MetricsSnapshot>(std::move(snapshot));
     {
         std::lock_guard<std::mutex> lock(mutex_);
         latest_ = std::move(shared);
         ++published_;
         asked_ = false;
+        publishedAt_ = Clock::now();
+        took_ = took;
     }
     changed_.notify_all();
+}
+
+MetricsBoard::Clock::duration MetricsBoard::gap() const {
+    Clock::duration byCost = took_ * kSnapshotGapFactor;
+    return byCost > kMinSnapshotGap ? byCost : Clock::duration(kMinSnapshotGap);
+}
+
+void MetricsBoard::runAsker(const std::function<void()> &changed, std::chrono::milliseconds tick) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    uint64_t seen = published_;
+    while (!closed_) {
+        Clock::time_point now = Clock::now();
+        Clock::time_point earliest = publishedAt_ + gap();
+        bool needed = wanted_ > published_;
+        bool unanswered = asked_ && now - askedAt_ >= kSnapshotWait;  // lost, or very late
+        if (needed && (!asked_ || unanswered) && now >= earliest) {
+            asked_ = true;
+            askedAt_ = now;
+            lock.unlock();
+            ask_();  // may wait for room on the receive queue, never with the lock
+            lock.lock();
+            continue;
+        }
+        Clock::time_point until = now + tick;
+        if (needed && !asked_ && earliest < until) until = earliest;
+        // Woken by a publication, by a want when none was pending (one that
+        // was pending waits for until: its gap or the tick), or by close().
+        changed_.wait_until(lock, until, [&] {
+            return closed_ || published_ != seen || (!needed && wanted_ > published_);
+        });
+        seen = published_;
+        lock.unlock();
+        changed();  // after a publication, a new want, or a tick: resumes what is due
+        lock.lock();
+    }
+    lock.unlock();
+    changed();
 }
 
 void MetricsBoard::close() {
@@ -173,9 +245,22 @@ void MetricsBoard::close() {
     changed_.notify_all();
 }
 
+bool MetricsBoard::closed() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return closed_;
+}
+
 uint64_t MetricsBoard::published() const {
     std::lock_guard<std::mutex> lock(mutex_);
     return published_;
+}
+
+std::shared_ptr<const MetricsSnapshot> MetricsBoard::fresh(std::chrono::milliseconds limit) {
+    uint64_t wanted = want();
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (!changed_.wait_for(lock, limit, [&] { return closed_ || published_ >= wanted; }))
+        return nullptr;
+    return closed_ ? nullptr : latest_;
 }
 
 MetricsServer::~MetricsServer() {
@@ -184,27 +269,80 @@ MetricsServer::~MetricsServer() {
 
 bool MetricsServer::start(const sockaddr_in &address, std::string *why) {
     ZEVD_TRACE_FUNCTION("MetricsServer::start");
-    // One polling thread (epoll), which reads requests a piece at a time as
-    // they come, so a slow client holds nothing but its connection.
-    errno = 0;
-    daemon_ = MHD_start_daemon(
-        MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_EPOLL | MHD_USE_ERROR_LOG, 0, nullptr, nullptr,
-        &onRequest, &board_, MHD_OPTION_SOCK_ADDR, &address, MHD_OPTION_CONNECTION_LIMIT,
-        kMetricsConnectionLimit, MHD_OPTION_CONNECTION_TIMEOUT, kMetricsIdleSeconds,
-        MHD_OPTION_CONNECTION_MEMORY_LIMIT, kMetricsRequestBytes, MHD_OPTION_EXTERNAL_LOGGER,
-        &logServerMessage, nullptr, MHD_OPTION_END);
-    if (daemon_ == nullptr) {
-        *why = errno != 0 ? strerror(errno) : "the HTTP server did not start";
+    // The listener is made here, so that its error is the system's own.
+    int listener = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    int on = 1;
+    if (listener < 0 || setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
+        bind(listener, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0 ||
+        listen(listener, SOMAXCONN) != 0) {
+        *why = strerror(errno);
+        if (listener >= 0) close(listener);
         return trc.exit(false);
     }
-    const MHD_DaemonInfo *info = MHD_get_daemon_info(daemon_, MHD_DAEMON_INFO_BIND_PORT);
-    port_ = info != nullptr ? info->port : ntohs(address.sin_port);
+    sockaddr_in bound{};
+    socklen_t length = sizeof bound;
+    getsockname(listener, reinterpret_cast<sockaddr *>(&bound), &length);
+    port_ = ntohs(bound.sin_port);
+    // One polling thread, which reads requests a piece at a time as they
+    // come, so a slow client holds nothing but its connection; a scrape
+    // that waits for the worker is suspended, not waited for. poll(), not
+    // epoll: with epoll, connections taken from the backlog once the limit
+    // had been reached were not seen to close (libmicrohttpd 0.9.75), and
+    // poll() has no bound on descriptor numbers either.
+    daemon_ = MHD_start_daemon(
+        MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_POLL | MHD_ALLOW_SUSPEND_RESUME |
+            MHD_USE_ERROR_LOG,
+        0, nullptr, nullptr, &onRequest, this, MHD_OPTION_EXTERNAL_LOGGER, &logServerMessage,
+        nullptr, MHD_OPTION_LISTEN_SOCKET, listener, MHD_OPTION_NOTIFY_COMPLETED, &onCompleted,
+        nullptr, MHD_OPTION_CONNECTION_LIMIT, kMetricsConnectionLimit,
+        MHD_OPTION_CONNECTION_TIMEOUT, kMetricsIdleSeconds, MHD_OPTION_CONNECTION_MEMORY_LIMIT,
+        kMetricsRequestBytes, MHD_OPTION_END);
+    if (daemon_ == nullptr) {
+        *why = "the HTTP server did not start";
+        close(listener);
+        return trc.exit(false);
+    }
+    asker_ = std::thread([this] { board_.runAsker([this] { resumeReady(); }, kAskerTick); });
     return trc.exit(true);
+}
+
+bool MetricsServer::park(MHD_Connection *connection, const Scrape *scrape) {
+    std::lock_guard<std::mutex> lock(parkedMutex_);
+    if (stopping_) return false;
+    // Suspended first, listed second: only a suspended connection may be
+    // resumed, and the asker resumes only what is listed.
+    MHD_suspend_connection(connection);
+    parked_.emplace_back(connection, scrape);
+    return true;
+}
+
+void MetricsServer::resumeReady() {
+    std::lock_guard<std::mutex> lock(parkedMutex_);
+    MetricsBoard::Clock::time_point now = MetricsBoard::Clock::now();
+    bool all = stopping_ || board_.closed();
+    for (size_t i = 0; i < parked_.size();) {
+        const Scrape *scrape = parked_[i].second;
+        if (all || now >= scrape->deadline || board_.take(scrape->wanted) != nullptr) {
+            MHD_resume_connection(parked_[i].first);
+            parked_[i] = parked_.back();
+            parked_.pop_back();
+        } else {
+            ++i;
+        }
+    }
 }
 
 void MetricsServer::stop() {
     if (daemon_ == nullptr) return;
-    board_.close();  // a scrape waiting for the worker ends now
+    {
+        std::lock_guard<std::mutex> lock(parkedMutex_);
+        stopping_ = true;  // nothing is set aside from now on
+    }
+    board_.close();
+    if (asker_.joinable()) asker_.join();  // its last pass resumes every scrape set aside
+    resumeReady();
+    // Every suspended connection has been resumed: stopping with one set
+    // aside is not allowed.
     MHD_stop_daemon(daemon_);
     daemon_ = nullptr;
 }

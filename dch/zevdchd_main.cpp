@@ -4,7 +4,6 @@
 #include <getopt.h>
 #include <pthread.h>
 #include <signal.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -80,17 +79,6 @@ void writeCounters(Dch &dch, const Worker &worker) {
     // Written whatever the levels: they are asked for.
     for (const std::string &line : dch.counters().lines())
         TLG1_Printf(trc.record(), __LINE__, "%s", line.c_str());
-}
-
-// Every metrics connection is a descriptor: the soft limit is raised, as far
-// as the hard one allows, to hold them beside the DCH's own.
-void allowMetricsConnections() {
-    constexpr rlim_t kWanted = kMetricsConnectionLimit + 256;
-    rlimit limit{};
-    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= kWanted) return;
-    limit.rlim_cur =
-        limit.rlim_max == RLIM_INFINITY || limit.rlim_max >= kWanted ? kWanted : limit.rlim_max;
-    setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 int run(int argc, char **argv) {
@@ -175,24 +163,24 @@ int run(int argc, char **argv) {
     transport->attach(*sock);
     static Worker *worker = new Worker(*sock, *dch);
     worker->setReceiveBuffer(receiveBufferSize);
-    // The metrics server asks the worker for each snapshot through the queue.
-    MetricsBoard board([sock] {
+    // The metrics server asks the worker for each snapshot through the
+    // queue. Never deleted, like the worker: see the end of run().
+    static auto *board = new MetricsBoard([sock] {
         sock->ipc_put_data(static_cast<int32_t>(sizeof kSnapshotText), kSnapshotText, nullptr, 0,
                            nullptr, 0);
     });
-    MetricsServer server(board);
+    static auto *server = new MetricsServer(*board);
     if (metrics != nullptr) {
-        allowMetricsConnections();
-        if (!server.start(metricsAddress, &why)) {
+        if (!server->start(metricsAddress, &why)) {
             fprintf(stderr, "zevdchd: cannot serve metrics on %s: %s\n", metrics, why.c_str());
             return 1;
         }
         char host[INET_ADDRSTRLEN] = {};
         inet_ntop(AF_INET, &metricsAddress.sin_addr, host, sizeof host);
         printf("zevdchd metrics on http://%s:%u/metrics\n", host,
-               static_cast<unsigned>(server.port()));
+               static_cast<unsigned>(server->port()));
         fflush(stdout);
-        worker->setMetricsBoard(&board);
+        worker->setMetricsBoard(board);
     }
     std::thread serving([] { worker->run(); });
     for (;;) {
@@ -204,9 +192,14 @@ int run(int argc, char **argv) {
         }
         break;
     }
-    if (!worker->failed()) worker->stop();
+    // The metrics server stops first, while the worker still takes what its
+    // asker may be queueing. A worker that failed takes nothing more: then
+    // the server is left to end with the process.
+    if (!worker->failed()) {
+        server->stop();
+        worker->stop();
+    }
     serving.join();
-    server.stop();
     writeCounters(*dch, *worker);
     return worker->failed() ? 1 : 0;
 }

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 
@@ -112,8 +113,10 @@ void Worker::run() {
         }
         if (isControl(buffer, capacity, name, kSnapshotText)) {
             if (board_ != nullptr) {
+                auto started = std::chrono::steady_clock::now();
                 dch_.counters().drops[kDropKernel] = kernelDrops();
-                board_->publish(metricsSnapshot(dch_));
+                MetricsSnapshot snapshot = metricsSnapshot(dch_);
+                board_->publish(std::move(snapshot), std::chrono::steady_clock::now() - started);
             }
             continue;
         }

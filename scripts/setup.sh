@@ -2,6 +2,7 @@
 # Installs what building and testing zevd needs, from Debian's packages,
 # when it is missing.
 set -euo pipefail
+cd "$(dirname "$0")/.."
 
 packages=(cmake g++ make binutils pkg-config libgtest-dev libgmock-dev libbenchmark-dev python3
   go-md2man valgrind libmicrohttpd-dev)

@@ -3,6 +3,7 @@
 // the requests no scraper would send; and the board through which the worker
 // hands its snapshots to the HTTP thread.
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/resource.h>
 
 #include <atomic>
@@ -26,6 +27,9 @@ using namespace zevd::test;
 namespace dch = zevd::dch;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
+using zevd::FieldReader;
+using zevd::MessageBuilder;
+using zevd::messageLength;
 
 // One daemon with --metrics for the whole program, this process's library
 // pointed at it.
@@ -300,6 +304,7 @@ TEST(DchMetricsHttpTest, ScrapesShareAKeptConnection) {
 
 TEST(DchMetricsHttpBadInputTest, LongLinesAndGarbageAreRefusedAndTheServerGoesOn) {
     uint16_t port = MetricsDaemon::port();
+    size_t traced = MetricsDaemon::daemon().trace().size();
     HttpReply longLine =
         httpExchange(port, "GET /" + std::string(100000, 'a') + " HTTP/1.1\r\nHost: h\r\n\r\n");
     EXPECT_EQ(longLine.status, 414) << longLine.head;
@@ -323,8 +328,8 @@ TEST(DchMetricsHttpBadInputTest, LongLinesAndGarbageAreRefusedAndTheServerGoesOn
     EXPECT_TRUE(providerRoundTrip());
     scrape();
     // None of it is an error of the daemon's: nothing in its trace says so.
-    EXPECT_EQ(MetricsDaemon::daemon().trace().find("Error"), std::string::npos)
-        << MetricsDaemon::daemon().trace();
+    std::string trace = MetricsDaemon::daemon().trace().substr(traced);
+    EXPECT_EQ(trace.find("Error"), std::string::npos) << trace;
 }
 
 TEST(DchMetricsHttpBadInputTest, SlowClientsHoldNothingButTheirConnection) {
@@ -347,14 +352,11 @@ TEST(DchMetricsHttpBadInputTest, SlowClientsHoldNothingButTheirConnection) {
         }
         sentAll = true;
     });
-    int rounds = 0;
-    while (!sentAll.load()) {
+    do {
         EXPECT_TRUE(providerRoundTrip());
         EXPECT_EQ(httpGet(port).status, 200);
-        ++rounds;
-    }
+    } while (!sentAll.load());
     slow.join();
-    EXPECT_GT(rounds, 1);
     for (int fd : fds) {
         EXPECT_EQ(readReply(fd).status, 200);
         close(fd);
@@ -375,15 +377,49 @@ TEST(DchMetricsHttpBadInputTest, AClientThatStopsMidRequestIsClosedWhenIdle) {
     close(fd);
 }
 
+// A dp_online over a TCP connection of its own to the DCH port: its status,
+// or -1 when no answer came within 10 seconds.
+int32_t onlineOverTcp() {
+    int fd = connectLoopback(MetricsDaemon::daemon().port());
+    if (fd < 0) return -1;
+    std::vector<char> request = buildMessage([](MessageBuilder &b) {
+        b.add16(DCH_requestType, ZEVD_REQ_DP_ONLINE);
+        b.addString(DCH_applName, "probe");
+        b.addString(DCH_attrGroup, "probe");
+        b.addString(DCH_sourceName, "tcp");
+    });
+    int32_t status = -1;
+    if (sendAll(fd, std::string(request.begin(), request.end()))) {
+        std::string answer;
+        auto deadline = std::chrono::steady_clock::now() + seconds(10);
+        while (answer.size() < 4 || answer.size() < messageLength(answer.data())) {
+            auto left = std::chrono::duration_cast<milliseconds>(deadline -
+                                                                 std::chrono::steady_clock::now());
+            pollfd p = {fd, POLLIN, 0};
+            if (left.count() <= 0 || poll(&p, 1, static_cast<int>(left.count())) != 1) break;
+            char chunk[512];
+            ssize_t n = recv(fd, chunk, sizeof chunk, 0);
+            if (n <= 0) break;
+            answer.append(chunk, static_cast<size_t>(n));
+        }
+        FieldReader r(answer.data(), answer.size());
+        if (answer.size() >= 4 && r.next() == DCH_status) status = r.int32();
+    }
+    close(fd);
+    return status;
+}
+
 TEST(DchMetricsHttpBadInputTest, AThousandConnectionsLeaveTheDchServing) {
     constexpr int kConnections = 1000;
     rlimit limit{};
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
     if (limit.rlim_cur < kConnections + 200) {
         limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, kConnections + 200);
-        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+        setrlimit(RLIMIT_NOFILE, &limit);
+        ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
     }
     if (limit.rlim_cur < kConnections + 200) GTEST_SKIP() << "descriptor limit too low";
+    ASSERT_TRUE(providerRoundTrip());  // registers "probe"
     pid_t pid = MetricsDaemon::daemon().pid();
     int descriptors = openDescriptors(pid);
     uint16_t port = MetricsDaemon::port();
@@ -395,17 +431,69 @@ TEST(DchMetricsHttpBadInputTest, AThousandConnectionsLeaveTheDchServing) {
         // Half of them send the start of a request and stall.
         if (i % 2 == 0) sendAll(fd, "GET /metrics HTTP/1.1\r\n");
     }
-    // The server has taken every one of them (they count against its limit).
-    EXPECT_TRUE(
-        waitFor([&] { return openDescriptors(pid) >= descriptors + kConnections; }, seconds(20)))
+    // The server takes up to its limit; the rest wait in the kernel's
+    // backlog, costing the daemon nothing.
+    EXPECT_TRUE(waitFor(
+        [&] { return openDescriptors(pid) >= descriptors + int{dch::kMetricsConnectionLimit}; },
+        seconds(20)))
         << openDescriptors(pid) << " descriptors, " << descriptors << " before";
+    EXPECT_LE(openDescriptors(pid), descriptors + int{dch::kMetricsConnectionLimit} + 2);
+    // Meanwhile the DCH serves, over UDP and over TCP.
     for (int i = 0; i < 5; ++i) EXPECT_TRUE(providerRoundTrip()) << i;
-    EXPECT_EQ(httpGet(port).status, 200);
+    EXPECT_EQ(onlineOverTcp(), 0);
     for (int fd : fds) close(fd);
-    EXPECT_TRUE(waitFor([&] { return openDescriptors(pid) <= descriptors; }, seconds(20)))
+    EXPECT_TRUE(waitFor([&] { return openDescriptors(pid) <= descriptors; }, seconds(30)))
         << openDescriptors(pid) << " descriptors, " << descriptors << " before";
     EXPECT_TRUE(providerRoundTrip());
     scrape();
+}
+
+TEST(DchMetricsHttpBadInputTest, ScrapesInALoopLeaveTheDchServing) {
+    // Back to back from four threads: the worker copies at most once per
+    // gap, and the scrapes share the copies.
+    std::atomic<bool> done{false};
+    std::atomic<int> served{0};
+    std::vector<std::thread> scrapers;
+    for (int i = 0; i < 4; ++i)
+        scrapers.emplace_back([&] {
+            while (!done.load())
+                if (httpGet(MetricsDaemon::port()).status == 200) ++served;
+        });
+    for (int i = 0; i < 20; ++i) EXPECT_TRUE(providerRoundTrip()) << i;
+    done = true;
+    for (std::thread &t : scrapers) t.join();
+    EXPECT_GT(served.load(), 0);
+}
+
+TEST(DchMetricsHttpStopTest, SigtermWhileScrapesAndRowsRunEndsTheDaemon) {
+    DaemonProcess d({"--metrics", "127.0.0.1:0"});
+    ASSERT_TRUE(d.start()) << d.trace();
+    std::atomic<bool> done{false};
+    std::vector<std::thread> scrapers;
+    for (int i = 0; i < 4; ++i)
+        scrapers.emplace_back([&] {
+            while (!done.load()) httpGet(d.metricsPort(), "/metrics");
+        });
+    // Rows at the daemon's port without pause, so that its queue is busy.
+    std::thread rows([&] {
+        int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        std::vector<char> row = buildMessage([](MessageBuilder &b) {
+            b.add16(DCH_requestType, ZEVD_REQ_DP_DATA);
+            b.add32(DCH_handle, 1);
+            b.add16(DCH_dataFlag, 0);
+        });
+        while (!done.load()) sendDatagram(fd, loopbackAddress(d.port()), row);
+        close(fd);
+    });
+    ASSERT_TRUE(
+        waitFor([&] { return d.trace().find("dp_data") != std::string::npos; }, seconds(20)));
+    int status = d.stop(SIGTERM);
+    done = true;
+    for (std::thread &t : scrapers) t.join();
+    rows.join();
+    ASSERT_NE(status, -1) << "zevdchd did not end within 20 s of SIGTERM";
+    EXPECT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
 }
 
 // ---------------------------------------------------------------------------
@@ -493,36 +581,62 @@ dch::MetricsSnapshot snapshotNumbered(uint64_t n) {
     return snapshot;
 }
 
-TEST(DchMetricsBoardTest, ASnapshotPublishedBeforeTheScrapeIsNotServed) {
+// A board with its asker thread, which counts what it asks; joined at the end.
+struct AskedBoard {
     std::atomic<int> asked{0};
-    dch::MetricsBoard board([&] { ++asked; });
-    board.publish(snapshotNumbered(1));  // an answer to nobody
+    std::function<void()> onAsk;
+    std::function<void()> onChange;
+    dch::MetricsBoard board{[this] {
+        ++asked;
+        if (onAsk) onAsk();
+    }};
+    std::thread asker;
+
+    void start() {
+        asker = std::thread([this] {
+            board.runAsker(
+                [this] {
+                    if (onChange) onChange();
+                },
+                milliseconds(20));
+        });
+    }
+    ~AskedBoard() {
+        board.close();
+        if (asker.joinable()) asker.join();
+    }
+};
+
+TEST(DchMetricsBoardTest, ASnapshotPublishedBeforeTheScrapeIsNotServed) {
+    AskedBoard b;
+    b.start();
+    b.board.publish(snapshotNumbered(1));  // an answer to nobody
     std::atomic<bool> done{false};
     std::shared_ptr<const dch::MetricsSnapshot> got;
     std::thread scrape([&] {
-        got = board.fresh(seconds(10));
+        got = b.board.fresh(seconds(10));
         done = true;
     });
-    ASSERT_TRUE(waitFor([&] { return asked.load() == 1; }, seconds(10)));
+    ASSERT_TRUE(waitFor([&] { return b.asked.load() == 1; }, seconds(10)));
     EXPECT_FALSE(done.load());
-    board.publish(snapshotNumbered(2));
+    b.board.publish(snapshotNumbered(2));
     scrape.join();
     ASSERT_NE(got, nullptr);
     EXPECT_EQ(got->answers, 2u);
 }
 
 TEST(DchMetricsBoardTest, ScrapesAtOnceNeverHaveMoreThanOneRequestOut) {
+    AskedBoard b;
     std::atomic<int> outstanding{0};
-    std::atomic<int> asked{0};
     std::atomic<int> overlapped{0};
-    dch::MetricsBoard board([&] {
+    b.onAsk = [&] {
         if (outstanding.fetch_add(1) != 0) ++overlapped;
-        ++asked;
-    });
+    };
+    b.start();
     std::atomic<bool> stop{false};
     std::atomic<int> published{0};
-    // The worker: answers each request, taking a moment over it as a
-    // snapshot does.
+    // The worker: answers each request, taking a moment over it as a copy
+    // does.
     std::thread worker([&] {
         while (!stop.load()) {
             if (outstanding.load() == 0) {
@@ -531,59 +645,182 @@ TEST(DchMetricsBoardTest, ScrapesAtOnceNeverHaveMoreThanOneRequestOut) {
             }
             std::this_thread::sleep_for(std::chrono::microseconds(200));
             outstanding.fetch_sub(1);
-            board.publish(snapshotNumbered(static_cast<uint64_t>(++published)));
+            b.board.publish(snapshotNumbered(static_cast<uint64_t>(++published)));
         }
     });
     constexpr int kThreads = 8;
-    constexpr int kScrapes = 50;
+    constexpr int kScrapes = 20;
     std::atomic<int> served{0};
     std::vector<std::thread> scrapes;
     for (int i = 0; i < kThreads; ++i)
         scrapes.emplace_back([&] {
             for (int k = 0; k < kScrapes; ++k)
-                if (board.fresh(seconds(10)) != nullptr) ++served;
+                if (b.board.fresh(seconds(10)) != nullptr) ++served;
         });
     for (std::thread &t : scrapes) t.join();
     stop = true;
     worker.join();
     EXPECT_EQ(served.load(), kThreads * kScrapes);
     EXPECT_EQ(overlapped.load(), 0);
-    EXPECT_EQ(asked.load(), published.load());
+    EXPECT_EQ(b.asked.load(), published.load());
+    // Shared: far fewer copies than scrapes.
+    EXPECT_LT(published.load(), kThreads * kScrapes);
+}
+
+TEST(DchMetricsBoardTest, CopiesAreAskedForNoSoonerThanTheGapAfterTheLast) {
+    AskedBoard b;
+    std::vector<std::chrono::steady_clock::time_point> asks;
+    std::mutex asksMutex;
+    b.onAsk = [&] {
+        std::lock_guard<std::mutex> lock(asksMutex);
+        asks.push_back(std::chrono::steady_clock::now());
+    };
+    b.start();
+    // Each copy "took" 5 ms: the next is asked for 50 ms after it at the
+    // soonest, however often the scrapes come.
+    const auto took = milliseconds(5);
+    std::atomic<bool> stop{false};
+    std::thread worker([&] {
+        int answered = 0;
+        while (!stop.load()) {
+            if (b.asked.load() == answered) {
+                std::this_thread::sleep_for(milliseconds(1));
+                continue;
+            }
+            ++answered;
+            b.board.publish(snapshotNumbered(static_cast<uint64_t>(answered)), took);
+        }
+    });
+    for (int i = 0; i < 5; ++i) ASSERT_NE(b.board.fresh(seconds(10)), nullptr) << i;
+    stop = true;
+    worker.join();
+    std::lock_guard<std::mutex> lock(asksMutex);
+    ASSERT_EQ(asks.size(), 5u);
+    for (size_t i = 1; i < asks.size(); ++i)
+        EXPECT_GE(asks[i] - asks[i - 1], took * dch::kSnapshotGapFactor) << i;
 }
 
 TEST(DchMetricsBoardTest, AWorkerThatDoesNotAnswerGivesNothingAfterTheLimit) {
-    std::atomic<int> asked{0};
-    dch::MetricsBoard board([&] { ++asked; });
+    AskedBoard b;
+    b.start();
     auto started = std::chrono::steady_clock::now();
-    EXPECT_EQ(board.fresh(milliseconds(100)), nullptr);
+    EXPECT_EQ(b.board.fresh(milliseconds(100)), nullptr);
     EXPECT_GE(std::chrono::steady_clock::now() - started, milliseconds(100));
-    EXPECT_EQ(board.fresh(milliseconds(100)), nullptr);
-    EXPECT_EQ(asked.load(), 1);          // the request is still out: it is not asked again
-    board.publish(snapshotNumbered(1));  // the worker's late answer
+    EXPECT_EQ(b.board.fresh(milliseconds(100)), nullptr);
+    EXPECT_EQ(b.asked.load(), 1);          // the request is still out: it is not asked again
+    b.board.publish(snapshotNumbered(1));  // the worker's late answer
     std::thread worker([&] {
-        if (waitFor([&] { return asked.load() == 2; }, seconds(10)))
-            board.publish(snapshotNumbered(2));
+        if (waitFor([&] { return b.asked.load() == 2; }, seconds(10)))
+            b.board.publish(snapshotNumbered(2));
     });
-    std::shared_ptr<const dch::MetricsSnapshot> got = board.fresh(seconds(10));
+    std::shared_ptr<const dch::MetricsSnapshot> got = b.board.fresh(seconds(10));
     worker.join();
     ASSERT_NE(got, nullptr);
     EXPECT_EQ(got->answers, 2u);
 }
 
-TEST(DchMetricsBoardTest, CloseEndsEveryWaitAtOnce) {
-    dch::MetricsBoard board([] {});
-    std::atomic<bool> done{false};
-    std::thread scrape([&] {
-        EXPECT_EQ(board.fresh(seconds(60)), nullptr);
-        done = true;
+TEST(DchMetricsBoardTest, ARequestLeftUnansweredIsAskedAgain) {
+    AskedBoard b;
+    b.start();
+    std::thread worker([&] {
+        // The first request is lost; the second is answered.
+        if (waitFor([&] { return b.asked.load() == 2; }, dch::kSnapshotWait + seconds(10)))
+            b.board.publish(snapshotNumbered(1));
     });
     auto started = std::chrono::steady_clock::now();
-    std::this_thread::sleep_for(milliseconds(20));  // let it wait; either order ends the same
-    board.close();
+    std::shared_ptr<const dch::MetricsSnapshot> got =
+        b.board.fresh(dch::kSnapshotWait + seconds(10));
+    worker.join();
+    ASSERT_NE(got, nullptr);
+    EXPECT_GE(std::chrono::steady_clock::now() - started, dch::kSnapshotWait);
+}
+
+TEST(DchMetricsBoardTest, CloseEndsEveryWaitAtOnce) {
+    AskedBoard b;
+    b.start();
+    std::atomic<bool> done{false};
+    std::thread scrape([&] {
+        EXPECT_EQ(b.board.fresh(seconds(60)), nullptr);
+        done = true;
+    });
+    ASSERT_TRUE(waitFor([&] { return b.asked.load() == 1; }, seconds(10)));
+    auto started = std::chrono::steady_clock::now();
+    b.board.close();
     scrape.join();
     EXPECT_TRUE(done.load());
     EXPECT_LT(std::chrono::steady_clock::now() - started, seconds(10));
-    EXPECT_EQ(board.fresh(seconds(60)), nullptr);
+    EXPECT_EQ(b.board.fresh(seconds(60)), nullptr);
+}
+
+// ---------------------------------------------------------------------------
+// The server with a worker of the test's own
+// ---------------------------------------------------------------------------
+
+// A MetricsServer on a free loopback port whose board's requests are
+// answered only when the test says so.
+struct ServerWithoutWorker {
+    std::atomic<int> asked{0};
+    dch::MetricsBoard board{[this] { ++asked; }};
+    dch::MetricsServer server{board};
+    uint16_t port = 0;
+
+    ServerWithoutWorker() {
+        std::string why;
+        sockaddr_in address = loopbackAddress(0);
+        EXPECT_TRUE(server.start(address, &why)) << why;
+        port = server.port();
+    }
+};
+
+TEST(DchMetricsServerTest, ScrapesWaitingForTheWorkerHoldUpNoOtherRequest) {
+    ServerWithoutWorker s;
+    std::vector<std::thread> waiting;
+    std::atomic<int> ok{0};
+    for (int i = 0; i < 3; ++i)
+        waiting.emplace_back([&] {
+            if (httpGet(s.port).status == 200) ++ok;
+        });
+    ASSERT_TRUE(waitFor([&] { return s.asked.load() == 1; }, seconds(10)));
+    // While they wait, the server answers everything else at once.
+    for (int i = 0; i < 5; ++i) {
+        auto started = std::chrono::steady_clock::now();
+        EXPECT_EQ(httpGet(s.port, "/other").status, 404);
+        EXPECT_EQ(httpExchange(s.port, httpRequestText("POST", "/metrics")).status, 405);
+        EXPECT_LT(std::chrono::steady_clock::now() - started, seconds(2));
+    }
+    EXPECT_EQ(ok.load(), 0);
+    s.board.publish(snapshotNumbered(1));
+    for (std::thread &t : waiting) t.join();
+    EXPECT_EQ(ok.load(), 3);
+}
+
+TEST(DchMetricsServerTest, AScrapeTheWorkerNeverAnswersIs503AfterItsWait) {
+    ServerWithoutWorker s;
+    auto started = std::chrono::steady_clock::now();
+    HttpReply reply = httpExchange(s.port, httpRequestText("GET", "/metrics"), false,
+                                   dch::kSnapshotWait + seconds(10));
+    auto waited = std::chrono::steady_clock::now() - started;
+    EXPECT_EQ(reply.status, 503);
+    EXPECT_EQ(reply.body, "The DCH did not publish its metrics in time.\n");
+    EXPECT_GE(waited, dch::kSnapshotWait - milliseconds(100));
+    EXPECT_LT(waited, dch::kSnapshotWait + seconds(5));
+}
+
+TEST(DchMetricsServerTest, StopAnswersTheScrapesThatWait) {
+    auto s = std::make_unique<ServerWithoutWorker>();
+    std::vector<std::thread> waiting;
+    std::atomic<int> unavailable{0};
+    for (int i = 0; i < 3; ++i)
+        waiting.emplace_back([&, port = s->port] {
+            HttpReply reply = httpGet(port);
+            if (reply.status == 503 || reply.closed) ++unavailable;
+        });
+    ASSERT_TRUE(waitFor([&] { return s->asked.load() == 1; }, seconds(10)));
+    auto started = std::chrono::steady_clock::now();
+    s->server.stop();
+    for (std::thread &t : waiting) t.join();
+    EXPECT_EQ(unavailable.load(), 3);
+    EXPECT_LT(std::chrono::steady_clock::now() - started, seconds(3));
 }
 
 }  // namespace
