@@ -218,12 +218,13 @@ private:
 
 // What the attributes of one group are called on the page.
 struct GroupNames {
-    std::string info;                 // its _info family
-    std::string infoHelp;             // and that family's help
-    std::vector<std::string> family;  // a number's family ("" for a text)
-    std::vector<std::string> help;    // a number's family help
-    std::vector<bool> marked;         // a number that carries the attribute label
-    std::vector<std::string> label;   // a text's label ("" for a number, or past the bound)
+    std::string info;                         // its _info family
+    std::string infoHelp;                     // and that family's help
+    std::vector<std::string> family;          // a number's family ("" for a text)
+    std::vector<std::string> help;            // a number's family help
+    std::vector<bool> marked;                 // a number that carries the attribute label
+    std::vector<std::string> attributeLabel;  // and that label's value
+    std::vector<std::string> label;           // a text's label ("" for a number, or past the bound)
 };
 
 GroupNames namesOf(const MetricsGroup &group) {
@@ -266,6 +267,23 @@ GroupNames namesOf(const MetricsGroup &group) {
     // samples apart by their own names.
     for (size_t i = 0; i < count; ++i)
         names.marked[i] = !names.family[i].empty() && uses[names.family[i]] > 1;
+    // Names that are not UTF-8 may still show the same once repaired ("x\xfe"
+    // and "x\xff" are both "x\uFFFD"): those get their place in the
+    // catalogue too. Names hold no blanks, so " #2" is no other's name.
+    names.attributeLabel.resize(count);
+    std::map<std::pair<std::string, std::string>, int> shown;
+    std::vector<std::string> shownAs(count);
+    for (size_t i = 0; i < count; ++i) {
+        if (!names.marked[i]) continue;
+        appendEscaped(shownAs[i], group.attributes[i].name, kMaxLabelValue, true);
+        ++shown[{names.family[i], shownAs[i]}];
+    }
+    for (size_t i = 0; i < count; ++i) {
+        if (!names.marked[i]) continue;
+        names.attributeLabel[i] = group.attributes[i].name;
+        if (shown[{names.family[i], shownAs[i]}] > 1)
+            names.attributeLabel[i] += " #" + std::to_string(i + 1);
+    }
     return names;
 }
 
@@ -321,7 +339,7 @@ std::string renderMetrics(const MetricsSnapshot &snapshot) {
             if (!value.set) continue;
             if (!named.family[i].empty()) {
                 std::string labels = own;
-                if (named.marked[i]) addLabel(labels, "attribute", group.attributes[i].name);
+                if (named.marked[i]) addLabel(labels, "attribute", named.attributeLabel[i]);
                 page.add(named.family[i], "gauge", named.help[i], labels,
                          std::to_string(value.number));
             } else if (!named.label[i].empty()) {

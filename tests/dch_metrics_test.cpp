@@ -358,6 +358,18 @@ TEST(DchMetricsNamesTest, NamesThatMeetStayOneFamilyWithDistinctSamples) {
     EXPECT_EQ(page.perFamily["zevd_a_b_c_info"], 2);
 }
 
+TEST(DchMetricsNamesTest, NamesThatShowTheSameOnceRepairedCarryTheirPlace) {
+    Daemon d;
+    // Neither name is UTF-8: both show as "x" and U+FFFD on the page.
+    registerGroups(d, "u", {{"g", "", {{"x\xfe", 'A', 4, ""}, {"x\xff", 'A', 4, ""}}}});
+    int32_t h = d.online("u", "g", "s");
+    acceptRow(d, h, {{"x\xfe", be32(1)}, {"x\xff", be32(2)}});
+    CheckedPage page = pageOf(d);
+    EXPECT_EQ(page.value(key("zevd_u_g_x_", at("s", h, {{"attribute", "x\xef\xbf\xbd #1"}}))), "1")
+        << ::testing::PrintToString(page.keysOf("zevd_u_g_x_"));
+    EXPECT_EQ(page.value(key("zevd_u_g_x_", at("s", h, {{"attribute", "x\xef\xbf\xbd #2"}}))), "2");
+}
+
 TEST(DchMetricsNamesTest, DataNeverTakesTheDaemonsOwnNames) {
     Daemon d;
     registerGroups(d, "dch",
