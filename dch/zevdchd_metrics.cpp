@@ -355,7 +355,9 @@ std::string renderMetrics(const MetricsSnapshot &snapshot) {
         } else {
             ++infoSeries;
             infoLabelsDropped += textsLeftOut;
-            page.add(named.info, "gauge", named.infoHelp, own + ',' + texts, "1");
+            own += ',';
+            own += texts;
+            page.add(named.info, "gauge", named.infoHelp, own, "1");
         }
     }
     page.add(
