@@ -95,7 +95,7 @@ MHD_Result onRequest(void *context, MHD_Connection *connection, const char *url,
         MetricsBoard &board = server->board();
         if (scrape->wanted == 0) {
             scrape->wanted = board.want();
-            scrape->deadline = MetricsBoard::Clock::now() + kSnapshotWait;
+            scrape->deadline = MetricsBoard::Clock::now() + board.wait();
         }
         std::shared_ptr<const MetricsSnapshot> snapshot = board.take(scrape->wanted);
         if (snapshot != nullptr) {
@@ -110,7 +110,7 @@ MHD_Result onRequest(void *context, MHD_Connection *connection, const char *url,
         if (!closing)
             ZEVD_TRACE(trc, TRACE_ERROR,
                        "Error: no metrics snapshot from the worker within %lld ms; answered 503\n",
-                       static_cast<long long>(kSnapshotWait.count()));
+                       static_cast<long long>(board.wait().count()));
         return trc.exit(queueText(connection, MHD_HTTP_SERVICE_UNAVAILABLE,
                                   "The DCH did not publish its metrics in time.\n"));
     } catch (...) {
@@ -212,7 +212,7 @@ void MetricsBoard::runAsker(const std::function<void()> &changed, std::chrono::m
         Clock::time_point now = Clock::now();
         Clock::time_point earliest = publishedAt_ + gap();
         bool needed = wanted_ > published_;
-        bool unanswered = asked_ && now - askedAt_ >= kSnapshotWait;  // lost, or very late
+        bool unanswered = asked_ && now - askedAt_ >= wait_;  // lost, or very late
         if (needed && (!asked_ || unanswered) && now >= earliest) {
             asked_ = true;
             askedAt_ = now;

@@ -70,7 +70,10 @@ public:
 
     // ask queues a request for a snapshot on the receive queue (it may wait
     // while the queue is full); only the asker thread calls it.
-    explicit MetricsBoard(std::function<void()> ask) : ask_(std::move(ask)) {}
+    // wait: how long a scrape waits for its snapshot, and a request for
+    // one goes unanswered before it is made again.
+    explicit MetricsBoard(std::function<void()> ask, std::chrono::milliseconds wait = kSnapshotWait)
+        : ask_(std::move(ask)), wait_(wait) {}
 
     // Never blocks: the number of the snapshot that a scrape beginning now
     // is served from. Every request the worker answered before this call is
@@ -85,13 +88,14 @@ public:
 
     // The asker thread's loop, until close(): puts each wanted request out
     // once the gap since the last copy has passed, again when one has gone
-    // unanswered for kSnapshotWait, and calls changed() after each
+    // unanswered for wait(), and calls changed() after each
     // publication, at least every tick, and once more after close().
     void runAsker(const std::function<void()> &changed, std::chrono::milliseconds tick);
     // Ends the asker's loop; take() gives nullptr from now on.
     void close();
     bool closed() const;
     uint64_t published() const;
+    std::chrono::milliseconds wait() const { return wait_; }
 
     // want() and a wait of at most limit for its snapshot (an asker must
     // run); nullptr when none came or the board was closed.
@@ -101,6 +105,7 @@ private:
     Clock::duration gap() const;
 
     std::function<void()> ask_;
+    std::chrono::milliseconds wait_;
     mutable std::mutex mutex_;
     std::condition_variable changed_;
     uint64_t wanted_ = 0;     // the highest snapshot number wanted

@@ -31,6 +31,12 @@ tests=(
   "client_catalogue_test"
 )
 (($# < 2)) || tests=("${@:2}")
+# Cases left out under memcheck: they only wait out a fixed time (an idle
+# connection's 10 s, a snapshot's 5 s), which the other builds check, and
+# under memcheck that time is all they would add.
+declare -A skipped=(
+  [dch_metrics_http_test]="*ClosedWhenIdle:*AskedAgain:*Is503AfterItsWait"
+)
 
 logs=$build/memcheck
 rm -rf "$logs"
@@ -70,6 +76,7 @@ run() {
   local wrapper="$valgrind ${options[*]} --log-file=$logs/$name.%p.log"
   # A shell script test runs as it is; the programs it starts are checked.
   [ "$(basename "${command[0]}")" = sh ] || command=($wrapper "${command[@]}")
+  [ -z "${skipped[$name]:-}" ] || environment+=("GTEST_FILTER=-${skipped[$name]}")
   (cd "$directory" && env "${environment[@]}" ZEVD_CHILD_WRAPPER="$wrapper" \
     timeout -k 10 300 "${command[@]}") >"$logs/$name.out" 2>&1
 }

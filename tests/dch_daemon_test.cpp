@@ -155,6 +155,11 @@ long sendOne(long handle, const char *name, int32_t value) {
     return status;
 }
 
+TEST(DchDaemonTest, WithoutTheMetricsOptionNoMetricsServerIsAnnounced) {
+    EXPECT_EQ(theDaemon().output().find("metrics"), std::string::npos) << theDaemon().output();
+    EXPECT_EQ(theDaemon().metricsPort(), 0);
+}
+
 TEST(DchDaemonTest, ProviderWholeLifeReachesTheSubscribersByteForByteAndInOrder) {
     StatusFeed &feed = StatusFeed::get();
     constexpr int kRows = 1000;

@@ -168,13 +168,16 @@ private:
 // daemon is ready.
 class DaemonEnvironment : public ::testing::Environment {
 public:
+    // env: further NAME=VALUE entries of the daemon; then: run once it is
+    // ready; args: further options of the daemon.
     explicit DaemonEnvironment(std::vector<std::string> env = {},
-                               std::function<void()> then = nullptr)
-        : env_(std::move(env)), then_(std::move(then)) {}
+                               std::function<void()> then = nullptr,
+                               std::vector<std::string> args = {})
+        : env_(std::move(env)), then_(std::move(then)), args_(std::move(args)) {}
     static DaemonProcess &daemon() { return *running(); }
 
     void SetUp() override {
-        running() = new DaemonProcess({}, env_);
+        running() = new DaemonProcess(args_, env_);
         ASSERT_TRUE(daemon().start()) << daemon().trace();
         setenv("ZEVA_DCH_ADDR", "127.0.0.1", 1);
         setenv("ZEVA_DCH_PORT", std::to_string(daemon().port()).c_str(), 1);
@@ -194,6 +197,7 @@ private:
     }
     std::vector<std::string> env_;
     std::function<void()> then_;
+    std::vector<std::string> args_;
 };
 
 // A message built field by field with the library's writer.
