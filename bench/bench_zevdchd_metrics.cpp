@@ -2,9 +2,10 @@
 // (this program again, with --load) holds 1,000 handles open, so the page
 // has 1,000 series, and sends rows to them round the clock at a fixed pace,
 // each answered before the next. Meanwhile:
-//   - dp_online's round trip is measured in alternating two-second blocks,
-//     without scrapes (the floor) and with a scrape every second; the two
-//     are reported side by side, with their ratio, every repetition anew;
+//   - dp_online's round trip is measured in pairs of one-second blocks,
+//     one without scrapes (the floor) and one with a scrape at its start;
+//     the two are reported side by side, with their ratio overall and the
+//     median of the ratios of the pairs, every repetition anew;
 //   - the page is fetched back to back, each fetch on a connection of its
 //     own, and its latency reported (median, p99).
 #include <benchmark/benchmark.h>
@@ -36,8 +37,8 @@ using namespace zevd::bench;
 
 constexpr int kSeries = 1000;             // handles of the load process, one series each
 constexpr int kLoadRowsPerSecond = 4000;  // the load's pace
-constexpr auto kBlock = std::chrono::seconds(2);
-constexpr int kBlocksEach = 10;  // blocks without and with scrapes
+constexpr auto kBlock = std::chrono::seconds(1);
+constexpr int kPairs = 20;  // pairs of blocks, one without scrapes and one with
 constexpr int kPageFetches = 300;
 
 // The daemon, with its metrics port; the catalogue registered.
@@ -174,59 +175,74 @@ struct Latencies {
 };
 
 struct RoundTrips {
-    Latencies quiet;    // blocks without scrapes
-    Latencies scraped;  // blocks with a scrape every second
+    Latencies quiet;       // blocks without scrapes
+    Latencies scraped;     // blocks with a scrape every second
+    Latencies pairRatios;  // per pair: the scraped block's median over the other's
     int scrapes = 0;
     int failures = 0;
     double loadRowsPerSecond = 0;  // what the load reached meanwhile
 };
 
-// dp_online round trips for one block; each handle closed outside the timing.
-void measureBlock(Latencies &into, int &failures) {
+// dp_online round trips for one block; each handle closed outside the
+// timing. The block's median.
+double measureBlock(Latencies &into, int &failures) {
+    Latencies block;
     auto end = Clock::now() + kBlock;
     while (Clock::now() < end) {
         long status = -1;
         long handle = -1;
         Clock::time_point start = Clock::now();
         int result = dp_online(&status, &handle, "bench", "group", "7");
-        into.micros.push_back(microsSince(start));
+        block.micros.push_back(microsSince(start));
         if (result != 0 || status != 0) {
             ++failures;
             continue;
         }
         dp_offline(&status, handle);
     }
+    into.micros.insert(into.micros.end(), block.micros.begin(), block.micros.end());
+    return block.median();
 }
 
-// Both kinds of block, alternating, so that drift in the machine falls on
-// both alike.
+// A block with a scrape at its start and every second after.
+double measureScrapedBlock(RoundTrips &r) {
+    std::atomic<bool> done{false};
+    std::atomic<int> scrapes{0};
+    std::atomic<int> failed{0};
+    std::thread scraper([&] {
+        auto next = Clock::now();
+        while (!done.load()) {
+            if (fetchPage() < 0) ++failed;
+            ++scrapes;
+            next += std::chrono::seconds(1);
+            while (!done.load() && Clock::now() < next)
+                std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+    });
+    double median = measureBlock(r.scraped, r.failures);
+    done = true;
+    scraper.join();
+    r.scrapes += scrapes.load();
+    r.failures += failed.load();
+    return median;
+}
+
+// Pairs of blocks, one of each kind, the kind that goes first alternating
+// from pair to pair, so that drift in the machine falls on both alike.
 RoundTrips measureRoundTrips() {
     RoundTrips r;
     double rowsBefore = rowsHandled();
     Clock::time_point start = Clock::now();
-    for (int block = 0; block < 2 * kBlocksEach; ++block) {
-        if (block % 2 == 0) {
-            measureBlock(r.quiet, r.failures);
-            continue;
+    for (int pair = 0; pair < kPairs; ++pair) {
+        double quiet = 0, scraped = 0;
+        if (pair % 2 == 0) {
+            quiet = measureBlock(r.quiet, r.failures);
+            scraped = measureScrapedBlock(r);
+        } else {
+            scraped = measureScrapedBlock(r);
+            quiet = measureBlock(r.quiet, r.failures);
         }
-        std::atomic<bool> done{false};
-        std::atomic<int> scrapes{0};
-        std::atomic<int> failed{0};
-        std::thread scraper([&] {
-            auto next = Clock::now();
-            while (!done.load()) {
-                if (fetchPage() < 0) ++failed;
-                ++scrapes;
-                next += std::chrono::seconds(1);
-                while (!done.load() && Clock::now() < next)
-                    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-            }
-        });
-        measureBlock(r.scraped, r.failures);
-        done = true;
-        scraper.join();
-        r.scrapes += scrapes.load();
-        r.failures += failed.load();
+        if (quiet > 0) r.pairRatios.micros.push_back(scraped / quiet);
     }
     double seconds = microsSince(start) / 1e6;
     double rowsAfter = rowsHandled();
@@ -264,6 +280,7 @@ void BM_DpOnlineScrapedEverySecond(benchmark::State &state) {
     state.counters["floor_p99_us"] = r.quiet.p99();
     state.counters["median_ratio"] = r.scraped.median() / r.quiet.median();
     state.counters["mean_ratio"] = r.scraped.mean() / r.quiet.mean();
+    state.counters["pair_median_ratio"] = r.pairRatios.median();
     state.counters["round_trips"] = static_cast<double>(r.scraped.micros.size());
     state.counters["floor_round_trips"] = static_cast<double>(r.quiet.micros.size());
     state.counters["scrapes"] = r.scrapes;
