@@ -17,6 +17,7 @@
 #include "support/http_client.h"
 #include "support/metrics_page.h"
 #include "support/reliability.h"
+#include "support/trace_capture.h"
 #include "support/wait_for.h"
 #include "zevd610.h"
 #include "zevdchd_http.h"
@@ -30,6 +31,7 @@ using std::chrono::seconds;
 using zevd::FieldReader;
 using zevd::MessageBuilder;
 using zevd::messageLength;
+using zevd::test::TraceCapture;
 
 // One daemon with --metrics for the whole program, this process's library
 // pointed at it.
@@ -772,6 +774,7 @@ TEST(DchMetricsServerTest, ScrapesWaitingForTheWorkerHoldUpNoOtherRequest) {
 }
 
 TEST(DchMetricsServerTest, AScrapeTheWorkerNeverAnswersIs503AfterItsWait) {
+    TraceCapture capture("error");
     ServerWithoutWorker s;
     auto started = std::chrono::steady_clock::now();
     HttpReply reply =
@@ -781,6 +784,23 @@ TEST(DchMetricsServerTest, AScrapeTheWorkerNeverAnswersIs503AfterItsWait) {
     EXPECT_EQ(reply.body, "The DCH did not publish its metrics in time.\n");
     EXPECT_GE(waited, kShortWait - milliseconds(50));
     EXPECT_LT(waited, kShortWait + seconds(5));
+    EXPECT_TRUE(
+        capture.hasText("Error: no metrics snapshot from the worker within 500 ms; answered 503"))
+        << capture.joined();
+}
+
+TEST(DchMetricsServerTest, BadClientsAreTracedAtTheDetailLevelOnly) {
+    const std::string longLine = "GET /" + std::string(100000, 'a') + " HTTP/1.1\r\n\r\n";
+    {
+        TraceCapture capture("error");
+        ServerWithoutWorker s;
+        EXPECT_EQ(httpExchange(s.port, longLine).status, 414);
+        EXPECT_TRUE(capture.texts().empty()) << capture.joined();
+    }
+    TraceCapture capture("zevdchd=all");
+    ServerWithoutWorker s;
+    EXPECT_EQ(httpExchange(s.port, longLine).status, 414);
+    EXPECT_TRUE(capture.waitFor("metrics server: ", seconds(10))) << capture.joined();
 }
 
 TEST(DchMetricsServerTest, StopAnswersTheScrapesThatWait) {
@@ -794,9 +814,12 @@ TEST(DchMetricsServerTest, StopAnswersTheScrapesThatWait) {
         });
     ASSERT_TRUE(waitFor([&] { return s->asked.load() == 1; }, seconds(10)));
     auto started = std::chrono::steady_clock::now();
+    TraceCapture capture("error");
     s->server.stop();
     for (std::thread &t : waiting) t.join();
     EXPECT_EQ(unavailable.load(), 3);
+    // Answered because the daemon stops: not an error of the worker's.
+    EXPECT_FALSE(capture.contains("no metrics snapshot")) << capture.joined();
     EXPECT_LT(std::chrono::steady_clock::now() - started, seconds(3));
 }
 
