@@ -1,130 +1,51 @@
-// Any bytes as the stream a TCP client sends to the server loop, sent four
-// ways, each on a connection of its own: whole, a byte at a time, cut at
-// places drawn from the input, and with a cut inside each length word.
-// Nothing may crash, and each way the loop must queue the same entries: the
-// ones worked out once from the stream, as below. The loop is started once
-// per process (the suites' LoopServer); each input makes four connections.
+// Any bytes as the stream a TCP client sends to the DCH, fed to the server
+// loop's message assembly (TcpAssembly) four ways: whole, a byte at a time,
+// cut at places drawn from the input, and with a cut inside each length
+// word. Each cut is a readiness of its own: what came is ready, then
+// nothing more until the next. Nothing may crash, and each way must give
+// the same outcomes: the ones worked out once from the stream, as below.
 //
-// The stream is sent as a client sends requests: one message at a time,
-// each after the loop queued what the last gave (a read can take bytes of
-// the next message, so a stream sent ahead would be joined as the kernel
-// happens to hand it over). A message is what its length word announces. A
-// word below 4 is sent alone and gives RESEND_MESSAGE; a word above what
-// the loop joins gives RESEND_MESSAGE and DP-DISCONNECT, and the stream
-// ends there; a word that announces more than is left, or a stream that
-// ends inside a word, is sent with the end of the stream and gives the same
-// two. A stream that ends after a whole message is reset and gives
-// DP-DISCONNECT.
+// The stream is fed as a client sends requests, one message at a time (a
+// read can take bytes of the next message, so a stream sent ahead would be
+// joined as the kernel happens to hand it over). A message is what its
+// length word announces. A word below 4 is sent alone and gives a
+// mismatch; a word above what is joined gives a mismatch that cuts the
+// connection off, and the stream ends there; a word that announces more
+// than is left, or a stream that ends inside a word, is sent with the end of
+// the stream and gives a mismatch, then the close. A stream that ends after
+// a whole message gives the close.
 //
-// Where the cuts must be seen as pieces of their own (the word's cut and
-// the drawn cuts), each is sent once the loop read the one before, which
-// its trace line tells. The bytes sent one at a time are not waited for:
-// how the kernel joins them is left open. Each message takes at most 1000
-// of them, below the loop's 1024 pieces (a message cut into more pieces
-// is cut off by design, so it could not give the same).
-//
-// Only a peer that falls silent for the DCH time-out may give a different
-// result (the loop cuts its message off): a run where the loop wrote that
-// it waited out the time-out is not compared.
+// Each message takes at most 1000 single bytes, below the 1024 pieces (a
+// message cut into more pieces is cut off by design, so it could not give
+// the same).
 #include <arpa/inet.h>
-#include <sys/socket.h>
 
-#include <atomic>
+#include <cerrno>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
-#include <string>
+#include <deque>
 #include <vector>
 
-#include "support/dch_server.h"
+#include "ipc/zevdsock_assembly.h"
 #include "zev0.h"
 
 namespace {
 
-using zevd::test::LoopServer;
-using zevd::test::QueueEntry;
-using zevd::test::TcpPeer;
+using zevd::TcpAssembly;
 
-constexpr uint32_t kMaxTcpMessage = 1023u * 4096u;  // the longest message the loop joins
-constexpr size_t kSingleBytes = 1000;               // bytes sent one at a time, per message
-constexpr size_t kMaxCuts = 16;                     // drawn cuts per message
-constexpr auto kLimit = std::chrono::seconds(20);
-// The loop's error lines tell a time-out; its detail lines each read.
-constexpr char kQuietLevels[] = "none,ipcSock::IPCServer=error";
-constexpr char kWatchingLevels[] = "none,ipcSock::IPCServer=error+detail";
+constexpr uint32_t kMaxTcpMessage = TcpAssembly::kMaxMessage;
+constexpr size_t kSingleBytes = 1000;  // bytes sent one at a time, per message
+constexpr size_t kMaxCuts = 16;        // drawn cuts per message
 
-// What the loop's trace lines tell: how many pieces it read, whether it
-// waited out the time-out.
-struct LoopWatch {
-    std::mutex lock;
-    std::condition_variable changed;
-    uint64_t reads = 0;
-    bool closed = false;  // the loop cut the message off and closed the connection
-    std::atomic<bool> stalled{false};
-};
-
-LoopWatch &watch() {
-    static auto *w = new LoopWatch;
-    return *w;
-}
-
-void sink(void * /*ctx*/, const char *line, size_t len) {
-    std::string text(line, len);
-    LoopWatch &w = watch();
-    if (text.find(" TCP: totalLen=") != std::string::npos) {
-        std::lock_guard<std::mutex> guard(w.lock);
-        ++w.reads;
-        w.changed.notify_all();
-    } else if (text.find("after its cut-off message") != std::string::npos) {
-        std::lock_guard<std::mutex> guard(w.lock);
-        w.closed = true;
-        w.changed.notify_all();
-    } else if (text.find("no more of the TCP message within") != std::string::npos) {
-        w.stalled = true;
-    }
-}
-
-uint64_t readsSoFar() {
-    std::lock_guard<std::mutex> guard(watch().lock);
-    return watch().reads;
-}
-
-// Waits until the loop read a piece after the first `before`, or closed the
-// connection, after which it reads no more.
-void waitRead(uint64_t before) {
-    LoopWatch &w = watch();
-    std::unique_lock<std::mutex> guard(w.lock);
-    w.changed.wait_for(guard, kLimit, [&] { return w.reads > before || w.closed; });
-}
-
-// A new connection: the loop has not closed it.
-void resetWatch() {
-    LoopWatch &w = watch();
-    std::lock_guard<std::mutex> guard(w.lock);
-    w.closed = false;
-    w.stalled = false;
-}
-
-LoopServer &server() {
-    static LoopServer &s = []() -> LoopServer & {
-        LoopServer &started = LoopServer::start();
-        if (!started.waitEntries(1, std::chrono::seconds(30))) abort();  // IPC-SERVER_READY
-        started.drain();
-        return started;
-    }();
-    return s;
-}
-
-// One entry the loop is expected to queue.
+// One outcome the assembly is expected to give.
 struct Expected {
     enum Kind { message, resend, disconnect } kind;
     std::vector<char> bytes;  // the message
 };
 
-// One message of the stream as the client sends it.
+// One message of the stream as a client sends it.
 struct Segment {
     size_t begin;
     size_t end;
@@ -138,7 +59,7 @@ uint32_t wordAt(const std::vector<char> &stream, size_t at) {
     return ntohl(word);
 }
 
-// The stream cut into what the client sends, and what each gives.
+// The stream cut into what a client sends, and what each gives.
 std::vector<Segment> segmentsOf(const std::vector<char> &stream) {
     std::vector<Segment> segments;
     size_t at = 0;
@@ -219,88 +140,105 @@ std::vector<size_t> cutsOf(Split split, size_t length, Draw &draw) {
     return cuts;
 }
 
-// The entry is the one wanted, from the peer at port, on the connection
-// that the first entry named.
-bool sameEntry(const QueueEntry &entry, const Expected &want, uint16_t port, uint32_t *fd) {
-    if (*fd == 0) *fd = entry.connectedSockFD;
-    if (entry.connectedSockFD != *fd || *fd == 0) return false;
-    bool fromPeer = entry.clientName == "127.0.0.1" && ntohs(entry.from.sin_port) == port;
-    switch (want.kind) {
-        case Expected::message: return entry.holds(want.bytes) && fromPeer;
-        case Expected::resend: return entry.text() == "RESEND_MESSAGE" && fromPeer;
-        case Expected::disconnect:
-            return entry.text() == "DP-DISCONNECT" && entry.clientName == std::string(255, ' ');
+// A connection as the assembly sees it: the bytes that are ready, then
+// EAGAIN until more are made ready, or the end of the stream.
+class ScriptedSource : public TcpAssembly::Source {
+public:
+    void ready(const char *bytes, size_t length) {
+        ready_.insert(ready_.end(), bytes, bytes + length);
     }
-    return false;
+    void end() { ended_ = true; }
+    ssize_t receive(char *buffer, size_t size) override {
+        if (ready_.empty()) {
+            if (ended_) return 0;
+            errno = EAGAIN;
+            return -1;
+        }
+        size_t n = std::min(size, ready_.size());
+        std::copy(ready_.begin(), ready_.begin() + static_cast<std::ptrdiff_t>(n), buffer);
+        ready_.erase(ready_.begin(), ready_.begin() + static_cast<std::ptrdiff_t>(n));
+        return static_cast<ssize_t>(n);
+    }
+
+private:
+    std::deque<char> ready_;
+    bool ended_ = false;
+};
+
+// Reads what is ready into got, as the loop does on a readiness; false once
+// the connection is gone (closed, or cut off).
+bool readReady(TcpAssembly &assembly, ScriptedSource &source, char *scratch,
+               std::vector<Expected> &got) {
+    for (;;) {
+        auto outcome = assembly.read(source, 7, scratch, TcpAssembly::Clock::now(), 30);
+        switch (outcome) {
+            case TcpAssembly::Outcome::kPending: return true;
+            case TcpAssembly::Outcome::kWhole: {
+                const char *message = assembly.joined();
+                got.push_back(
+                    {Expected::message, std::vector<char>(message, message + assembly.received())});
+                assembly.reset();
+                break;
+            }
+            case TcpAssembly::Outcome::kMismatch: {
+                bool cut = assembly.cutOff();
+                got.push_back({Expected::resend, {}});
+                assembly.reset();
+                if (cut) {
+                    got.push_back({Expected::disconnect, {}});
+                    return false;
+                }
+                break;
+            }
+            case TcpAssembly::Outcome::kClosed:
+                got.push_back({Expected::disconnect, {}});
+                assembly.reset();
+                return false;
+        }
+    }
 }
 
-// Sends the stream split one way and checks what the loop queued.
-void sendSplit(const std::vector<char> &stream, const std::vector<Segment> &segments, Split split) {
-    LoopServer &loop = server();
+// Feeds the stream split one way and checks what the assembly gave.
+void feedSplit(const std::vector<char> &stream, const std::vector<Segment> &segments, Split split) {
+    static char scratch[TcpAssembly::kPieceSize];
     Draw draw(stream);
-    resetWatch();
-    // The detail lines cost a formatted line for each piece: only the splits
-    // that wait for each piece read have them.
-    bool waitEach = split == Split::drawn || split == Split::inWord;
-    TLG1_Configure(waitEach ? kWatchingLevels : kQuietLevels);
-    TcpPeer peer(loop.port());
-    if (!peer.connected()) abort();
-    uint16_t port = peer.localPort();
-    size_t queued = loop.count();
-    std::vector<QueueEntry> got;
+    TcpAssembly assembly;
+    ScriptedSource source;
+    std::vector<Expected> got;
     std::vector<Expected> wanted;
-    bool sending = true;
+    bool open = true;
     for (const Segment &segment : segments) {
-        if (segment.begin == segment.end && segment.gives[0].kind == Expected::disconnect) {
-            // A reset, not a close: thousands of connections a second would
-            // otherwise use up the local ports in TIME_WAIT.
-            peer.reset();
-        } else if (sending) {
-            std::vector<size_t> cuts = cutsOf(split, segment.end - segment.begin, draw);
-            cuts.push_back(segment.end - segment.begin);
-            size_t from = 0;
-            for (size_t cut : cuts) {
-                uint64_t before = readsSoFar();
-                // A loop that closed the connection refuses the rest.
-                if (!peer.send(stream.data() + segment.begin + from, cut - from)) {
-                    sending = false;
-                    break;
-                }
-                from = cut;
-                if (waitEach && cut < segment.end - segment.begin) waitRead(before);
-            }
-            if (segment.endStream) peer.shutdownWrite();
-        }
         wanted.insert(wanted.end(), segment.gives.begin(), segment.gives.end());
-        queued += segment.gives.size();
-        // What the loop queues for this message, before the next is sent.
-        loop.waitEntries(queued, kLimit);
-        for (QueueEntry &entry : loop.drain()) got.push_back(std::move(entry));
-        if (!got.empty() && got.back().text() == "DP-DISCONNECT") break;
+        if (!open) break;
+        if (segment.begin == segment.end) {
+            source.end();
+            open = readReady(assembly, source, scratch, got);
+            continue;
+        }
+        std::vector<size_t> cuts = cutsOf(split, segment.end - segment.begin, draw);
+        cuts.push_back(segment.end - segment.begin);
+        size_t from = 0;
+        for (size_t cut : cuts) {
+            source.ready(stream.data() + segment.begin + from, cut - from);
+            from = cut;
+            if (cut == segment.end - segment.begin && segment.endStream) source.end();
+            if (!(open = readReady(assembly, source, scratch, got))) break;
+        }
+        // A message that stops short waits for its end of stream.
+        while (open && segment.endStream) open = readReady(assembly, source, scratch, got);
     }
-    // The connection's end, whatever came before: its entries are all in.
-    while (got.empty() || got.back().text() != "DP-DISCONNECT") {
-        peer.reset();
-        if (!loop.waitEntries(loop.count() + 1, kLimit)) abort();  // the loop stopped serving
-        for (QueueEntry &entry : loop.drain()) got.push_back(std::move(entry));
-    }
-    peer.reset();
-    if (watch().stalled) return;  // fell silent for the time-out: not compared
     if (got.size() != wanted.size()) __builtin_trap();
-    uint32_t fd = 0;
     for (size_t i = 0; i < got.size(); ++i)
-        if (!sameEntry(got[i], wanted[i], port, &fd)) __builtin_trap();
+        if (got[i].kind != wanted[i].kind || got[i].bytes != wanted[i].bytes) __builtin_trap();
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int * /*argc*/, char *** /*argv*/) {
-    // A short time-out: a stall costs a second, not thirty. Only the loop
-    // is traced, into the sink.
-    setenv("ZEVA_DCH_TIMEOUT", "1", 1);
+    // Only errors are traced: the detail lines would cost a formatted line
+    // for each piece.
     unsetenv("ZEVA_TRACE_FILE");
-    setenv("ZEVA_TRACE", kQuietLevels, 1);
-    TLG1_SetSink(sink, nullptr);
+    setenv("ZEVA_TRACE", "none", 1);
     return 0;
 }
 
@@ -311,6 +249,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     std::vector<char> stream(data, data + size);
     std::vector<Segment> segments = segmentsOf(stream);
     for (Split split : {Split::whole, Split::bytes, Split::drawn, Split::inWord})
-        sendSplit(stream, segments, split);
+        feedSplit(stream, segments, split);
     return 0;
 }

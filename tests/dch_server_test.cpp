@@ -267,36 +267,38 @@ TEST(DchServerTest, ResetPeerGivesDisconnect) {
     EXPECT_FALSE(capture.contains("Error: TCP received")) << capture.joined();
 }
 
-TEST(DchServerTest, MessageShorterThanItsLengthWordGivesResendAndHoldsTheLoopMeanwhile) {
+TEST(DchServerTest, MessageShorterThanItsLengthWordGivesResendAndUdpIsServedMeanwhile) {
     TraceCapture capture(kLevels);
     LoopServer &server = startServer();
     TcpPeer peer(server.port());
     ASSERT_TRUE(peer.connected());
     std::vector<char> partial = message(100, 1);
     ASSERT_TRUE(peer.send(partial.data(), 40));
-    // The loop now waits on this connection alone.
     ASSERT_TRUE(capture.waitFor("TCP: totalLen=100, bytesRead=40, totalRead=40", kLimit));
+    // The loop does not wait on the incomplete message: a datagram is
+    // queued at once.
     UdpPeer other(server.port());
     ASSERT_TRUE(other.send(message(16, 9)));
+    ASSERT_TRUE(server.waitEntries(2, kLimit));
     ASSERT_TRUE(peer.shutdownWrite());
 
     ASSERT_TRUE(server.waitEntries(4, kLimit));
     std::vector<QueueEntry> entries = server.entries();
     int fd = acceptedFD(capture, 1);
     ASSERT_GT(fd, 0);
-    // The datagram waited behind the incomplete message, though UDP comes
-    // first in every pass.
-    EXPECT_EQ(entries[1].text(), "RESEND_MESSAGE");
-    EXPECT_TRUE(entries[1].holds(
+    EXPECT_TRUE(entries[1].holds(message(16, 9)));
+    EXPECT_EQ(entries[2].text(), "RESEND_MESSAGE");
+    EXPECT_TRUE(entries[2].holds(
         std::vector<char>{'R', 'E', 'S', 'E', 'N', 'D', '_', 'M', 'E', 'S', 'S', 'A', 'G', 'E'}));
-    EXPECT_EQ(entries[1].connectedSockFD, static_cast<uint32_t>(fd));
-    EXPECT_EQ(entries[1].clientName, "127.0.0.1");
-    EXPECT_TRUE(entries[2].holds(message(16, 9)));
+    EXPECT_EQ(entries[2].connectedSockFD, static_cast<uint32_t>(fd));
+    EXPECT_EQ(entries[2].clientName, "127.0.0.1");
     // The end of the stream, read on the next pass.
     EXPECT_EQ(entries[3].text(), "DP-DISCONNECT");
     EXPECT_EQ(entries[3].connectedSockFD, static_cast<uint32_t>(fd));
     EXPECT_TRUE(capture.hasText("Error: TCP received 40 bytes, expected 100 bytes\n"))
         << capture.joined();
+    // Ended by the peer, not by the deadline.
+    EXPECT_FALSE(capture.contains("no more of the TCP message within")) << capture.joined();
 }
 
 TEST(DchServerTest, LengthWordsThatDoNotMatchGiveResend) {
@@ -446,31 +448,37 @@ void expectCutOff(LoopServer &server) {
     EXPECT_EQ(entries[1].connectedSockFD, entries[2].connectedSockFD);
 }
 
-TEST(DchServerTest, StalledPeerIsCutOffAndUdpIsServedWithinTheTimeOut) {
+TEST(DchServerTest, StalledPeerIsCutOffAtItsDeadlineAndUdpIsServedAtOnce) {
     setenv("ZEVA_DCH_TIMEOUT", "2", 1);
     TraceCapture capture(kLevels);
     LoopServer &server = startServer();
     TcpPeer peer(server.port());
     ASSERT_TRUE(peer.connected());
     std::vector<char> partial = message(100, 1);
+    auto first = std::chrono::steady_clock::now();
     ASSERT_TRUE(peer.send(partial.data(), 40));
     ASSERT_TRUE(capture.waitFor("TCP: totalLen=100, bytesRead=40, totalRead=40", kLimit));
     auto sent = std::chrono::steady_clock::now();
     UdpPeer other(server.port());
     ASSERT_TRUE(other.send(message(16, 9)));
+    ASSERT_TRUE(server.waitEntries(2, kLimit));
+    // Queued at once, not after the stalled message's time-out.
+    EXPECT_LT(std::chrono::steady_clock::now() - sent, std::chrono::seconds(1));
     ASSERT_TRUE(server.waitEntries(4, kLimit));
-    auto served = std::chrono::steady_clock::now();
-    EXPECT_LE(served - sent, std::chrono::seconds(2 + 1));
+    auto cut = std::chrono::steady_clock::now();
+    // Two seconds from its first byte, not from its last.
+    EXPECT_GE(cut - first, std::chrono::milliseconds(1900));
+    EXPECT_LE(cut - first, std::chrono::seconds(2 + 1));
 
     std::vector<QueueEntry> entries = server.entries();
     int fd = acceptedFD(capture, 1);
     ASSERT_GT(fd, 0);
-    EXPECT_EQ(entries[1].text(), "RESEND_MESSAGE");
-    EXPECT_EQ(entries[1].connectedSockFD, static_cast<uint32_t>(fd));
-    EXPECT_EQ(entries[2].text(), "DP-DISCONNECT");
+    EXPECT_TRUE(entries[1].holds(message(16, 9)));
+    EXPECT_EQ(entries[2].text(), "RESEND_MESSAGE");
     EXPECT_EQ(entries[2].connectedSockFD, static_cast<uint32_t>(fd));
-    EXPECT_EQ(entries[2].clientName, kNoName);
-    EXPECT_TRUE(entries[3].holds(message(16, 9)));
+    EXPECT_EQ(entries[3].text(), "DP-DISCONNECT");
+    EXPECT_EQ(entries[3].connectedSockFD, static_cast<uint32_t>(fd));
+    EXPECT_EQ(entries[3].clientName, kNoName);
     EXPECT_TRUE(capture.hasText("Error: no more of the TCP message within 2 seconds\n"));
     EXPECT_TRUE(capture.hasText("Error: TCP received 40 bytes, expected 100 bytes\n"));
     EXPECT_TRUE(capture.hasText("Error: closing _sockClientFD[0]=" + std::to_string(fd) +
@@ -479,6 +487,39 @@ TEST(DchServerTest, StalledPeerIsCutOffAndUdpIsServedWithinTheTimeOut) {
     // The DCH closed its end.
     char byte;
     EXPECT_EQ(recv(peer.fd(), &byte, 1, 0), 0);
+}
+
+TEST(DchServerTest, TricklingPeerIsCutOffAtTheDeadlineOfItsFirstByteWhileUdpIsServed) {
+    setenv("ZEVA_DCH_TIMEOUT", "2", 1);
+    TraceCapture capture(kLevels);
+    LoopServer &server = startServer();
+    TcpPeer peer(server.port());
+    ASSERT_TRUE(peer.connected());
+    std::vector<char> bytes = message(100, 2);
+    ASSERT_TRUE(peer.send(bytes.data(), 4));
+    auto first = std::chrono::steady_clock::now();
+    UdpPeer other(server.port());
+    // A byte every 100 ms keeps the connection busy, never the message
+    // whole; a datagram between any two is queued within a second.
+    size_t next = 4;
+    int datagrams = 0;
+    while (!capture.contains("no more of the TCP message within") &&
+           std::chrono::steady_clock::now() - first < std::chrono::seconds(10)) {
+        if (next < bytes.size() && peer.send(bytes.data() + next, 1)) ++next;
+        auto asked = std::chrono::steady_clock::now();
+        ASSERT_TRUE(other.send(message(16, datagrams)));
+        ++datagrams;
+        ASSERT_TRUE(zevd::test::waitFor(
+            [&] { return capture.count("UDP: bytesRead=") >= static_cast<size_t>(datagrams); },
+            kLimit));
+        EXPECT_LT(std::chrono::steady_clock::now() - asked, std::chrono::seconds(1));
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    auto cut = std::chrono::steady_clock::now();
+    EXPECT_TRUE(capture.contains("no more of the TCP message within 2 seconds"));
+    EXPECT_LE(cut - first, std::chrono::seconds(2 + 1));
+    EXPECT_GE(datagrams, 10);
+    EXPECT_TRUE(capture.contains("Error: closing _sockClientFD[0]="));
 }
 
 TEST(DchServerTest, LengthWordBeyondWhatTheLoopJoinsIsCutOffAtOnce) {

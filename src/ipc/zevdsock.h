@@ -13,6 +13,7 @@
 #include <cstdint>
 
 #include "ipc/zevdipc.h"
+#include "ipc/zevdsock_assembly.h"
 
 // Accepted TCP connections a server object keeps at once.
 inline constexpr int IPC_MAX_TCP_CLIENTS = 64;
@@ -82,6 +83,14 @@ public:
     // sends once on that connected TCP socket. buffer stays the caller's.
     // Returns length, or -1.
     int32_t ipcWrite(const char *buffer, int32_t length, uint32_t connectedSockFD) override;
+    // The server's send that never waits, for a DCH that serves every peer
+    // from one worker. connectedSockFD 0: to `to` from the DCH port's own UDP
+    // socket, in datagrams of at most 8192 bytes back to back. Otherwise on
+    // that accepted connection, whole at once. Returns length, or -1 with
+    // errno set when any of it could not go (a connection may then have
+    // taken part of the message: its owner must close it).
+    int32_t ipcSendNow(const char *buffer, int32_t length, const struct sockaddr_in &to,
+                       uint32_t connectedSockFD);
     // Copies 16 bytes of addr into the peer address, or clears it for NULL.
     // addrLen is not used. Returns 0.
     int32_t setClientAddr(const void *addr, int32_t addrLen) override;
@@ -131,6 +140,8 @@ public:
     int32_t allocateDCHport();
 
     int32_t sockUDP() const { return _sockUDP; }
+    // The errno of the select that ended the server loop, 0 while it runs.
+    int32_t sockEndErrno() const { return _sockEndErrno.load(); }
     // Only the DCH may answer: true when sender is the DCH's host as this
     // process sees it. That is the DCH's address and, for a DCH on this
     // host, also the address this host sends to it from and 127.0.0.1.
@@ -168,9 +179,18 @@ protected:
     // the listener, or one TCP message from the client in slot.
     void sockServeUDP(ipcServerState &state);
     void sockServeListener(ipcServerState &state);
-    // sockServeClient returns true when it waited out the DCH time-out for a
-    // piece (the pass then ends, so that UDP is served next).
-    bool sockServeClient(ipcServerState &state, int32_t fd, int32_t slot);
+    // sockServeClient reads what the client has ready into its slot's
+    // message, never waiting for more.
+    void sockServeClient(ipcServerState &state, int32_t fd, int32_t slot);
+    // What a client slot's message came to: queued whole, "RESEND_MESSAGE"
+    // (and the connection closed when it was cut off), or "DP-DISCONNECT".
+    void sockFinishMessage(ipcServerState &state, int32_t fd, int32_t slot,
+                           zevd::TcpAssembly::Outcome outcome);
+    // Cuts off every message whose deadline has passed.
+    void sockCutOffLate(ipcServerState &state);
+    // How long a TCP message may take from its first byte: the DCH time-out,
+    // at least a second.
+    int32_t sockMessageWait() const;
     // One send of length bytes on a client connection, under _sockClientLock.
     ssize_t sockSendClient(int fd, const char *buffer, int32_t length);
     // The slot an accepted connection takes: the lowest free one below the
@@ -202,6 +222,7 @@ protected:
     // constructor's last writes and the loop's meet here, so both go through
     // atomic accesses.
     int32_t _sockError = 0;
+    std::atomic<int32_t> _sockEndErrno{0};
     uint16_t _portTCP = 0;
     uint16_t _portUDP = 0;
     int32_t _sockTCP = IPC_NO_SOCKET;

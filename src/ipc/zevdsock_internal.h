@@ -5,6 +5,8 @@
 
 #include <sys/select.h>
 
+#include <cerrno>
+
 #include <atomic>
 #include <cstdint>
 
@@ -27,6 +29,14 @@ inline int32_t loadShared(int32_t &field) {
 
 inline void storeShared(int32_t &field, int32_t value) {
     std::atomic_ref<int32_t>(field).store(value, std::memory_order_relaxed);
+}
+
+// The errors a UDP socket that asked for them (IP_RECVERR) reports for a
+// datagram it sent earlier, from an ICMP answer, on whatever call comes next:
+// they say nothing of the receive or send at hand.
+inline bool sentDatagramRefused(int error) {
+    return error == ECONNREFUSED || error == EHOSTUNREACH || error == ENETUNREACH ||
+           error == EHOSTDOWN || error == ENONET;
 }
 
 }  // namespace zevd

@@ -19,6 +19,7 @@ ZEVD_TRACE_UNIT(unitZevdsock);
 namespace {
 
 using zevd::fitsSelectSet;
+using zevd::sentDatagramRefused;
 
 // Every datagram after a message's first is waited for this long.
 constexpr int kNextDatagramWait = 10;
@@ -352,6 +353,47 @@ int32_t ipcSock::ipcWrite(const char *buffer, int32_t length, uint32_t connected
         }
     }
     if (failed) return trc.exit(-1);
+    ZEVD_TRACE(trc, TRACE_DETAIL, "Sent %d bytes out of %d\n", sent, length);
+    if (trc.on(TRACE_DUMP)) ZEV0_PrintDump(buffer, 0, length);
+    return trc.exit(sent);
+}
+
+int32_t ipcSock::ipcSendNow(const char *buffer, int32_t length, const struct sockaddr_in &to,
+                            uint32_t connectedSockFD) {
+    ZEVD_TRACE_FUNCTION("ipcSock::ipcSendNow");
+    int32_t sent = 0;
+    int sendErrno = 0;
+    if (connectedSockFD == 0) {
+        // Back to back, without the client's pause between datagrams: the
+        // DCH's worker never waits on a peer.
+        // A refusal of an earlier datagram to someone else fails the next
+        // send once and is gone: that datagram is sent again.
+        int refusals = 0;
+        while (sent < length) {
+            int32_t chunk = std::min(length - sent, IPC_DATAGRAM_SIZE);
+            ssize_t rc = sendto(_sockUDP, buffer + sent, static_cast<size_t>(chunk), MSG_DONTWAIT,
+                                reinterpret_cast<const struct sockaddr *>(&to), sizeof to);
+            if (rc != chunk) {
+                sendErrno = errno;
+                if (rc < 0 && sentDatagramRefused(sendErrno) && ++refusals <= IPC_MAX_DATAGRAMS)
+                    continue;
+                break;
+            }
+            sent += chunk;
+        }
+    } else {
+        // Whole at once or not at all: the connection is non-blocking, and a
+        // partial send is never continued (its owner closes the connection).
+        ssize_t rc = sockSendClient(static_cast<int>(connectedSockFD), buffer, length);
+        sendErrno = errno;
+        if (rc > 0) sent = static_cast<int32_t>(rc);
+    }
+    if (sent != length) {
+        ZEVD_TRACE(trc, TRACE_ERROR, "Error: [@%p] SEND - Sent %d bytes out of %d: errno=%d\n",
+                   static_cast<void *>(this), sent, length, sendErrno);
+        errno = sendErrno;
+        return trc.exit(-1);
+    }
     ZEVD_TRACE(trc, TRACE_DETAIL, "Sent %d bytes out of %d\n", sent, length);
     if (trc.on(TRACE_DUMP)) ZEV0_PrintDump(buffer, 0, length);
     return trc.exit(sent);

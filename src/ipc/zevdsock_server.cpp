@@ -7,13 +7,16 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <new>
 
 #include "common/trace.h"
 #include "ipc/zevdsock.h"
+#include "ipc/zevdsock_assembly.h"
 #include "ipc/zevdsock_internal.h"
 
 ZEVD_TRACE_UNIT(unitZevdsock);
@@ -23,6 +26,7 @@ namespace {
 using zevd::fitsSelectSet;
 using zevd::kSockLabelSize;
 using zevd::loadShared;
+using zevd::sentDatagramRefused;
 using zevd::storeShared;
 
 }  // namespace
@@ -86,14 +90,8 @@ constexpr long kHighestPort = 65535;
 constexpr int kFixedPortPause = 2;
 constexpr int kSearchPause = 1;
 
-// The server loop's receive size, of UDP datagrams and of TCP pieces alike.
+// The server loop's receive size of UDP datagrams.
 constexpr int kServerBufferSize = 4096;
-// Pieces one TCP message may take; a message that reaches this count is cut
-// off.
-constexpr int kMaxPieces = 1024;
-// The longest TCP message the loop joins: a length word above it is cut off
-// at once.
-constexpr uint32_t kMaxTcpMessage = static_cast<uint32_t>(kMaxPieces - 1) * 4096u;
 // While accept fails for want of resources, the listener rests this long.
 constexpr int kAcceptRestSeconds = 1;
 constexpr int kListenBacklog = 5;
@@ -111,6 +109,11 @@ constexpr int32_t kQueuedAddressLength = sizeof(struct sockaddr_in);
     exit(1);
 }
 
+// Each accepted connection's send buffer: the DCH sends an answer or a row
+// to a connection whole at once or not at all, so the buffer must hold the
+// largest message it builds many times over.
+constexpr int kClientSendBuffer = 1 << 20;
+
 // The sender's address in dotted-decimal text. inet_ntoa would share one
 // buffer between threads; this writes the same text into the caller's.
 void dottedAddress(const struct sockaddr_in &address, char *name, socklen_t size) {
@@ -121,17 +124,13 @@ void dottedAddress(const struct sockaddr_in &address, char *name, socklen_t size
 }  // namespace
 
 struct ipcSock::ipcServerState {
-    // One piece of a TCP message being read.
-    struct ipcServerPiece {
-        char *buffer;
-        int32_t length;
-    };
-
     char workBuffer[kServerBufferSize];  // UDP datagrams and the control texts
-    char firstPiece[kServerBufferSize];  // the first piece of every TCP message
-    struct sockaddr_in sockClientAddr;   // the last sender
+    // Where the pieces of a TCP message after its first are received.
+    char scratch[zevd::TcpAssembly::kPieceSize];
+    struct sockaddr_in sockClientAddr;  // the last sender
     char clientName[INET_ADDRSTRLEN];
-    ipcServerPiece ipcBufArray[kMaxPieces];
+    // The message each client slot is assembling.
+    zevd::TcpAssembly assemblies[IPC_MAX_TCP_CLIENTS];
     // The listener is left out of the read mask while all client slots are
     // taken.
     bool listenerParked;
@@ -298,10 +297,15 @@ int32_t ipcSock::allocateDCHport() {
 
 int32_t ipcSock::IPCServer() {
     ZEVD_TRACE_FUNCTION("ipcSock::IPCServer");
-    // About 25 KiB, on the receive thread's own stack: nothing of it is
-    // shared with the consumer.
-    ipcServerState state;
-    memset(&state, 0, sizeof state);
+    // About 270 KiB with a first-piece buffer per client slot, so on the
+    // heap; nothing of it is shared with the consumer.
+    auto owned = std::make_unique<ipcServerState>();
+    ipcServerState &state = *owned;
+    memset(state.workBuffer, 0, sizeof state.workBuffer);
+    memset(&state.sockClientAddr, 0, sizeof state.sockClientAddr);
+    memset(state.clientName, 0, sizeof state.clientName);
+    state.listenerParked = false;
+    state.listenerResting = false;
     for (int32_t &fd : _sockClientFD) fd = 0;
 
     allocateDCHport();
@@ -339,20 +343,36 @@ int32_t ipcSock::IPCServer() {
                            "Note: a TCP client slot is free again, accepting connections.\n");
             }
         }
-        struct timeval rest = {kAcceptRestSeconds, 0};
-        struct timeval *timeOut = nullptr;
+        // select waits no longer than the first deadline of a message being
+        // assembled, or the listener's rest.
+        auto now = zevd::TcpAssembly::Clock::now();
+        auto until = zevd::TcpAssembly::Clock::time_point::max();
+        for (const zevd::TcpAssembly &assembly : state.assemblies)
+            if (assembly.begun()) until = std::min(until, assembly.deadline());
         if (state.listenerResting) {
             state.listenerResting = false;
             if (fitsSelectSet(_sockTCP)) FD_CLR(_sockTCP, &readMask);
-            timeOut = &rest;
+            until = std::min(until, now + std::chrono::seconds(kAcceptRestSeconds));
+        }
+        struct timeval wait = {0, 0};
+        struct timeval *timeOut = nullptr;
+        if (until != zevd::TcpAssembly::Clock::time_point::max()) {
+            auto left = std::chrono::ceil<std::chrono::microseconds>(until - now).count();
+            if (left < 0) left = 0;
+            wait.tv_sec = static_cast<time_t>(left / 1000000);
+            wait.tv_usec = static_cast<suseconds_t>(left % 1000000);
+            timeOut = &wait;
         }
 
         ZEVD_TRACE(pass, TRACE_DETAIL, "[@%p] Waiting on SELECT: UDP[%d] TCP[%d] MaxFD[%d]\n",
                    static_cast<void *>(this), _sockUDP, _sockTCP, maxFD);
         int count = select(maxFD, &readMask, nullptr, nullptr, timeOut);
         int selectErrno = errno;
-        // The listener's rest ended with nothing else to serve.
-        if (count == 0 && timeOut != nullptr) continue;
+        if (count == 0 && timeOut != nullptr) {
+            // A deadline or the listener's rest, with nothing to read.
+            sockCutOffLate(state);
+            continue;
+        }
         if (count <= 0) {
             if (selectErrno == EINTR) {
                 ZEVD_TRACE(pass, TRACE_FLOW,
@@ -362,12 +382,14 @@ int32_t ipcSock::IPCServer() {
                 continue;
             }
             ZEVD_TRACE(pass, TRACE_ERROR, "Error: select failed. <%d>\n", selectErrno);
+            _sockEndErrno.store(selectErrno);
             storeShared(_sockError, 2);
             continue;
         }
 
         // One kind of event per pass: UDP first, then the listener, then
-        // every ready client.
+        // every ready client. Nothing here waits on a peer: a client's read
+        // takes what it has ready and the pass goes on.
         if (fitsSelectSet(_sockUDP) && FD_ISSET(_sockUDP, &readMask)) {
             sockServeUDP(state);
         } else if (fitsSelectSet(_sockTCP) && FD_ISSET(_sockTCP, &readMask)) {
@@ -376,12 +398,12 @@ int32_t ipcSock::IPCServer() {
             sockResetIndex();
             int32_t slot = -1;
             int32_t fd;
-            // A client that stalled has held the loop for a whole time-out:
-            // the pass ends there, so UDP is served before the next client,
-            // however many stall.
             while ((fd = sockCheckReadMask(&readMask, &slot)) != -1)
-                if (fd > 0 && sockServeClient(state, fd, slot)) break;
+                if (fd > 0) sockServeClient(state, fd, slot);
         }
+        // However busy the port, a message is cut off once its deadline
+        // passed.
+        sockCutOffLate(state);
     }
 
     int32_t severity = loadShared(_sockError);
@@ -403,6 +425,14 @@ void ipcSock::sockServeUDP(ipcServerState &state) {
                  reinterpret_cast<struct sockaddr *>(&state.sockClientAddr), &addressLength));
     int recvErrno = errno;
     ZEVD_TRACE(trc, TRACE_DETAIL, "UDP: bytesRead=%d, errno=%d\n", bytesRead, recvErrno);
+    if (bytesRead < 0 && sentDatagramRefused(recvErrno)) {
+        // Not a failed receive: a datagram the DCH sent from this port was
+        // refused on its way (the owner of the port asked for such reports
+        // with IP_RECVERR and reads them from the error queue itself).
+        ZEVD_TRACE(trc, TRACE_DETAIL,
+                   "Note: UDP - a datagram sent from the port was refused <%d>\n", recvErrno);
+        return;
+    }
     if (bytesRead <= 0) {
         ZEVD_TRACE(trc, TRACE_ERROR, "Error: UDP - recvfrom failed. bytesRead <%d>, sockerr <%d>\n",
                    bytesRead, recvErrno);
@@ -455,13 +485,34 @@ void ipcSock::sockServeListener(ipcServerState &state) {
         _sockClientFD[slot] = 0;
         return;
     }
+    // SO_SNDBUFFORCE passes net.core.wmem_max where the process may.
+    int sendBuffer = kClientSendBuffer;
+    if (setsockopt(fd, SOL_SOCKET, SO_SNDBUFFORCE, &sendBuffer, sizeof sendBuffer) != 0)
+        setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &sendBuffer, sizeof sendBuffer);
     ZEVD_TRACE(trc, TRACE_DETAIL, "_sockClientFD[%d]=[%d]\n", slot, fd);
     ZEVD_TRACE(trc, TRACE_DETAIL, "%s: clientAddr <%d<%-*.*x>>\n", "sockClientAddr set to",
                kQueuedAddressLength, kQueuedAddressLength, kQueuedAddressLength,
                static_cast<void *>(&state.sockClientAddr));
 }
 
-bool ipcSock::sockServeClient(ipcServerState &state, int32_t fd, int32_t slot) {
+namespace {
+
+// A client connection as the assembly's source: a receive that never waits
+// (the accepted sockets are non-blocking, and MSG_DONTWAIT says it again).
+class ConnectionSource : public zevd::TcpAssembly::Source {
+public:
+    explicit ConnectionSource(int fd) : fd_(fd) {}
+    ssize_t receive(char *buffer, size_t size) override {
+        return recv(fd_, buffer, size, MSG_DONTWAIT);
+    }
+
+private:
+    int fd_;
+};
+
+}  // namespace
+
+void ipcSock::sockServeClient(ipcServerState &state, int32_t fd, int32_t slot) {
     ZEVD_TRACE_LEVEL("ipcSock::IPCServer");
     ZEVD_TRACE(trc, TRACE_DETAIL, "_sockClientFD[%d]=%d SET for reading\n", slot, fd);
     // recvfrom names no sender on a stream: the connection's peer is the
@@ -471,228 +522,72 @@ bool ipcSock::sockServeClient(ipcServerState &state, int32_t fd, int32_t slot) {
     if (getpeername(fd, reinterpret_cast<struct sockaddr *>(&peer), &peerLength) == 0 &&
         peer.sin_family == AF_INET)
         state.sockClientAddr = peer;
+    ConnectionSource source(fd);
+    zevd::TcpAssembly &assembly = state.assemblies[slot];
+    auto outcome = assembly.read(source, fd, state.scratch, zevd::TcpAssembly::Clock::now(),
+                                 sockMessageWait());
+    if (outcome != zevd::TcpAssembly::Outcome::kPending)
+        sockFinishMessage(state, fd, slot, outcome);
+}
 
-    ipcServerState::ipcServerPiece *pieces = state.ipcBufArray;
-    int32_t totalRead = 0;
-    uint32_t totalLen = 0;
-    int32_t ipcBufCount = 0;
-    int32_t bytesRead = 0;
-    bool initRead = true;
-    bool moreData = true;
-    int lastErrno = 0;  // of the last receive or select that failed
-    // Set when the loop gives up on the message: the rest of it would be read
-    // as a new one, so the connection is closed after the mismatch.
-    bool cutOff = false;
-    bool stalled = false;  // the time-out ran out waiting for a piece
-    // Each piece is waited for up to the DCH time-out (at least a second):
-    // the loop serves no one else meanwhile, so no peer may hold it longer.
-    int32_t pieceWait = std::max(_envDCHtimeout.load(), 1);
-    while (moreData) {
-        fd_set connectionMask;
-        FD_ZERO(&connectionMask);
-        FD_SET(fd, &connectionMask);
-        ZEVD_TRACE(trc, TRACE_DETAIL, "Waiting on SELECT: connectedSockFD[%d] MaxFD[%d]\n", fd,
-                   fd + 1);
-        struct timeval timeOut = {pieceWait, 0};
-        errno = 0;
-        int count = select(fd + 1, &connectionMask, nullptr, nullptr, &timeOut);
-        if (count <= 0) {
-            lastErrno = errno;
-            ZEVD_TRACE(trc, TRACE_ERROR, "Warning: select returned. errno[%d]\n", lastErrno);
-            if (count == 0) {
-                ZEVD_TRACE(trc, TRACE_ERROR,
-                           "Error: no more of the TCP message within %d seconds\n", pieceWait);
-                cutOff = true;
-                stalled = true;
-            }
-            break;
-        }
+int32_t ipcSock::sockMessageWait() const {
+    // At least a second, so that a time-out of 0 does not cut off every
+    // message that comes in two pieces.
+    return std::max(_envDCHtimeout.load(), 1);
+}
 
-        char *piece;
-        if (ipcBufCount == 0) {
-            piece = state.firstPiece;
-            ZEVD_TRACE(trc, TRACE_DETAIL, "Back from Select, reusing ipcBuffer @%p\n",
-                       static_cast<void *>(piece));
-        } else {
-            piece = new (std::nothrow) char[kServerBufferSize];
-            if (piece == nullptr) {
-                ZEVD_TRACE(trc, TRACE_ERROR,
-                           "Error: allocating %d bytes for ipcBuffer, current ipcBufCount: %d.  "
-                           "Exiting...\n\n",
-                           kServerBufferSize, ipcBufCount);
-                exitProcess();
-            }
-            ZEVD_TRACE(trc, TRACE_STORAGE,
-                       "Allocated ipcBuffer @%p, storing in ipcBufArray at index: %d\n",
-                       static_cast<void *>(piece), ipcBufCount);
-        }
-        pieces[ipcBufCount].buffer = piece;
-        pieces[ipcBufCount].length = 0;
-        memset(piece, 0, kServerBufferSize);
-        socklen_t addressLength = sizeof state.sockClientAddr;
-        errno = 0;
-        bytesRead = static_cast<int32_t>(
-            recvfrom(fd, piece, kServerBufferSize, 0,
-                     reinterpret_cast<struct sockaddr *>(&state.sockClientAddr), &addressLength));
-        int recvErrno = errno;
-        if (bytesRead < 0) lastErrno = recvErrno;
-
-        if (trc.on(TRACE_FLOW)) {
-            ZEVD_TRACE(trc, TRACE_FLOW,
-                       "ipcBufCount=%d totalLen=%d totalRead=%d bytesRead=%d initRead=%d "
-                       "moreData=%d\n",
-                       ipcBufCount, static_cast<int32_t>(totalLen), totalRead, bytesRead,
-                       initRead ? 1 : 0, moreData ? 1 : 0);
-            if (VX_Debug() == 2 && bytesRead > 0) ZEV0_PrintDump(piece, 0, bytesRead);
-        }
-
-        if (bytesRead > 0) {
-            totalRead += bytesRead;
-            pieces[ipcBufCount].length = bytesRead;
-            ++ipcBufCount;
-            if (initRead) {
-                // TCP keeps no boundaries: the word may come in several
-                // pieces. Until its four bytes are in, it is taken as the
-                // bytes that came followed by zeros, and the read goes on;
-                // a stream that ends before then keeps that word.
-                unsigned char word[4] = {0, 0, 0, 0};
-                size_t have = 0;
-                for (int32_t i = 0; i < ipcBufCount && have < sizeof word; ++i) {
-                    size_t n =
-                        std::min<size_t>(sizeof word - have, static_cast<size_t>(pieces[i].length));
-                    memcpy(word + have, pieces[i].buffer, n);
-                    have += n;
-                }
-                totalLen = (static_cast<uint32_t>(word[0]) << 24) |
-                           (static_cast<uint32_t>(word[1]) << 16) |
-                           (static_cast<uint32_t>(word[2]) << 8) | static_cast<uint32_t>(word[3]);
-                initRead = have < sizeof word;
-                // The word so far is at most the whole word: one above the
-                // limit already is the whole word above it.
-                if (totalLen > kMaxTcpMessage) {
-                    ZEVD_TRACE(trc, TRACE_ERROR,
-                               "Error: TCP message of %u bytes is longer than the %u allowed\n",
-                               totalLen, kMaxTcpMessage);
-                    cutOff = true;
-                    moreData = false;
-                }
-            }
-            if (!cutOff && ipcBufCount >= kMaxPieces &&
-                totalLen > static_cast<uint32_t>(totalRead)) {
-                ZEVD_TRACE(trc, TRACE_ERROR, "Error: ipcBufCount %d exceeded allowed limit of %d\n",
-                           kMaxPieces, kMaxPieces - 1);
-                cutOff = true;
-                moreData = false;
-            }
-        } else {
-            if (ipcBufCount > 0) {
-                if (ZEV0_IsValidPointer(piece)) {
-                    ZEVD_TRACE(trc, TRACE_STORAGE, "Deleting ipcBuffer @%p, bytesRead: %d\n",
-                               static_cast<void *>(piece), bytesRead);
-                    delete[] piece;
-                    // Kept: only entries 1 to 31 are searched for the line.
-                    for (int i = 1; i < 32; ++i) {
-                        if (pieces[i].buffer == piece) {
-                            ZEVD_TRACE(trc, TRACE_DETAIL,
-                                       "Nulling out ipcBuffer at ipcBufArray index %d\n", i);
-                            pieces[i].buffer = nullptr;
-                            break;
-                        }
-                    }
-                    // Whatever the search found, no entry keeps the freed piece.
-                    pieces[ipcBufCount].buffer = nullptr;
-                } else {
-                    ZEVD_TRACE(trc, TRACE_ERROR,
-                               "Error: ipcBuffer object at address @%p is not valid\n",
-                               static_cast<void *>(piece));
-                }
-            }
-            moreData = false;
-        }
-        ZEVD_TRACE(trc, TRACE_DETAIL, "TCP: totalLen=%d, bytesRead=%d, totalRead=%d, errno=%d\n",
-                   static_cast<int32_t>(totalLen), bytesRead, totalRead, recvErrno);
-        if (!initRead && !(totalLen > static_cast<uint32_t>(totalRead) && totalLen > 0))
-            moreData = false;
+void ipcSock::sockCutOffLate(ipcServerState &state) {
+    auto now = zevd::TcpAssembly::Clock::now();
+    for (int32_t slot = 0; slot < IPC_MAX_TCP_CLIENTS; ++slot) {
+        zevd::TcpAssembly &assembly = state.assemblies[slot];
+        int32_t fd = _sockClientFD[slot];
+        if (fd <= 0 || !assembly.expired(now)) continue;
+        assembly.expire(sockMessageWait());
+        struct sockaddr_in peer;
+        socklen_t peerLength = sizeof peer;
+        if (getpeername(fd, reinterpret_cast<struct sockaddr *>(&peer), &peerLength) == 0 &&
+            peer.sin_family == AF_INET)
+            state.sockClientAddr = peer;
+        sockFinishMessage(state, fd, slot, zevd::TcpAssembly::Outcome::kMismatch);
     }
+}
 
-    if (!cutOff && (lastErrno == ECONNRESET || (totalLen == 0 && totalRead == 0))) {
+void ipcSock::sockFinishMessage(ipcServerState &state, int32_t fd, int32_t slot,
+                                zevd::TcpAssembly::Outcome outcome) {
+    ZEVD_TRACE_LEVEL("ipcSock::IPCServer");
+    zevd::TcpAssembly &assembly = state.assemblies[slot];
+    int32_t totalRead = assembly.received();
+    if (outcome == zevd::TcpAssembly::Outcome::kClosed) {
         ZEVD_TRACE(trc, TRACE_DETAIL, "_sockClientFD[%d]=%d closed TCP connection: continue...",
                    slot, fd);
         sockDisconnect(state, fd, slot);
-    } else if (!cutOff && static_cast<uint32_t>(totalRead) == totalLen) {
+    } else if (outcome == zevd::TcpAssembly::Outcome::kWhole) {
         ZEVD_TRACE(trc, TRACE_DETAIL,
                    "recvfrom operation had no more data, totalRead: %d, ipcBufCount: %d\n",
-                   totalRead, ipcBufCount);
+                   totalRead, assembly.pieces());
         ZEVD_TRACE(trc, TRACE_DETAIL, "%s: clientAddr <%d<%-*.*x>>\n", "sockClientAddr set to",
                    kQueuedAddressLength, kQueuedAddressLength, kQueuedAddressLength,
                    static_cast<void *>(&state.sockClientAddr));
         dottedAddress(state.sockClientAddr, state.clientName, sizeof state.clientName);
-        if (ipcBufCount == 1) {
-            ipc_put_data(totalRead, state.firstPiece, &state.sockClientAddr, kQueuedAddressLength,
-                         state.clientName, static_cast<uint32_t>(fd));
-        } else {
-            auto *completeBuffer = new (std::nothrow) char[static_cast<size_t>(totalRead)];
-            if (completeBuffer == nullptr) {
-                ZEVD_TRACE(trc, TRACE_ERROR,
-                           "Error: allocating %d bytes for completeBuffer.  Exiting...\n\n",
-                           totalRead);
-                exitProcess();
-            }
-            ZEVD_TRACE(trc, TRACE_STORAGE, "Allocated <%d> bytes for completeBuffer<@%p>\n",
-                       totalRead, static_cast<void *>(completeBuffer));
-            memset(completeBuffer, 0, static_cast<size_t>(totalRead));
-            int32_t offset = 0;
-            for (int32_t i = 0; i < ipcBufCount; ++i) {
-                ZEVD_TRACE(trc, TRACE_DETAIL,
-                           "[%d] completeBuffer[@%p], offset[%d], buffer[@%p], dataLen[%d]\n", i,
-                           static_cast<void *>(completeBuffer), offset,
-                           static_cast<void *>(pieces[i].buffer), pieces[i].length);
-                // The lengths add up to totalRead, the block's size.
-                memcpy(completeBuffer + offset, pieces[i].buffer,
-                       static_cast<size_t>(pieces[i].length));
-                offset += pieces[i].length;
-            }
-            ipc_put_data(totalRead, completeBuffer, &state.sockClientAddr, kQueuedAddressLength,
-                         state.clientName, static_cast<uint32_t>(fd));
-            if (ZEV0_IsValidPointer(completeBuffer)) {
-                ZEVD_TRACE(trc, TRACE_STORAGE, "Deleting completeBuffer @%p, totalRead: %d\n",
-                           static_cast<void *>(completeBuffer), totalRead);
-                delete[] completeBuffer;
-            } else {
-                ZEVD_TRACE(trc, TRACE_ERROR, "Error: completeBuffer object @%p is not valid\n",
-                           static_cast<void *>(completeBuffer));
-            }
-        }
+        ipc_put_data(totalRead, assembly.joined(), &state.sockClientAddr, kQueuedAddressLength,
+                     state.clientName, static_cast<uint32_t>(fd));
     } else {
         // More or less than announced: the consumer may ask the sender to
         // send again. The partial data is dropped.
         ZEVD_TRACE(trc, TRACE_ERROR, "Error: TCP received %d bytes, expected %d bytes\n", totalRead,
-                   static_cast<int32_t>(totalLen));
+                   static_cast<int32_t>(assembly.announced()));
         dottedAddress(state.sockClientAddr, state.clientName, sizeof state.clientName);
         memset(state.workBuffer, 0, sizeof state.workBuffer);
         memcpy(state.workBuffer, kResend, sizeof kResend - 1);
         ipc_put_data(sizeof kResend - 1, state.workBuffer, &state.sockClientAddr,
                      kQueuedAddressLength, state.clientName, static_cast<uint32_t>(fd));
-        if (cutOff) {
+        if (assembly.cutOff()) {
             ZEVD_TRACE(trc, TRACE_ERROR,
                        "Error: closing _sockClientFD[%d]=%d after its cut-off message\n", slot, fd);
             sockDisconnect(state, fd, slot);
         }
     }
-
-    // Entry 0 is the first-piece buffer, never freed.
-    for (int32_t i = 1; i < ipcBufCount; ++i) {
-        if (pieces[i].buffer != nullptr && ZEV0_IsValidPointer(pieces[i].buffer)) {
-            ZEVD_TRACE(trc, TRACE_STORAGE, "Deleting ipcBufArray[%i]: @%p\n", i,
-                       static_cast<void *>(pieces[i].buffer));
-            delete[] pieces[i].buffer;
-            pieces[i].buffer = nullptr;
-        } else {
-            ZEVD_TRACE(trc, TRACE_ERROR, "Error: ipcBufArray[%i] object @%p is not valid\n", i,
-                       static_cast<void *>(pieces[i].buffer));
-        }
-    }
-    return stalled;
+    assembly.reset();
 }
 
 void ipcSock::sockDisconnect(ipcServerState &state, int32_t fd, int32_t slot) {
@@ -701,6 +596,7 @@ void ipcSock::sockDisconnect(ipcServerState &state, int32_t fd, int32_t slot) {
     ZEV0_CloseTheSocket(fd);
     if (locked) ZEVA_ReleaseLock(&_sockClientLock, this);
     _sockClientFD[slot] = 0;
+    state.assemblies[slot].reset();
     memset(state.workBuffer, 0, sizeof state.workBuffer);
     memcpy(state.workBuffer, kDisconnect, sizeof kDisconnect - 1);
     ipc_put_data(sizeof kDisconnect - 1, state.workBuffer, &state.sockClientAddr,
