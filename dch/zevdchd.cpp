@@ -247,6 +247,7 @@ void Dch::deliverToAll(std::vector<Subscriber> &list, const MessageBuilder &mess
                        const std::string *appl, const std::string *group) {
     ZEVD_TRACE_FUNCTION("Dch::deliverToAll");
     bool row = appl != nullptr;
+    transport_.beginDeliveries();
     for (auto it = list.begin(); it != list.end();) {
         if (row && (it->appl != *appl || it->group != *group)) {
             ++it;
@@ -260,6 +261,25 @@ void Dch::deliverToAll(std::vector<Subscriber> &list, const MessageBuilder &mess
         }
         ++counters_.drops[kDropSubscriberUnreachable];
         it->sendsSinceFailure = 0;
+        if (it->peer.fd != 0) {
+            // Its connection could not take the whole message and is closed:
+            // the subscriber goes with it, whatever the count.
+            if (row)
+                ZEVD_TRACE(trc, TRACE_ERROR,
+                           "Error: data subscriber %s port %d of %s %s on connection %u dropped: "
+                           "the connection could not take a whole message\n",
+                           it->peer.host().c_str(), it->peer.port(), it->appl.c_str(),
+                           it->group.c_str(), it->peer.fd);
+            else
+                ZEVD_TRACE(trc, TRACE_ERROR,
+                           "Error: status subscriber %s port %d on connection %u dropped: the "
+                           "connection could not take a whole message\n",
+                           it->peer.host().c_str(), it->peer.port(), it->peer.fd);
+            Peer gone = it->peer;
+            it = list.erase(it);
+            forgetPeer(gone);
+            continue;
+        }
         if (++it->failures < kMaxSendFailures) {
             ++it;
             continue;

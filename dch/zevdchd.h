@@ -180,8 +180,13 @@ public:
     // Sends message to peer: over UDP from the DCH port, or on peer.fd.
     // False when it could not be sent.
     virtual bool answer(const Peer &peer, const char *message, size_t length) = 0;
-    // Sends message to a subscriber; false when the send failed.
+    // Sends message to a subscriber, never waiting on it; false when the
+    // send failed. A TCP subscriber's connection that could not take the
+    // whole message is closed by the transport.
     virtual bool deliver(const Peer &peer, const char *message, size_t length) = 0;
+    // A round of deliveries begins: a transport may first learn here which
+    // subscribers refused what it sent before.
+    virtual void beginDeliveries() {}
     // A subscriber was dropped or withdrew: forget any resources for it.
     virtual void forget(const Peer & /*peer*/) {}
     // Closes a TCP connection whose answer could not be sent.

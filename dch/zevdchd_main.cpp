@@ -26,6 +26,8 @@ ZEVD_TRACE_UNIT(dch::unitZevdchd);
 namespace {
 
 constexpr int kExitUsage = 2;
+// How often the main thread looks whether the receive loop still runs.
+constexpr long kLoopCheckNanoseconds = 250L * 1000 * 1000;
 
 const char kUsage[] =
     "usage: zevdchd [--port N] [--allow CIDR,...] [--state-dir DIR] [--rcvbuf BYTES]\n"
@@ -53,8 +55,8 @@ const char kUsage[] =
     "\n"
     "Prints \"zevdchd metrics on http://ADDR:PORT/metrics\" once that listens, and\n"
     "\"zevdchd ready on port N\" once the DCH port is open. SIGUSR1 writes the\n"
-    "counters to the trace. Exit status 1 when a port cannot be owned, 2 for bad\n"
-    "usage.\n";
+    "counters to the trace. Exit status 1 when a port cannot be owned or the\n"
+    "receive loop ends, 2 for bad usage.\n";
 
 int usageError(const std::string &what) {
     fprintf(stderr, "zevdchd: %s\nTry 'zevdchd --help'.\n", what.c_str());
@@ -183,9 +185,23 @@ int run(int argc, char **argv) {
         worker->setMetricsBoard(board);
     }
     std::thread serving([] { worker->run(); });
+    bool deaf = false;
     for (;;) {
-        int received = 0;
-        if (sigwait(&signals, &received) != 0) continue;
+        // The receive loop ends only when its select fails for good; a
+        // daemon that can no longer hear must not stay up.
+        if (sock->ipcGetError() != 0) {
+            ZEVD_TRACE_LEVEL("zevdchd");
+            ZEVD_TRACE(trc, TRACE_ERROR,
+                       "Error: the receive loop ended (select failed: errno %d): exiting\n",
+                       sock->sockEndErrno());
+            fprintf(stderr, "zevdchd: the receive loop ended (select failed: %s): exiting\n",
+                    strerror(sock->sockEndErrno()));
+            deaf = true;
+            break;
+        }
+        timespec wait = {0, kLoopCheckNanoseconds};
+        int received = sigtimedwait(&signals, nullptr, &wait);
+        if (received < 0) continue;
         if (received == SIGUSR1) {
             writeCounters(*dch, *worker);
             continue;
@@ -201,7 +217,7 @@ int run(int argc, char **argv) {
     }
     serving.join();
     writeCounters(*dch, *worker);
-    return worker->failed() ? 1 : 0;
+    return worker->failed() || deaf ? 1 : 0;
 }
 
 }  // namespace

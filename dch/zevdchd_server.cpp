@@ -1,7 +1,9 @@
 #include "zevdchd_server.h"
 
 #include <arpa/inet.h>
+#include <linux/errqueue.h>
 #include <linux/sock_diag.h>
+#include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -30,53 +32,101 @@ bool isControl(const char *buffer, int32_t capacity, const char *name, const cha
 
 }  // namespace
 
-SocketTransport::~SocketTransport() {
-    for (auto &[key, fd] : sockets_) close(fd);
+namespace {
+
+// Refusals kept at most; beyond, the oldest knowledge is dropped whole.
+constexpr size_t kMaxRefusals = 4096;
+// Refusals read from the error queue in one go.
+constexpr int kRefusalsPerCollect = 256;
+// Answers collect the refusals no more often than this: they would
+// otherwise take room in the port's receive buffer until the next delivery.
+constexpr auto kCollectEvery = std::chrono::milliseconds(100);
+
+}  // namespace
+
+void SocketTransport::reportRefusals() {
+    if (reporting_ || sock_ == nullptr || sock_->sockUDP() < 0) return;
+    int on = 1;
+    reporting_ = setsockopt(sock_->sockUDP(), IPPROTO_IP, IP_RECVERR, &on, sizeof on) == 0;
+}
+
+void SocketTransport::collectRefusals() {
+    reportRefusals();
+    if (!reporting_) return;
+    lastCollected_ = std::chrono::steady_clock::now();
+    for (int i = 0; i < kRefusalsPerCollect; ++i) {
+        sockaddr_in offender{};
+        char control[512];
+        char data[1];
+        iovec io{data, sizeof data};
+        msghdr header{};
+        header.msg_name = &offender;
+        header.msg_namelen = sizeof offender;
+        header.msg_iov = &io;
+        header.msg_iovlen = 1;
+        header.msg_control = control;
+        header.msg_controllen = sizeof control;
+        if (recvmsg(sock_->sockUDP(), &header, MSG_ERRQUEUE | MSG_DONTWAIT) < 0) break;
+        bool refusal = false;
+        for (cmsghdr *c = CMSG_FIRSTHDR(&header); c != nullptr; c = CMSG_NXTHDR(&header, c)) {
+            if (c->cmsg_level != IPPROTO_IP || c->cmsg_type != IP_RECVERR) continue;
+            sock_extended_err error{};
+            memcpy(&error, CMSG_DATA(c), sizeof error);
+            refusal = error.ee_origin == SO_EE_ORIGIN_ICMP;
+        }
+        // The name is where the refused datagram went.
+        if (!refusal || header.msg_namelen < sizeof offender || offender.sin_family != AF_INET)
+            continue;
+        if (refused_.size() >= kMaxRefusals) refused_.clear();
+        ++refused_[std::make_pair(offender.sin_addr.s_addr, offender.sin_port)];
+    }
 }
 
 bool SocketTransport::answer(const Peer &peer, const char *message, size_t length) {
-    sock_->setClientAddr(&peer.addr, sizeof peer.addr);
-    return sock_->ipcWrite(message, static_cast<int32_t>(length), peer.fd) ==
+    reportRefusals();
+    if (peer.fd == 0 && std::chrono::steady_clock::now() - lastCollected_ >= kCollectEvery)
+        collectRefusals();
+    return sock_->ipcSendNow(message, static_cast<int32_t>(length), peer.addr, peer.fd) ==
            static_cast<int32_t>(length);
+}
+
+void SocketTransport::beginDeliveries() {
+    collectRefusals();
 }
 
 bool SocketTransport::deliver(const Peer &peer, const char *message, size_t length) {
     ZEVD_TRACE_FUNCTION("SocketTransport::deliver");
-    if (peer.fd != 0) return trc.exit(answer(peer, message, length));
-    auto key = std::make_pair(peer.addr.sin_addr.s_addr, peer.addr.sin_port);
-    auto it = sockets_.find(key);
-    if (it == sockets_.end()) {
-        int fd = socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-        if (fd < 0 ||
-            connect(fd, reinterpret_cast<const sockaddr *>(&peer.addr), sizeof peer.addr) != 0) {
-            ZEVD_TRACE(trc, TRACE_ERROR, "Error: no socket for subscriber %s port %d: errno=%d\n",
-                       peer.host().c_str(), peer.port(), errno);
-            if (fd >= 0) close(fd);
+    if (peer.fd == 0) {
+        auto it = refused_.find(std::make_pair(peer.addr.sin_addr.s_addr, peer.addr.sin_port));
+        if (it != refused_.end()) {
+            // Reported as the connected socket of old did: on the next send.
+            if (--it->second == 0) refused_.erase(it);
+            ZEVD_TRACE(trc, TRACE_DETAIL, "subscriber %s port %d refused an earlier datagram\n",
+                       peer.host().c_str(), peer.port());
             return trc.exit(false);
         }
-        it = sockets_.emplace(key, fd).first;
     }
-    // Non-blocking: a full send buffer is a failed send, never a stalled worker.
-    ssize_t sent = send(it->second, message, length, MSG_DONTWAIT | MSG_NOSIGNAL);
-    if (sent != static_cast<ssize_t>(length))
-        ZEVD_TRACE(trc, TRACE_DETAIL, "send to subscriber %s port %d failed: errno=%d\n",
-                   peer.host().c_str(), peer.port(), errno);
-    return trc.exit(sent == static_cast<ssize_t>(length));
+    bool sent = sock_->ipcSendNow(message, static_cast<int32_t>(length), peer.addr, peer.fd) ==
+                static_cast<int32_t>(length);
+    if (!sent) {
+        ZEVD_TRACE(trc, TRACE_DETAIL, "send to subscriber %s port %d fd %u failed: errno=%d\n",
+                   peer.host().c_str(), peer.port(), peer.fd, errno);
+        // Part of a message may have gone: nothing may follow it.
+        if (peer.fd != 0) closeConnection(peer.fd);
+    }
+    return trc.exit(sent);
 }
 
 void SocketTransport::forget(const Peer &peer) {
-    auto it = sockets_.find(std::make_pair(peer.addr.sin_addr.s_addr, peer.addr.sin_port));
-    if (it == sockets_.end()) return;
-    close(it->second);
-    sockets_.erase(it);
+    if (peer.fd == 0) refused_.erase(std::make_pair(peer.addr.sin_addr.s_addr, peer.addr.sin_port));
 }
 
 void SocketTransport::closeConnection(uint32_t fd) {
     ZEVD_TRACE_FUNCTION("SocketTransport::closeConnection");
     // Shut down, not closed: the loop owns the descriptor; it sees the end
     // of the stream, closes it and queues its "DP-DISCONNECT".
-    ZEVD_TRACE(trc, TRACE_ERROR, "Error: closing connection %u: its answer could not be sent\n",
-               fd);
+    ZEVD_TRACE(trc, TRACE_ERROR,
+               "Error: closing connection %u: it could not take a whole message at once\n", fd);
     shutdown(static_cast<int>(fd), SHUT_RDWR);
     trc.exit();
 }
@@ -107,6 +157,9 @@ void Worker::run() {
         if (isControl(buffer, capacity, name, "IPC-SERVER_READY")) {
             udpSocket_ = sock_.sockUDP();
             applyReceiveBuffer(udpSocket_.load());
+            // A test hook: the port's socket closed under the running loop,
+            // whose next select then fails for good.
+            if (getenv("ZEVDCHD_TEST_BREAK_LOOP") != nullptr) close(udpSocket_.load());
             printf("zevdchd ready on port %u\n", static_cast<unsigned>(sock_.sockPortUDP()));
             fflush(stdout);
             continue;

@@ -1,11 +1,13 @@
 // The daemon's worker on the library's server transport: it takes each
-// queued message, hands it to the Dch and answers through setClientAddr and
-// ipcWrite; subscribers are sent to through a connected UDP socket each, so
-// that a subscriber that has gone is seen (its refusals come back on it).
+// queued message, hands it to the Dch and answers through ipcSendNow, which
+// never waits on a peer. Everything sent over UDP, answers, rows and status
+// reports, leaves from the DCH port's own socket; a subscriber that has gone
+// is seen through the refusals that come back to that socket (IP_RECVERR).
 #ifndef ZEVD_DCH_ZEVDCHD_SERVER_H
 #define ZEVD_DCH_ZEVDCHD_SERVER_H
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <string>
@@ -31,21 +33,35 @@ inline constexpr long kMaxReceiveBuffer = 1L << 30;
 class SocketTransport : public Transport {
 public:
     SocketTransport() = default;
-    ~SocketTransport() override;
     SocketTransport(const SocketTransport &) = delete;
     SocketTransport &operator=(const SocketTransport &) = delete;
 
     bool answer(const Peer &peer, const char *message, size_t length) override;
+    // A UDP subscriber whose earlier datagram was refused fails its next
+    // delivery, as a connected socket would report it. A connection that
+    // cannot take the whole message is closed.
     bool deliver(const Peer &peer, const char *message, size_t length) override;
+    void beginDeliveries() override;
     void forget(const Peer &peer) override;
     void closeConnection(uint32_t fd) override;
     // The server transport that answers go through; set before serving.
     void attach(ipcSock &sock) { sock_ = &sock; }
+    // Refusals waiting to fail a delivery (bounded).
+    size_t refusalsHeld() const { return refused_.size(); }
 
 private:
+    // Reads the refusals the kernel queued on the DCH port's socket (each
+    // names the address a datagram was sent to) into refused_.
+    void collectRefusals();
+    // Asks for refusal reports on the DCH port's socket once it is open.
+    void reportRefusals();
+
     ipcSock *sock_ = nullptr;
-    // One connected UDP socket per subscriber address.
-    std::map<std::pair<uint32_t, uint16_t>, int> sockets_;
+    bool reporting_ = false;
+    // Refused sends by destination (address, port), not yet charged to a
+    // subscriber.
+    std::map<std::pair<uint32_t, uint16_t>, int> refused_;
+    std::chrono::steady_clock::time_point lastCollected_{};
 };
 
 class Worker {
