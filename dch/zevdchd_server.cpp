@@ -157,11 +157,12 @@ void Worker::run() {
         if (isControl(buffer, capacity, name, "IPC-SERVER_READY")) {
             udpSocket_ = sock_.sockUDP();
             applyReceiveBuffer(udpSocket_.load());
+
+            printf("zevdchd ready on port %u\n", static_cast<unsigned>(sock_.sockPortUDP()));
+            fflush(stdout);
             // A test hook: the port's socket closed under the running loop,
             // whose next select then fails for good.
             if (getenv("ZEVDCHD_TEST_BREAK_LOOP") != nullptr) close(udpSocket_.load());
-            printf("zevdchd ready on port %u\n", static_cast<unsigned>(sock_.sockPortUDP()));
-            fflush(stdout);
             continue;
         }
         if (isControl(buffer, capacity, name, kSnapshotText)) {

@@ -1,6 +1,8 @@
 // ipcSock: reading and writing one message (the length-word framing over
 // UDP datagrams and TCP connections).
 #include <arpa/inet.h>
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -382,11 +384,26 @@ int32_t ipcSock::ipcSendNow(const char *buffer, int32_t length, const struct soc
             sent += chunk;
         }
     } else {
-        // Whole at once or not at all: the connection is non-blocking, and a
-        // partial send is never continued (its owner closes the connection).
-        ssize_t rc = sockSendClient(static_cast<int>(connectedSockFD), buffer, length);
-        sendErrno = errno;
-        if (rc > 0) sent = static_cast<int32_t>(rc);
+        // Whole at once or not at all: a message goes only where the send
+        // buffer holds it with room to spare (the kernel counts its own
+        // bookkeeping in the buffer, about as much again as the bytes), so a
+        // peer that does not read never receives part of one. The connection
+        // is non-blocking, and a partial send is never continued (its owner
+        // closes the connection).
+        int fd = static_cast<int>(connectedSockFD);
+        int queued = 0;
+        int room = 0;
+        socklen_t roomLength = sizeof room;
+        if (ioctl(fd, SIOCOUTQ, &queued) != 0 ||
+            getsockopt(fd, SOL_SOCKET, SO_SNDBUF, &room, &roomLength) != 0) {
+            sendErrno = errno;
+        } else if (static_cast<int64_t>(queued) + length > room / 2) {
+            sendErrno = EAGAIN;
+        } else {
+            ssize_t rc = sockSendClient(fd, buffer, length);
+            sendErrno = errno;
+            if (rc > 0) sent = static_cast<int32_t>(rc);
+        }
     }
     if (sent != length) {
         ZEVD_TRACE(trc, TRACE_ERROR, "Error: [@%p] SEND - Sent %d bytes out of %d: errno=%d\n",

@@ -67,8 +67,12 @@ public:
     // Starts the program (behind ZEVD_CHILD_WRAPPER); false when it could
     // not be spawned.
     bool spawn() {
-        std::vector<std::string> argv = {ZEVD_DAEMON_PATH, "--port", std::to_string(port_),
-                                         "--trace-file", tracePath_};
+        // ZEVD_TEST_DAEMON runs the suites against another build of the
+        // daemon (an older one, to measure what a change bought).
+        const char *program = getenv("ZEVD_TEST_DAEMON");
+        std::vector<std::string> argv = {program != nullptr ? program : ZEVD_DAEMON_PATH,
+                                         "--port", std::to_string(port_), "--trace-file",
+                                         tracePath_};
         argv.insert(argv.end(), args_.begin(), args_.end());
         argv = wrappedCommand(std::move(argv));
         std::vector<std::string> env;

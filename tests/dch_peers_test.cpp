@@ -1,0 +1,432 @@
+// zevdchd against peers that would stall or exhaust it: TCP peers that
+// trickle, a TCP subscriber that never reads, answers larger than one
+// datagram, rows larger than one datagram, thousands of subscribers, and a
+// receive loop that ends. Each case starts a daemon of its own and prints
+// the figures it measured ("figure: ...").
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "common/message.h"
+#include "support/child_program.h"
+#include "support/dch_daemon.h"
+#include "support/dch_server.h"
+#include "support/reliability.h"
+#include "zev0.h"
+#include "zevd610.h"
+
+namespace zevd::test {
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+double millis(Clock::duration d) {
+    return std::chrono::duration<double, std::milli>(d).count();
+}
+
+std::vector<char> request(const std::function<void(MessageBuilder &)> &fill, size_t capacity) {
+    std::vector<char> bytes(capacity);
+    MessageBuilder b(bytes.data(), bytes.size());
+    b.clear();
+    fill(b);
+    EXPECT_TRUE(b.ok());
+    bytes.resize(b.length());
+    return bytes;
+}
+
+std::vector<char> request(const std::function<void(MessageBuilder &)> &fill) {
+    return request(fill, kRequestSize);
+}
+
+// A UDP client of the daemon on a socket of its own that times each
+// exchange itself, so that a daemon that does not answer costs the test
+// its patience, not the library's time-out.
+class Asker {
+public:
+    explicit Asker(uint16_t port) : to_(loopbackAddress(port)) {
+        fd_ = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        sockaddr_in self = loopbackAddress(0);
+        bind(fd_, reinterpret_cast<sockaddr *>(&self), sizeof self);
+    }
+    ~Asker() { close(fd_); }
+    int fd() const { return fd_; }
+    Asker(const Asker &) = delete;
+    Asker &operator=(const Asker &) = delete;
+
+    // Sends message and waits up to patience for a whole answer (all its
+    // datagrams); how long it took, or patience when none came.
+    Clock::duration ask(const std::vector<char> &message, Clock::duration patience,
+                        std::vector<char> *answer = nullptr) {
+        auto start = Clock::now();
+        if (!sendDatagram(fd_, to_, message)) return patience;
+        std::vector<char> got;
+        uint32_t want = 0;
+        while (got.size() < 4 || got.size() < want) {
+            auto left = std::chrono::duration_cast<std::chrono::milliseconds>(start + patience -
+                                                                              Clock::now());
+            pollfd p = {fd_, POLLIN, 0};
+            if (left.count() <= 0 || poll(&p, 1, static_cast<int>(left.count())) != 1)
+                return patience;
+            char datagram[65536];
+            ssize_t n = recv(fd_, datagram, sizeof datagram, 0);
+            if (n <= 0) return patience;
+            got.insert(got.end(), datagram, datagram + n);
+            if (got.size() >= 4) want = messageLength(got.data());
+        }
+        if (answer != nullptr) *answer = got;
+        return Clock::now() - start;
+    }
+
+private:
+    sockaddr_in to_;
+    int fd_ = -1;
+};
+
+std::vector<char> applicationsQuery(const char *name = nullptr) {
+    return request([name](MessageBuilder &b) {
+        b.add16(DCH_requestType, ZEVD_REQ_DC_GET_APPLICATIONS);
+        if (name != nullptr) b.addString(DCH_applName, name);
+    });
+}
+
+std::vector<char> subscription(int code, const char *appl, const char *group) {
+    return request([=](MessageBuilder &b) {
+        b.add16(DCH_requestType, static_cast<int16_t>(code));
+        if (appl != nullptr) b.addString(DCH_applName, appl);
+        if (group != nullptr) b.addString(DCH_attrGroup, group);
+        b.add32(DCH_status, 1);
+    });
+}
+
+// A daemon of the case's own, with this process's library pointed at it.
+std::unique_ptr<DaemonProcess> startDaemon(std::vector<std::string> env = {},
+                                           std::vector<std::string> args = {}) {
+    auto daemon = std::make_unique<DaemonProcess>(std::move(args), std::move(env));
+    EXPECT_TRUE(daemon->start()) << daemon->trace();
+    return daemon;
+}
+
+// The registration request the library's builder makes of text.
+std::vector<char> registration(const std::string &text) {
+    char *built = nullptr;
+    if (ZEVP_ConstructDPregisterBuffer(text.c_str(), &built) == 0) return {};
+    return std::vector<char>(built, built + messageLength(built));
+}
+
+long registerText(const std::string &text) {
+    long status = -1;
+    dp_register(&status, text.c_str());
+    return status;
+}
+
+// Points this process's library at daemon.
+void useDaemon(const DaemonProcess &daemon) {
+    setenv("ZEVA_DCH_ADDR", "127.0.0.1", 1);
+    setenv("ZEVA_DCH_PORT", std::to_string(daemon.port()).c_str(), 1);
+    setenv("ZEVA_DCH_TIMEOUT", "5", 1);
+}
+
+TEST(DchPeersTest, TricklingTcpPeersNeverHoldUdpAndAreCutOffAtTheirDeadline) {
+    auto daemon = startDaemon({"ZEVA_DCH_TIMEOUT=2"});
+    const int peers = 50;
+    std::vector<std::unique_ptr<TcpPeer>> tricklers;
+    std::vector<char> head(4);
+    uint32_t word = htonl(100);
+    memcpy(head.data(), &word, 4);
+    for (int i = 0; i < peers; ++i) {
+        tricklers.push_back(std::make_unique<TcpPeer>(daemon->port()));
+        ASSERT_TRUE(tricklers.back()->connected());
+        ASSERT_TRUE(tricklers.back()->send(head));
+    }
+    auto first = Clock::now();
+    // Each peer sends one byte every 500 ms, well inside the time-out;
+    // meanwhile a UDP client asks every 20 ms.
+    std::atomic<bool> done{false};
+    std::thread trickle([&] {
+        char byte = 'x';
+        while (!done.load()) {
+            for (auto &peer : tricklers) send(peer->fd(), &byte, 1, MSG_NOSIGNAL);
+            for (int i = 0; i < 50 && !done.load(); ++i) std::this_thread::sleep_for(10ms);
+        }
+    });
+    Asker asker(daemon->port());
+    std::vector<double> trips;
+    while (Clock::now() - first < 4s) {
+        trips.push_back(millis(asker.ask(applicationsQuery(), 3s)));
+        std::this_thread::sleep_for(20ms);
+    }
+    done = true;
+    trickle.join();
+    std::sort(trips.begin(), trips.end());
+    printf("figure: %d trickling peers: %zu UDP round trips, median %.2f ms, max %.2f ms\n", peers,
+           trips.size(), trips[trips.size() / 2], trips.back());
+    EXPECT_LT(trips.back(), 1000.0);
+    // Every trickler was cut off: its connection ended by the daemon.
+    int ended = 0;
+    for (auto &peer : tricklers) {
+        pollfd p = {peer->fd(), POLLIN, 0};
+        char buffer[64];
+        if (poll(&p, 1, 2000) == 1 && recv(peer->fd(), buffer, sizeof buffer, 0) <= 0) ++ended;
+    }
+    EXPECT_EQ(ended, peers);
+    EXPECT_TRUE(daemon->waitTrace("Error: no more of the TCP message within 2 seconds"));
+}
+
+TEST(DchPeersTest, TcpSubscriberThatNeverReadsIsClosedAndNeverHoldsTheWorker) {
+    auto daemon = startDaemon();
+    useDaemon(*daemon);
+    ASSERT_EQ(registerText("APPL sink;GROUP g;ATTR t D 2000"), 0);
+    long status = -1, handle = 0;
+    dp_online(&status, &handle, "sink", "g", "s");
+    ASSERT_EQ(status, 0);
+
+    // Subscribes over TCP, then never reads; its receive buffer is small, so
+    // the daemon's send buffer is what holds the rows.
+    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    int small = 4096;
+    setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+    sockaddr_in to = loopbackAddress(daemon->port());
+    ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr *>(&to), sizeof to), 0);
+    std::vector<char> subscribe = subscription(ZEVD_REQ_DC_WAIT_ON_DATA, "sink", "g");
+    ASSERT_EQ(send(fd, subscribe.data(), subscribe.size(), 0),
+              static_cast<ssize_t>(subscribe.size()));
+
+    std::string text(1900, 'r');
+    std::vector<double> trips;
+    const std::string closed = "the connection could not take a whole message";
+    int failed = 0;
+    auto began = Clock::now();
+    for (int i = 0; i < 20000 && failed == 0 && Clock::now() - began < 60s &&
+                    daemon->trace().find(closed) == std::string::npos;
+         ++i) {
+        char *row = nullptr;
+        long size = 0;
+        dp_formatData(&status, &row, &size, "t", text.c_str(), static_cast<long>(text.size() + 1),
+                      'D');
+        auto start = Clock::now();
+        dp_data(&status, handle, 0, &row);
+        trips.push_back(millis(Clock::now() - start));
+        if (status != 0) failed = static_cast<int>(trips.size());
+    }
+    std::sort(trips.begin(), trips.end());
+    printf(
+        "figure: never-reading TCP subscriber: %zu rows until it was closed, p50 %.3f ms, "
+        "p99 %.3f ms, max %.3f ms\n",
+        trips.size(), trips[trips.size() / 2], trips[trips.size() * 99 / 100], trips.back());
+    ASSERT_EQ(failed, 0) << "a row was not answered";
+    ASSERT_TRUE(daemon->waitTrace(closed, 10s)) << daemon->trace();
+    EXPECT_LT(trips.back(), 1000.0);
+
+    // Now read everything: whole messages only, then the end of the stream.
+    std::vector<char> stream;
+    for (;;) {
+        pollfd p = {fd, POLLIN, 0};
+        ASSERT_EQ(poll(&p, 1, 5000), 1) << "the daemon left the connection open";
+        char chunk[65536];
+        ssize_t n = recv(fd, chunk, sizeof chunk, 0);
+        if (n <= 0) break;
+        stream.insert(stream.end(), chunk, chunk + n);
+    }
+    close(fd);
+    size_t at = 0, messages = 0;
+    while (at + 4 <= stream.size()) {
+        uint32_t length = messageLength(stream.data() + at);
+        ASSERT_GE(length, 4u);
+        if (at + length > stream.size()) break;
+        at += length;
+        ++messages;
+    }
+    EXPECT_EQ(at, stream.size()) << "a message was cut: " << stream.size() - at << " bytes left";
+    EXPECT_GT(messages, 0u);
+    // The provider goes on as if nothing happened.
+    dp_offline(&status, handle);
+    EXPECT_EQ(status, 0);
+}
+
+TEST(DchPeersTest, AnswersLargerThanADatagramDoNotHoldOtherClients) {
+    auto daemon = startDaemon();
+    Asker registrar(daemon->port());
+    // 1,024 applications with long names: the whole list is about 19 KB,
+    // three datagrams.
+    for (int i = 0; i < 1024; ++i) {
+        char name[40];
+        snprintf(name, sizeof name, "app-long-name-%04d", i);
+        std::string text = std::string("APPL ") + name + ";GROUP g;ATTR v A 4";
+        std::vector<char> message = registration(text);
+        ASSERT_FALSE(message.empty());
+        ASSERT_LT(registrar.ask(message, 3s), 3s);
+    }
+    std::atomic<bool> done{false};
+    std::atomic<int> lists{0};
+    std::thread lister([&] {
+        Asker asker(daemon->port());
+        while (!done.load()) {
+            std::vector<char> answer;
+            if (asker.ask(applicationsQuery(), 10s, &answer) < 10s && answer.size() > 2 * 8192)
+                ++lists;
+        }
+    });
+    Asker asker(daemon->port());
+    std::vector<double> trips;
+    auto start = Clock::now();
+    while (Clock::now() - start < 3s)
+        trips.push_back(millis(asker.ask(applicationsQuery("x"), 10s)));
+    done = true;
+    lister.join();
+    std::sort(trips.begin(), trips.end());
+    printf(
+        "figure: 1,024 applications listed in a loop (%d lists): others' round trips over "
+        "%zu, median %.3f ms, max %.3f ms\n",
+        lists.load(), trips.size(), trips[trips.size() / 2], trips.back());
+    EXPECT_GT(lists.load(), 10);
+    EXPECT_LT(trips[trips.size() / 2], 100.0);
+    EXPECT_LT(trips.back(), 1000.0);
+}
+
+TEST(DchPeersTest, RowLargerThanADatagramReachesADataWaitWhole) {
+    auto daemon = startDaemon();
+    useDaemon(*daemon);
+    ASSERT_EQ(registerText("APPL big;GROUP g;ATTR a D 4000;ATTR b D 4000;ATTR c D 4000"), 0);
+    long status = -1, handle = 0;
+    dp_online(&status, &handle, "big", "g", "s");
+    ASSERT_EQ(status, 0);
+    void *wait = dc_waitOnDataInitialize("big", "g");
+    ASSERT_NE(wait, nullptr);
+    ChildProgram watch({ZEVDCTL_PATH, "--addr", "127.0.0.1", "--port",
+                        std::to_string(daemon->port()), "--json", "watch", "big", "g"});
+    ASSERT_TRUE(watch.started());
+    // A row of three 4000-byte values: over 12 KB, so it can only come over
+    // TCP, and it leaves as two datagrams.
+    std::string values[3] = {std::string(3999, 'a'), std::string(3999, 'b'),
+                             std::string(3999, 'c')};
+    std::vector<char> row = request(
+        [&](MessageBuilder &b) {
+            b.add16(DCH_requestType, ZEVD_REQ_DP_DATA);
+            b.add32(DCH_handle, static_cast<int32_t>(handle));
+            b.add16(DCH_dataFlag, 0);
+            const char *names[3] = {"a", "b", "c"};
+            for (int i = 0; i < 3; ++i) {
+                b.addString(DCH_attrName, names[i]);
+                b.addValue(DCH_attrValue, values[i].c_str(), 4000, "D");
+            }
+        },
+        16384);
+    ASSERT_GT(row.size(), 12000u);
+    TcpPeer provider(daemon->port());
+    ASSERT_TRUE(provider.connected());
+    ASSERT_TRUE(provider.send(row));
+    // zevdctl subscribes once it has read the catalogue: the row goes again
+    // until it shows (the library's wait was in before the first).
+    std::atomic<bool> seen{false};
+    std::thread again([&] {
+        for (int i = 0; i < 40 && !seen.load(); ++i) {
+            std::this_thread::sleep_for(250ms);
+            if (!seen.load()) provider.send(row);
+        }
+    });
+
+    // The wait takes its length as a 16-bit number.
+    std::vector<char> buffer(32000);
+    ASSERT_EQ(dc_waitOnData(wait, buffer.data(), static_cast<int>(buffer.size())), 0)
+        << daemon->trace();
+    uint32_t length = messageLength(buffer.data());
+    ASSERT_GT(length, 12000u);
+    ASSERT_LE(length, buffer.size());
+    std::string received(buffer.data(), length);
+    for (const std::string &value : values) EXPECT_NE(received.find(value), std::string::npos);
+    dc_waitOnDataDestroy(wait);
+
+    bool shown = watch.readUntil(values[2], 10s);
+    seen = true;
+    again.join();
+    ASSERT_TRUE(shown) << watch.errors();
+    for (const std::string &value : values)
+        EXPECT_NE(watch.output().find(value), std::string::npos);
+    kill(watch.pid(), SIGINT);
+    EXPECT_EQ(exitCode(watch.wait()), 0);
+}
+
+TEST(DchPeersTest, ThousandsOfSubscribersTakeNoDescriptorEachAndTcpIsStillServed) {
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    const int subscribers = 3000;
+    if (limit.rlim_cur < static_cast<rlim_t>(subscribers + 100)) {
+        limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, subscribers + 200);
+        setrlimit(RLIMIT_NOFILE, &limit);
+    }
+    ASSERT_GE(limit.rlim_cur, static_cast<rlim_t>(subscribers + 100));
+    auto daemon = startDaemon();
+    int before = openDescriptors(daemon->pid());
+    std::vector<std::unique_ptr<Asker>> peers;
+    Asker asker(daemon->port());
+    for (int i = 0; i < subscribers; ++i) {
+        peers.push_back(std::make_unique<Asker>(daemon->port()));
+        int code = i % 2 == 0 ? ZEVD_REQ_DC_WAIT_ON_DATA : ZEVD_REQ_DC_WAIT_FOR_DP_STATUS;
+        std::vector<char> message =
+            i % 2 == 0 ? subscription(code, "many", "g") : subscription(code, nullptr, nullptr);
+        // No answer to a subscription: a query behind it tells it was taken.
+        ASSERT_TRUE(sendDatagram(peers.back()->fd(), loopbackAddress(daemon->port()), message));
+        if (i % 500 == 499) {
+            ASSERT_LT(asker.ask(applicationsQuery(), 5s), 5s);
+        }
+    }
+    ASSERT_LT(asker.ask(applicationsQuery(), 5s), 5s);
+    // A status report goes to every status subscriber from the port itself.
+    ASSERT_LT(asker.ask(registration("APPL many;GROUP g;ATTR v A 4"), 5s), 5s);
+    int after = openDescriptors(daemon->pid());
+    printf("figure: %d subscribers: daemon descriptors %d before, %d after\n", subscribers, before,
+           after);
+    EXPECT_LT(after, 100);
+    // A status subscriber got the report, from the DCH port.
+    std::vector<char> report;
+    sockaddr_in from{};
+    socklen_t fromLength = sizeof from;
+    pollfd p = {peers[1]->fd(), POLLIN, 0};
+    ASSERT_EQ(poll(&p, 1, 5000), 1);
+    char datagram[8192];
+    ASSERT_GT(recvfrom(peers[1]->fd(), datagram, sizeof datagram, 0,
+                       reinterpret_cast<sockaddr *>(&from), &fromLength),
+              0);
+    EXPECT_EQ(ntohs(from.sin_port), daemon->port());
+    // TCP is served.
+    TcpPeer client(daemon->port());
+    ASSERT_TRUE(client.connected());
+    ASSERT_TRUE(client.send(applicationsQuery()));
+    pollfd t = {client.fd(), POLLIN, 0};
+    ASSERT_EQ(poll(&t, 1, 5000), 1);
+    char answer[4096];
+    EXPECT_GT(recv(client.fd(), answer, sizeof answer, 0), 4);
+}
+
+TEST(DchPeersTest, ReceiveLoopThatEndsEndsTheDaemonWithStatusOne) {
+    DaemonProcess daemon({}, {"ZEVDCHD_TEST_BREAK_LOOP=1"});
+    ASSERT_TRUE(daemon.start()) << daemon.trace();
+    // The loop's select sees the closed port on its next pass.
+    TcpPeer wake(daemon.port());
+    int status = daemon.waitExit(10s);
+    EXPECT_EQ(exitCode(status), 1) << daemon.trace();
+    EXPECT_NE(daemon.trace().find("Error: select failed. <9>"), std::string::npos)
+        << daemon.trace();
+    EXPECT_NE(daemon.trace().find("zevdchd: the receive loop ended (select failed: Bad file "
+                                  "descriptor): exiting"),
+              std::string::npos)
+        << daemon.trace();
+}
+
+}  // namespace
+}  // namespace zevd::test
