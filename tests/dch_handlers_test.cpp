@@ -1096,6 +1096,34 @@ TEST(DchDeliveryTest, DataSubscriberIsDroppedAfterThreeFailedSends) {
     EXPECT_EQ(d.dch.counters().dataSubscribers.load(), 0u);
 }
 
+TEST(DchDeliveryTest, TcpSubscriberIsDroppedAtItsFirstFailedSend) {
+    // Its connection could not take a whole message: nothing more may follow.
+    const Peer tcpData = peerAt("127.0.0.1", 41005, 12);
+    const Peer tcpStatus = peerAt("127.0.0.1", 41006, 13);
+    Daemon d;
+    d.registerApp("app");
+    ASSERT_EQ(d.online("app", "grp", "src"), 1);
+    d.subscribeData(tcpData, "app", "grp");
+    d.subscribeStatus(tcpStatus);
+    d.transport.unreachable = {tcpData, tcpStatus};
+    TraceCapture capture("error");
+    EXPECT_EQ(d.ask(dataRequest(1, 0, {{"count", be32(1)}}), kProvider), status(0));
+    EXPECT_TRUE(d.dch.dataSubscribers().empty());
+    EXPECT_TRUE(
+        capture.hasText("Error: data subscriber 127.0.0.1 port 41005 of app grp on "
+                        "connection 12 dropped: the connection could not take a whole "
+                        "message"))
+        << capture.joined();
+    EXPECT_TRUE(d.send(nameListRequest()).empty());
+    EXPECT_TRUE(d.dch.statusSubscribers().empty());
+    EXPECT_TRUE(
+        capture.hasText("Error: status subscriber 127.0.0.1 port 41006 on connection 13 "
+                        "dropped: the connection could not take a whole message"))
+        << capture.joined();
+    EXPECT_EQ(d.drops(dch::kDropSubscriberUnreachable), 2u);
+    EXPECT_EQ(d.transport.forgotten, (std::vector<Peer>{tcpData, tcpStatus}));
+}
+
 TEST(DchDeliveryTest, DisconnectForgetsWhatTheConnectionOpened) {
     Daemon d;
     const Peer connection7 = peerAt("127.0.0.1", 40200, 7);

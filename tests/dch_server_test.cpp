@@ -643,6 +643,75 @@ TEST(DchServerTest, ClientThatNeverReadsItsAnswersCostsTheWorkerOneTimeOutPerAns
     expectStillServing(server, 2, 9);
 }
 
+TEST(DchServerTest, SendNowGivesAClientThatNeverReadsWholeMessagesOnlyAndNeverWaits) {
+    TraceCapture capture("error");
+    LoopServer &server = startServer();
+    TcpPeer peer(server.port());
+    ASSERT_TRUE(peer.connected());
+    ASSERT_TRUE(peer.send(message(16, 7)));
+    ASSERT_TRUE(server.waitEntries(2, kLimit));
+    uint32_t fd = server.entries()[1].connectedSockFD;
+    ASSERT_NE(fd, 0u);
+    // The accepted connection's send buffer holds a megabyte (the kernel
+    // reports twice what was set).
+    int buffer = 0;
+    socklen_t length = sizeof buffer;
+    ASSERT_EQ(getsockopt(static_cast<int>(fd), SOL_SOCKET, SO_SNDBUF, &buffer, &length), 0);
+    EXPECT_EQ(buffer, 2 << 20);
+    std::vector<char> answer = message(60000, 8);
+    int sent = 0;
+    struct sockaddr_in none = {};
+    for (; sent < 1000; ++sent) {
+        auto start = std::chrono::steady_clock::now();
+        int32_t result =
+            server.sock().ipcSendNow(answer.data(), static_cast<int32_t>(answer.size()), none, fd);
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(100));
+        if (result == -1) break;
+        ASSERT_EQ(result, static_cast<int32_t>(answer.size()));
+    }
+    EXPECT_LT(sent, 1000);
+    EXPECT_GT(sent, 0);
+    EXPECT_TRUE(capture.contains("SEND - Sent 0 bytes out of 60000: errno=11")) << capture.joined();
+    // What the peer finds is whole messages, nothing after them.
+    ASSERT_TRUE(peer.shutdownWrite());
+    std::vector<char> stream;
+    for (;;) {
+        char chunk[65536];
+        ssize_t n = recv(peer.fd(), chunk, sizeof chunk, MSG_DONTWAIT);
+        if (n <= 0) break;
+        stream.insert(stream.end(), chunk, chunk + n);
+    }
+    EXPECT_EQ(stream.size(), static_cast<size_t>(sent) * answer.size());
+}
+
+TEST(DchServerTest, SendNowSendsALongMessageFromThePortInDatagramsBackToBack) {
+    LoopServer &server = startServer();
+    UdpPeer peer(server.port());
+    ASSERT_TRUE(peer.bound());
+    std::vector<char> answer = message(20000, 9);
+    auto start = std::chrono::steady_clock::now();
+    struct sockaddr_in to = zevd::test::loopbackAddress(peer.localPort());
+    ASSERT_EQ(server.sock().ipcSendNow(answer.data(), static_cast<int32_t>(answer.size()), to, 0),
+              20000);
+    // No pause between the datagrams: that is the client's ipcWrite.
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(500));
+    std::vector<char> got;
+    std::vector<size_t> sizes;
+    while (got.size() < answer.size()) {
+        char datagram[65536];
+        struct sockaddr_in from = {};
+        socklen_t fromLength = sizeof from;
+        ssize_t n = recvfrom(peer.fd(), datagram, sizeof datagram, 0,
+                             reinterpret_cast<struct sockaddr *>(&from), &fromLength);
+        ASSERT_GT(n, 0);
+        EXPECT_EQ(ntohs(from.sin_port), server.port());
+        sizes.push_back(static_cast<size_t>(n));
+        got.insert(got.end(), datagram, datagram + n);
+    }
+    EXPECT_EQ(sizes, (std::vector<size_t>{8192, 8192, 3616}));
+    EXPECT_EQ(got, answer);
+}
+
 TEST(DchServerTest, FullQueueHoldsTheLoopUntilTheConsumerTakesOne) {
     TraceCapture capture(kLevels);
     LoopServer &server = startServer(1);  // the ready entry alone

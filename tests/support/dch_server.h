@@ -190,6 +190,7 @@ public:
 
     bool bound() const { return bound_; }
     uint16_t localPort() const { return boundPort(fd_); }
+    int fd() const { return fd_; }
     bool send(const std::vector<char> &datagram) const { return sendDatagram(fd_, to_, datagram); }
 
 private:
