@@ -61,9 +61,10 @@ int32_t readCatalogue(FieldReader &reader, Application &application, std::string
             why = "more than " + std::to_string(kMaxGroups) + " groups";
             return kFull;
         }
-        if (application.addGroup(name, help) != Catalogue::kAdded) {
-            why = "group " + name + " twice";
-            return kBadCatalogue;
+        Catalogue::Added added = application.addGroup(name, help);
+        if (added != Catalogue::kAdded) {
+            why = added == Catalogue::kTwice ? "group " + name + " twice" : "a catalogue too large";
+            return added == Catalogue::kTwice ? kBadCatalogue : kFull;
         }
         std::string group = name;
         size_t attributes = 0;
@@ -88,10 +89,11 @@ int32_t readCatalogue(FieldReader &reader, Application &application, std::string
                       " attributes";
                 return kFull;
             }
-            if (application.addAttribute(name, static_cast<char>(letter), size, help) !=
-                Catalogue::kAdded) {
-                why = "attribute " + name + " twice in group " + group;
-                return kBadCatalogue;
+            added = application.addAttribute(name, static_cast<char>(letter), size, help);
+            if (added != Catalogue::kAdded) {
+                why = added == Catalogue::kTwice ? "attribute " + name + " twice in group " + group
+                                                 : "a catalogue too large";
+                return added == Catalogue::kTwice ? kBadCatalogue : kFull;
             }
             ++attributes;
         }

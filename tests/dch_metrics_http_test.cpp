@@ -474,10 +474,11 @@ TEST(DchMetricsHttpBadInputTest, AThousandConnectionsLeaveTheDchServing) {
         // Half of them send the start of a request and stall.
         if (i % 2 == 0) sendAll(fd, "GET /metrics HTTP/1.1\r\n");
     }
-    // The server takes up to its limit; the rest wait in the kernel's
-    // backlog, costing the daemon nothing.
+    // The server takes up to its limit, the oldest connection without a
+    // whole request making room for each one it takes at the limit; the
+    // rest wait in the kernel's backlog, costing the daemon nothing.
     EXPECT_TRUE(waitFor(
-        [&] { return openDescriptors(pid) >= descriptors + int{dch::kMetricsConnectionLimit}; },
+        [&] { return openDescriptors(pid) >= descriptors + int{dch::kMetricsConnectionLimit} - 2; },
         seconds(20)))
         << openDescriptors(pid) << " descriptors, " << descriptors << " before";
     EXPECT_LE(openDescriptors(pid), descriptors + int{dch::kMetricsConnectionLimit} + 2);
@@ -801,10 +802,11 @@ TEST(DchMetricsBoardTest, CloseEndsEveryWaitAtOnce) {
 struct ServerWithoutWorker {
     std::atomic<int> asked{0};
     dch::MetricsBoard board{[this] { ++asked; }, kShortWait};
-    dch::MetricsServer server{board};
+    dch::MetricsServer server;
     uint16_t port = 0;
 
-    ServerWithoutWorker() {
+    explicit ServerWithoutWorker(milliseconds requestTime = dch::kMetricsRequestTime)
+        : server(board, requestTime) {
         std::string why;
         sockaddr_in address = loopbackAddress(0);
         EXPECT_TRUE(server.start(address, &why)) << why;
@@ -882,6 +884,66 @@ TEST(DchMetricsServerTest, StopAnswersTheScrapesThatWait) {
     // Answered because the daemon stops: not an error of the worker's.
     EXPECT_FALSE(capture.contains("no metrics snapshot")) << capture.joined();
     EXPECT_LT(std::chrono::steady_clock::now() - started, seconds(3));
+}
+
+// With a request time far longer than the test, only the making of room
+// closes anything: the oldest silent connection goes when the last place is
+// taken, and a request finds a place.
+TEST(DchMetricsServerTest, AtTheLimitTheOldestSilentConnectionMakesRoom) {
+    rlimit limit{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    if (limit.rlim_cur < 3 * dch::kMetricsConnectionLimit) {
+        limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, 3 * dch::kMetricsConnectionLimit);
+        setrlimit(RLIMIT_NOFILE, &limit);
+        ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    }
+    if (limit.rlim_cur < 3 * dch::kMetricsConnectionLimit)
+        GTEST_SKIP() << "descriptor limit too low";
+    TraceCapture capture("zevdchd=all");
+    ServerWithoutWorker s(seconds(600));
+    std::vector<int> fds;
+    for (unsigned i = 0; i + 1 < dch::kMetricsConnectionLimit; ++i) {
+        int fd = connectLoopback(s.port);
+        ASSERT_GE(fd, 0) << i;
+        fds.push_back(fd);
+    }
+    // The first one has not been closed: there was room for every one.
+    pollfd first = {fds.front(), POLLIN, 0};
+    EXPECT_EQ(poll(&first, 1, 200), 0);
+    EXPECT_FALSE(capture.contains("closed to make room"));
+    // The last place: the oldest silent connection makes room for the next.
+    int last = connectLoopback(s.port);
+    ASSERT_GE(last, 0);
+    fds.push_back(last);
+    HttpReply oldest = readReply(fds.front(), false, seconds(10));
+    EXPECT_TRUE(oldest.closed);
+    EXPECT_TRUE(
+        capture.waitFor("closed to make room: the oldest without a whole request", seconds(10)))
+        << capture.joined();
+    // A request beyond the limit is answered, each taking the place of the
+    // then oldest.
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(httpGet(s.port, "/other").status, 404) << i;
+    HttpReply second = readReply(fds[1], false, seconds(10));
+    EXPECT_TRUE(second.closed);
+    pollfd newest = {fds.back(), POLLIN, 0};
+    EXPECT_EQ(poll(&newest, 1, 0), 0);
+    for (int fd : fds) close(fd);
+}
+
+// An idle kept connection counts as one whose next request is late.
+TEST(DchMetricsServerTest, AKeptConnectionIdlePastTheRequestTimeIsClosed) {
+    ServerWithoutWorker s(milliseconds(300));
+    int fd = connectLoopback(s.port);
+    ASSERT_GE(fd, 0);
+    ASSERT_TRUE(sendAll(fd, "GET /other HTTP/1.1\r\nHost: h\r\n\r\n"));
+    HttpReply reply = readReply(fd);
+    EXPECT_EQ(reply.status, 404);
+    EXPECT_FALSE(reply.closed);
+    auto answered = std::chrono::steady_clock::now();
+    HttpReply next = readReply(fd, false, seconds(10));
+    EXPECT_TRUE(next.closed);
+    EXPECT_GE(std::chrono::steady_clock::now() - answered, milliseconds(250));
+    close(fd);
 }
 
 }  // namespace
