@@ -77,9 +77,10 @@ uint64_t sipHash(uint64_t k0, uint64_t k1, std::string_view value) {
     return v0 ^ v1 ^ v2 ^ v3;
 }
 
-// A slot count for count entries with at most three slots in four taken.
+// A slot count for count entries with at most three slots in four taken:
+// a power of two, so that a hash is reduced to a slot by a mask.
 size_t slotsFor(size_t count) {
-    size_t slots = 8;
+    size_t slots = 2;
     while (count * 4 > slots * 3) slots *= 2;
     return slots;
 }
