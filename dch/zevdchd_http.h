@@ -127,8 +127,8 @@ private:
 // a whole request within requestTime of its accept (or of the end of its
 // last answer: an idle kept connection counts as a late one) is closed,
 // whatever it trickles; at the connection limit the oldest connection
-// without a whole request is closed to make room, so a scrape always finds
-// a place however many slow clients come and go.
+// without a whole request is closed to make room, so slow clients, however
+// many come and go, cannot keep a scrape out.
 class MetricsServer {
 public:
     explicit MetricsServer(MetricsBoard &board,
