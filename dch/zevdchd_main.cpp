@@ -29,8 +29,9 @@ constexpr int kExitUsage = 2;
 
 const char kUsage[] =
     "usage: zevdchd [--port N] [--allow CIDR,...] [--state-dir DIR] [--rcvbuf BYTES]\n"
-    "               [--metrics [ADDR:]PORT] [--max-catalogue BYTES] [--max-subscribers N]\n"
-    "               [--trace LEVELS] [--trace-file PATH] [--help] [--version]\n"
+    "               [--metrics [ADDR:]PORT] [--max-catalogue BYTES]\n"
+    "               [--max-subscribers N] [--trace LEVELS] [--trace-file PATH]\n"
+    "               [--help] [--version]\n"
     "\n"
     "The reference DCH: serves data providers and consumers on one UDP and TCP\n"
     "port, in the foreground, until SIGINT or SIGTERM (exit status 0).\n"
