@@ -37,18 +37,6 @@ bool Peer::operator==(const Peer &other) const {
            addr.sin_port == other.addr.sin_port;
 }
 
-const Attribute *Group::find(const std::string &attribute) const {
-    for (const Attribute &a : attributes)
-        if (a.name == attribute) return &a;
-    return nullptr;
-}
-
-const Group *Application::find(const std::string &group) const {
-    for (const Group &g : groups)
-        if (g.name == group) return &g;
-    return nullptr;
-}
-
 // The table: adding a request is one row here and one handler.
 const std::vector<Dch::Handler> &Dch::handlerTable() {
     static const std::vector<Handler> table = {
@@ -90,9 +78,9 @@ Counters::Counters() {
 }
 
 const char *dropReasonName(int reason) {
-    static const char *const kReasons[kDropReasons] = {"refused_sender", "malformed",
-                                                       "unknown_handle", "subscriber_unreachable",
-                                                       "answer_unsent",  "kernel_receive_buffer"};
+    static const char *const kReasons[kDropReasons] = {
+        "refused_sender", "malformed",        "unknown_handle",       "subscriber_unreachable",
+        "answer_unsent",  "subscriber_limit", "kernel_receive_buffer"};
     return reason >= 0 && reason < kDropReasons ? kReasons[reason] : "unknown";
 }
 
@@ -125,6 +113,12 @@ std::vector<std::string> Counters::lines() const {
 }
 
 Dch::Dch(Transport &transport) : transport_(transport), reply_(kReplySize) {}
+
+size_t Dch::catalogueBytes() const {
+    size_t bytes = 0;
+    for (const auto &[name, application] : applications_) bytes += application.requestBytes();
+    return bytes;
+}
 
 void Dch::handle(const Request &request) {
     ZEVD_TRACE_FUNCTION("Dch::handle");

@@ -23,6 +23,7 @@
 #include "common/message.h"
 #include "zev0.h"
 #include "zevd610.h"
+#include "zevdchd_catalogue.h"
 
 namespace zevd::dch {
 
@@ -33,9 +34,12 @@ inline constexpr size_t kReplySize = 64 * 1024;
 // Limits that keep the daemon's memory bounded whatever its clients send.
 inline constexpr size_t kMaxApplications = 1024;
 inline constexpr size_t kMaxHandles = 65536;
-inline constexpr size_t kMaxSubscribers = 1024;  // of each kind
-inline constexpr size_t kMaxActions = 4096;      // the oldest is forgotten beyond
-inline constexpr size_t kMaxDeferred = 4096;     // likewise
+inline constexpr size_t kMaxActions = 4096;   // the oldest is forgotten beyond
+inline constexpr size_t kMaxDeferred = 4096;  // likewise
+// The defaults of --max-catalogue (bytes of registration text of every
+// catalogue together) and --max-subscribers (data and status together).
+inline constexpr size_t kDefaultMaxCatalogue = size_t{64} << 20;
+inline constexpr size_t kDefaultMaxSubscribers = 4096;
 // A subscriber is dropped after this many failed sends, unless this many
 // sends in a row succeeded in between (a UDP peer that has gone reports
 // its refusal on every other send).
@@ -56,13 +60,6 @@ struct Peer {
     bool operator==(const Peer &other) const;
 };
 
-struct Attribute {
-    std::string name;
-    char type = 0;
-    int32_t size = 0;
-    std::string help;
-};
-
 // True for the type letters whose values are integers: A C G L N (2 or 4
 // bytes) and I S (2 bytes). Every other letter is text.
 bool isNumberType(char type);
@@ -75,21 +72,14 @@ struct LatestValue {
     std::string text;
 };
 
-struct Group {
+// A registered application: its own name and help, and its catalogue.
+struct Application : Catalogue {
     std::string name;
     std::string help;
-    std::vector<Attribute> attributes;
-
-    const Attribute *find(const std::string &attribute) const;
-};
-
-struct Application {
-    std::string name;
-    std::string help;
-    std::vector<Group> groups;
     Peer registeredBy;
 
-    const Group *find(const std::string &group) const;
+    // What it weighs against --max-catalogue.
+    size_t requestBytes() const { return Catalogue::requestBytes(name, help); }
 };
 
 struct OpenHandle {
@@ -148,6 +138,7 @@ enum DropReason : int {
     kDropUnknownHandle,
     kDropSubscriberUnreachable,
     kDropAnswerUnsent,
+    kDropSubscriberLimit,  // a subscription refused: --max-subscribers reached
     kDropKernel,
     kDropReasons
 };
@@ -222,6 +213,12 @@ public:
     // --state-dir: where the catalogue and the open handles are kept. Reads
     // what is there; a file that does not read back whole is set aside.
     void useStateDir(const std::string &dir);
+
+    // --max-catalogue and --max-subscribers.
+    void setMaxCatalogue(size_t bytes) { maxCatalogue_ = bytes; }
+    void setMaxSubscribers(size_t count) { maxSubscribers_ = count; }
+    // The registration text of every catalogue together.
+    size_t catalogueBytes() const;
 
     Counters &counters() { return counters_; }
     const Counters &counters() const { return counters_; }
@@ -326,6 +323,8 @@ private:
     };
     std::vector<Network> allowed_;
     std::string stateDir_;
+    size_t maxCatalogue_ = kDefaultMaxCatalogue;
+    size_t maxSubscribers_ = kDefaultMaxSubscribers;
 };
 
 // The trace name of a request code ("dp_online"), "unknown" for others.

@@ -1,6 +1,7 @@
 // The data consumers' requests: the catalogue queries and the name list,
 // the data and status subscriptions, the actions and the deferred reports.
 #include <algorithm>
+#include <string_view>
 #include <vector>
 
 #include "common/trace.h"
@@ -15,7 +16,7 @@ namespace {
 
 // A catalogue value as the answer carries it: cleaned of the separators,
 // and of control characters, which would break its one entry a line.
-std::string cleaned(const std::string &value) {
+std::string cleaned(std::string_view value) {
     std::vector<char> text(value.begin(), value.end());
     text.push_back('\0');
     ZEVA_validateHelpText(text.data());
@@ -24,10 +25,10 @@ std::string cleaned(const std::string &value) {
     return text.data();
 }
 
-void addLine(std::string &text, std::initializer_list<std::string> values) {
+void addLine(std::string &text, std::initializer_list<std::string_view> values) {
     if (!text.empty()) text += '\n';
     bool first = true;
-    for (const std::string &value : values) {
+    for (std::string_view value : values) {
         if (!first) text += ',';
         text += cleaned(value);
         first = false;
@@ -75,9 +76,10 @@ void Dch::onGetApplAttributes(FieldReader &reader, const Request &request) {
     const Application *application = nullptr;
     if (!readQuery(reader, request, application)) return trc.exit();
     if (application != nullptr) {
-        for (const Group &group : application->groups)
-            for (const Attribute &a : group.attributes)
-                addLine(text, {group.name, a.name, std::string(1, a.type), std::to_string(a.size)});
+        for (Group group : application->groups())
+            for (Attribute a : group.attributes())
+                addLine(text, {group.name(), a.name, std::string_view(&a.type, 1),
+                               std::to_string(a.size)});
     }
     answerText(request, text);
     trc.exit();
@@ -92,9 +94,9 @@ void Dch::onGetApplHelp(FieldReader &reader, const Request &request) {
         // The application's and each group's own help come first, with the
         // names they do not have left empty.
         addLine(text, {"", "", application->help});
-        for (const Group &group : application->groups) {
-            addLine(text, {group.name, "", group.help});
-            for (const Attribute &a : group.attributes) addLine(text, {group.name, a.name, a.help});
+        for (Group group : application->groups()) {
+            addLine(text, {group.name(), "", group.help()});
+            for (Attribute a : group.attributes()) addLine(text, {group.name(), a.name, a.help});
         }
     }
     answerText(request, text);
@@ -151,9 +153,13 @@ void Dch::subscribe(std::vector<Subscriber> &list, Subscriber subscriber, int32_
     auto same = [&](const Subscriber &s) { return sameSubscription(s, subscriber); };
     auto found = std::find_if(list.begin(), list.end(), same);
     if (operation == 1 && found == list.end()) {
-        if (list.size() >= kMaxSubscribers) {
-            ZEVD_TRACE(trc, TRACE_ERROR, "Error: %s refused: %u subscribers already\n", who.c_str(),
-                       static_cast<unsigned>(kMaxSubscribers));
+        // Data and status subscribers share one bound.
+        size_t subscribers = dataSubscribers_.size() + statusSubscribers_.size();
+        if (subscribers >= maxSubscribers_) {
+            ZEVD_TRACE(trc, TRACE_ERROR,
+                       "Error: %s refused: %zu subscribers already (--max-subscribers)\n",
+                       who.c_str(), subscribers);
+            ++counters_.drops[kDropSubscriberLimit];
             return trc.exit();
         }
         if (!subscriber.appl.empty()) who += " of " + subscriber.appl + " " + subscriber.group;

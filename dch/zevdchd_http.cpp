@@ -85,6 +85,7 @@ MHD_Result onRequest(void *context, MHD_Connection *connection, const char *url,
             *uploadSize = 0;  // a body on a GET means nothing here
             return trc.exit(MHD_YES);
         }
+        server->requestWhole(connection);
         if (strcmp(url, kPagePath) != 0)
             return trc.exit(queueText(connection, MHD_HTTP_NOT_FOUND,
                                       "Not found: this server has only /metrics.\n"));
@@ -121,10 +122,24 @@ MHD_Result onRequest(void *context, MHD_Connection *connection, const char *url,
     }
 }
 
-void onCompleted(void * /*context*/, MHD_Connection * /*connection*/, void **requestState,
+void onCompleted(void *context, MHD_Connection *connection, void **requestState,
                  MHD_RequestTerminationCode /*why*/) noexcept {
     delete static_cast<MetricsServer::Scrape *>(*requestState);
     *requestState = nullptr;
+    static_cast<MetricsServer *>(context)->answered(connection);
+}
+
+void onConnection(void *context, MHD_Connection *connection, void **socketContext,
+                  MHD_ConnectionNotificationCode what) noexcept {
+    auto *server = static_cast<MetricsServer *>(context);
+    try {
+        if (what == MHD_CONNECTION_NOTIFY_STARTED)
+            server->opened(connection, socketContext);
+        else if (what == MHD_CONNECTION_NOTIFY_CLOSED)
+            server->closed(*socketContext);
+    } catch (...) {
+        // Out of memory: the connection goes untracked, and is closed when idle.
+    }
 }
 
 bool allDigitsAndDots(const std::string &text) {
@@ -294,15 +309,22 @@ bool MetricsServer::start(const sockaddr_in &address, std::string *why) {
             MHD_USE_ERROR_LOG,
         0, nullptr, nullptr, &onRequest, this, MHD_OPTION_EXTERNAL_LOGGER, &logServerMessage,
         nullptr, MHD_OPTION_LISTEN_SOCKET, listener, MHD_OPTION_NOTIFY_COMPLETED, &onCompleted,
-        nullptr, MHD_OPTION_CONNECTION_LIMIT, kMetricsConnectionLimit,
-        MHD_OPTION_CONNECTION_TIMEOUT, kMetricsIdleSeconds, MHD_OPTION_CONNECTION_MEMORY_LIMIT,
-        kMetricsRequestBytes, MHD_OPTION_END);
+        this, MHD_OPTION_NOTIFY_CONNECTION, &onConnection, this, MHD_OPTION_CONNECTION_LIMIT,
+        kMetricsConnectionLimit, MHD_OPTION_CONNECTION_TIMEOUT, kMetricsIdleSeconds,
+        MHD_OPTION_CONNECTION_MEMORY_LIMIT, kMetricsRequestBytes, MHD_OPTION_END);
     if (daemon_ == nullptr) {
         *why = "the HTTP server did not start";
         close(listener);
         return trc.exit(false);
     }
-    asker_ = std::thread([this] { board_.runAsker([this] { resumeReady(); }, kAskerTick); });
+    asker_ = std::thread([this] {
+        board_.runAsker(
+            [this] {
+                resumeReady();
+                cutLateRequests();
+            },
+            kAskerTick);
+    });
     return trc.exit(true);
 }
 
@@ -330,6 +352,71 @@ void MetricsServer::resumeReady() {
             ++i;
         }
     }
+}
+
+void MetricsServer::opened(MHD_Connection *connection, void **context) {
+    const MHD_ConnectionInfo *info =
+        MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD);
+    std::lock_guard<std::mutex> lock(trackedMutex_);
+    Tracked &added = tracked_.emplace_back();
+    added.fd = info != nullptr ? info->connect_fd : -1;
+    added.since = Clock::now();
+    *context = &added;
+    // At the limit the server takes no more connections: the oldest that
+    // has not sent a whole request makes room for the next.
+    size_t open = 0;
+    Tracked *oldest = nullptr;
+    for (Tracked &t : tracked_) {
+        if (t.cut) continue;
+        ++open;
+        if (!t.whole && (oldest == nullptr || t.since < oldest->since)) oldest = &t;
+    }
+    if (open >= kMetricsConnectionLimit && oldest != nullptr)
+        cut(*oldest, "closed to make room: the oldest without a whole request");
+}
+
+void MetricsServer::closed(void *context) {
+    std::lock_guard<std::mutex> lock(trackedMutex_);
+    for (auto it = tracked_.begin(); it != tracked_.end(); ++it) {
+        if (&*it == context) {
+            tracked_.erase(it);
+            return;
+        }
+    }
+}
+
+void MetricsServer::requestWhole(MHD_Connection *connection) {
+    const MHD_ConnectionInfo *info =
+        MHD_get_connection_info(connection, MHD_CONNECTION_INFO_SOCKET_CONTEXT);
+    if (info == nullptr || info->socket_context == nullptr) return;
+    std::lock_guard<std::mutex> lock(trackedMutex_);
+    static_cast<Tracked *>(info->socket_context)->whole = true;
+}
+
+void MetricsServer::answered(MHD_Connection *connection) {
+    const MHD_ConnectionInfo *info =
+        MHD_get_connection_info(connection, MHD_CONNECTION_INFO_SOCKET_CONTEXT);
+    if (info == nullptr || info->socket_context == nullptr) return;
+    std::lock_guard<std::mutex> lock(trackedMutex_);
+    auto *tracked = static_cast<Tracked *>(info->socket_context);
+    tracked->whole = false;
+    tracked->since = Clock::now();
+}
+
+void MetricsServer::cut(Tracked &tracked, const char *why) {
+    ZEVD_TRACE_LEVEL("zevdchd::http");
+    tracked.cut = true;
+    if (tracked.fd < 0) return;
+    shutdown(tracked.fd, SHUT_RDWR);
+    // At the detail level, like the server's own messages about bad clients.
+    ZEVD_TRACE(trc, TRACE_DETAIL, "metrics connection fd %d %s\n", tracked.fd, why);
+}
+
+void MetricsServer::cutLateRequests() {
+    Clock::time_point late = Clock::now() - requestTime_;
+    std::lock_guard<std::mutex> lock(trackedMutex_);
+    for (Tracked &t : tracked_)
+        if (!t.whole && !t.cut && t.since <= late) cut(t, "closed: no whole request in time");
 }
 
 void MetricsServer::stop() {

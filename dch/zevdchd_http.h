@@ -17,6 +17,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
+#include <list>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -46,6 +47,9 @@ inline constexpr char kMetricsDefaultHost[] = "127.0.0.1";
 inline constexpr unsigned kMetricsConnectionLimit = 256;
 inline constexpr unsigned kMetricsIdleSeconds = 10;
 inline constexpr size_t kMetricsRequestBytes = 32 * 1024;
+// How long a connection may take to send a whole request, from its accept
+// or from the end of its last answer.
+inline constexpr std::chrono::seconds kMetricsRequestTime{5};
 // How long a scrape waits for the worker's snapshot before it is answered
 // 503, and how often the asker looks at the scrapes that wait.
 inline constexpr std::chrono::milliseconds kSnapshotWait{5000};
@@ -119,10 +123,17 @@ private:
 };
 
 // The HTTP server. GET (and HEAD) /metrics answer the page; any other path
-// is 404, any other method on /metrics 405.
+// is 404, any other method on /metrics 405. A connection that has not sent
+// a whole request within requestTime of its accept (or of the end of its
+// last answer: an idle kept connection counts as a late one) is closed,
+// whatever it trickles; at the connection limit the oldest connection
+// without a whole request is closed to make room, so slow clients, however
+// many come and go, cannot keep a scrape out.
 class MetricsServer {
 public:
-    explicit MetricsServer(MetricsBoard &board) : board_(board) {}
+    explicit MetricsServer(MetricsBoard &board,
+                           std::chrono::milliseconds requestTime = kMetricsRequestTime)
+        : board_(board), requestTime_(requestTime) {}
     ~MetricsServer();
     MetricsServer(const MetricsServer &) = delete;
     MetricsServer &operator=(const MetricsServer &) = delete;
@@ -147,10 +158,32 @@ public:
     bool park(MHD_Connection *connection, const Scrape *scrape);
     MetricsBoard &board() { return board_; }
 
+    // For the server's callbacks, on the HTTP thread: a connection was
+    // accepted (context is its socket context) or closed; its request is
+    // whole; its answer has been sent, and the next request's time begins.
+    void opened(MHD_Connection *connection, void **context);
+    void closed(void *context);
+    void requestWhole(MHD_Connection *connection);
+    void answered(MHD_Connection *connection);
+
 private:
+    using Clock = MetricsBoard::Clock;
+    struct Tracked {
+        int fd = -1;
+        Clock::time_point since{};  // accepted, or its last answer sent
+        bool whole = false;         // its request is whole
+        bool cut = false;           // shut down, not yet closed by the server
+    };
     // The asker's changed(): resumes the connections whose snapshot is in,
     // whose time is up, or all of them once stopping.
     void resumeReady();
+    // Also the asker's: shuts down the connections whose request is late.
+    void cutLateRequests();
+    // Shuts tracked down: the server then reads its end and closes it, on
+    // its own thread. Called with trackedMutex_ held, so the descriptor is
+    // still the connection's (the server closes it only after its close
+    // notification, which takes the mutex).
+    void cut(Tracked &tracked, const char *why);
 
     MetricsBoard &board_;
     MHD_Daemon *daemon_ = nullptr;
@@ -159,6 +192,9 @@ private:
     std::mutex parkedMutex_;
     std::vector<std::pair<MHD_Connection *, const Scrape *>> parked_;
     bool stopping_ = false;
+    std::chrono::milliseconds requestTime_;
+    std::mutex trackedMutex_;
+    std::list<Tracked> tracked_;  // every open connection, in accept order
 };
 
 }  // namespace zevd::dch

@@ -31,7 +31,8 @@ constexpr long kLoopCheckNanoseconds = 250L * 1000 * 1000;
 
 const char kUsage[] =
     "usage: zevdchd [--port N] [--allow CIDR,...] [--state-dir DIR] [--rcvbuf BYTES]\n"
-    "               [--metrics [ADDR:]PORT] [--trace LEVELS] [--trace-file PATH]\n"
+    "               [--metrics [ADDR:]PORT] [--max-catalogue BYTES]\n"
+    "               [--max-subscribers N] [--trace LEVELS] [--trace-file PATH]\n"
     "               [--help] [--version]\n"
     "\n"
     "The reference DCH: serves data providers and consumers on one UDP and TCP\n"
@@ -47,7 +48,18 @@ const char kUsage[] =
     "  --metrics [ADDR:]PORT\n"
     "                    serve GET /metrics (Prometheus text format) over HTTP on\n"
     "                    ADDR:PORT, 127.0.0.1 when only PORT is given; port 0\n"
-    "                    lets the system choose (default: off)\n"
+    "                    lets the system choose (default: off); a connection that\n"
+    "                    has not sent a whole request within 5 s is closed, and\n"
+    "                    at 256 connections the oldest such one makes room\n"
+    "  --max-catalogue BYTES\n"
+    "                    registration text of every catalogue together, 1 to\n"
+    "                    1099511627776 (default: 67108864); a register past it,\n"
+    "                    or past 1024 groups or 4096 attributes a group, is\n"
+    "                    answered 21 and changes nothing\n"
+    "  --max-subscribers N\n"
+    "                    data and status subscribers together, 1 to 1048576\n"
+    "                    (default: 4096); a subscription past it is refused,\n"
+    "                    traced and counted (drops reason subscriber_limit)\n"
     "  --trace LEVELS    trace levels, as ZEVA_TRACE (e.g. zevdchd=all)\n"
     "  --trace-file PATH append the trace to PATH (default: standard error)\n"
     "  --help            this text\n"
@@ -75,6 +87,17 @@ long receiveBufferBytes(const char *text) {
     return bytes;
 }
 
+// A limit as --max-catalogue and --max-subscribers take it: a decimal
+// number from 1 to most; 0 when it is not one.
+size_t limitValue(const char *text, unsigned long long most) {
+    char *end = nullptr;
+    errno = 0;
+    unsigned long long value = strtoull(text, &end, 10);
+    if (*text < '0' || *text > '9' || *end != '\0' || errno != 0 || value < 1 || value > most)
+        return 0;
+    return static_cast<size_t>(value);
+}
+
 void writeCounters(Dch &dch, const Worker &worker) {
     ZEVD_TRACE_LEVEL("zevdchd::counters");
     dch.counters().drops[kDropKernel] = worker.kernelDrops();
@@ -90,6 +113,8 @@ int run(int argc, char **argv) {
         {"state-dir", required_argument, nullptr, 's'},
         {"rcvbuf", required_argument, nullptr, 'r'},
         {"metrics", required_argument, nullptr, 'm'},
+        {"max-catalogue", required_argument, nullptr, 'C'},
+        {"max-subscribers", required_argument, nullptr, 'S'},
         {"trace", required_argument, nullptr, 't'},
         {"trace-file", required_argument, nullptr, 'f'},
         {"help", no_argument, nullptr, 'h'},
@@ -100,6 +125,8 @@ int run(int argc, char **argv) {
     std::string stateDir;
     const char *receiveBuffer = nullptr;
     const char *metrics = nullptr;
+    size_t maxCatalogue = kDefaultMaxCatalogue;
+    size_t maxSubscribers = kDefaultMaxSubscribers;
     opterr = 0;
     int option = 0;
     while ((option = getopt_long(argc, argv, ":", kOptions, nullptr)) != -1) {
@@ -116,6 +143,17 @@ int run(int argc, char **argv) {
             case 's': stateDir = optarg; break;
             case 'r': receiveBuffer = optarg; break;
             case 'm': metrics = optarg; break;
+            case 'C':
+                if ((maxCatalogue = limitValue(optarg, 1ULL << 40)) == 0)
+                    return usageError(std::string("--max-catalogue takes 1 to 1099511627776 bytes, "
+                                                  "not '") +
+                                      optarg + "'");
+                break;
+            case 'S':
+                if ((maxSubscribers = limitValue(optarg, 1ULL << 20)) == 0)
+                    return usageError(std::string("--max-subscribers takes 1 to 1048576, not '") +
+                                      optarg + "'");
+                break;
             case 't': setenv("ZEVA_TRACE", optarg, 1); break;
             case 'f': setenv("ZEVA_TRACE_FILE", optarg, 1); break;
             case 'h': fputs(kUsage, stdout); return 0;
@@ -155,6 +193,8 @@ int run(int argc, char **argv) {
     if (allowList != nullptr && !dch->allow(allowList, &bad))
         return usageError("--allow or ZEVA_DCH_ALLOW: '" + bad + "' is not a network a.b.c.d/n");
     dch->allowOwnAddresses();
+    dch->setMaxCatalogue(maxCatalogue);
+    dch->setMaxSubscribers(maxSubscribers);
     if (!stateDir.empty()) dch->useStateDir(stateDir);
 
     auto *sock = new ipcSock(IPC_SERVICE_SERVER, 0, 0);

@@ -7,7 +7,9 @@
 
 #include <algorithm>
 #include <map>
+#include <optional>
 #include <string_view>
+#include <utility>
 
 namespace zevd::dch {
 
@@ -31,35 +33,36 @@ MetricsSnapshot metricsSnapshot(const Dch &dch) {
 
     // Handles of one group mostly follow each other: the last group found
     // is tried first.
-    std::map<const Group *, size_t> groupIndex;
+    std::map<std::pair<const Catalogue *, size_t>, size_t> groupIndex;
     const OpenHandle *last = nullptr;
-    const Group *group = nullptr;
+    std::optional<Group> group;
     size_t index = 0;
     snapshot.series.reserve(dch.handles().size());
     for (const auto &[id, handle] : dch.handles()) {
         if (handle.latest.empty()) continue;  // no row yet
         if (last == nullptr || handle.appl != last->appl || handle.group != last->group) {
             last = &handle;
-            group = nullptr;
+            group.reset();
             auto application = dch.applications().find(handle.appl);
             if (application != dch.applications().end())
                 group = application->second.find(handle.group);
-            if (group == nullptr) continue;
-            auto found = groupIndex.find(group);
+            if (!group) continue;
+            auto key = std::make_pair(&group->catalogue(), group->index());
+            auto found = groupIndex.find(key);
             if (found != groupIndex.end()) {
                 index = found->second;
             } else {
                 index = snapshot.groups.size();
-                groupIndex.emplace(group, index);
+                groupIndex.emplace(key, index);
                 MetricsGroup &copy = snapshot.groups.emplace_back();
                 copy.appl = handle.appl;
                 copy.group = handle.group;
-                copy.attributes.reserve(group->attributes.size());
-                for (const Attribute &attribute : group->attributes)
-                    copy.attributes.push_back({attribute.name, attribute.type});
+                copy.attributes.reserve(group->size());
+                for (Attribute attribute : group->attributes())
+                    copy.attributes.push_back({std::string(attribute.name), attribute.type});
             }
         }
-        if (group == nullptr || group->attributes.size() != handle.latest.size()) continue;
+        if (!group || group->size() != handle.latest.size()) continue;
         snapshot.series.push_back({index, handle.source, handle.id, handle.latest});
     }
     return snapshot;

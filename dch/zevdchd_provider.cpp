@@ -40,53 +40,69 @@ const char *attributeFault(int16_t letter, int32_t size) {
 }
 
 // Reads the register request into application. Returns kOk, kMalformed
-// (the fields do not read) or kBadCatalogue (with *why).
+// (the fields do not read), kBadCatalogue or kFull (past a limit of one
+// catalogue), the last two with *why. Stops at the first fault: a request
+// past a limit costs no more than the limit.
 int32_t readCatalogue(FieldReader &reader, Application &application, std::string &why) {
     if (!readName(reader, DCH_applName, kApplNameMax, application.name) ||
         !readString(reader, 0x200, kTextMax, application.help)) {
         why = "no application name and help";
         return kMalformed;
     }
+    // Reused from entry to entry: the catalogue keeps its own copy.
+    std::string name, help;
     while (!reader.atEnd()) {
-        Group group;
-        if (!readName(reader, DCH_attrGroup, kGroupNameMax, group.name) ||
-            !readString(reader, 0x200, kTextMax, group.help)) {
+        if (!readName(reader, DCH_attrGroup, kGroupNameMax, name) ||
+            !readString(reader, 0x200, kTextMax, help)) {
             why = "a group without a name and help";
             return kMalformed;
         }
+        if (application.groupCount() >= kMaxGroups) {
+            why = "more than " + std::to_string(kMaxGroups) + " groups";
+            return kFull;
+        }
+        Catalogue::Added added = application.addGroup(name, help);
+        if (added != Catalogue::kAdded) {
+            why = added == Catalogue::kTwice ? "group " + name + " twice" : "a catalogue too large";
+            return added == Catalogue::kTwice ? kBadCatalogue : kFull;
+        }
+        std::string group = name;
+        size_t attributes = 0;
         for (;;) {
             FieldReader probe = reader;
             if (reader.atEnd() || probe.next() != DCH_attrName) break;
-            Attribute attribute;
             int16_t letter = 0;
-            if (!readName(reader, DCH_attrName, kAttrNameMax, attribute.name) ||
-                !read16(reader, 0x201, letter) || !read32(reader, 0x202, attribute.size) ||
-                !readString(reader, 0x200, kTextMax, attribute.help)) {
+            int32_t size = 0;
+            if (!readName(reader, DCH_attrName, kAttrNameMax, name) ||
+                !read16(reader, 0x201, letter) || !read32(reader, 0x202, size) ||
+                !readString(reader, 0x200, kTextMax, help)) {
                 why = "an attribute without its name, type, size and help";
                 return kMalformed;
             }
-            attribute.type = static_cast<char>(letter);
-            const char *fault = attributeFault(letter, attribute.size);
+            const char *fault = attributeFault(letter, size);
             if (fault != nullptr) {
-                why = "attribute " + attribute.name + ": " + fault;
+                why = "attribute " + name + ": " + fault;
                 return kBadCatalogue;
             }
-            if (group.find(attribute.name) != nullptr) {
-                why = "attribute " + attribute.name + " twice in group " + group.name;
-                return kBadCatalogue;
+            if (attributes == kMaxAttributes) {
+                why = "group " + group + " has more than " + std::to_string(kMaxAttributes) +
+                      " attributes";
+                return kFull;
             }
-            group.attributes.push_back(std::move(attribute));
+            added = application.addAttribute(name, static_cast<char>(letter), size, help);
+            if (added != Catalogue::kAdded) {
+                why = added == Catalogue::kTwice ? "attribute " + name + " twice in group " + group
+                                                 : "a catalogue too large";
+                return added == Catalogue::kTwice ? kBadCatalogue : kFull;
+            }
+            ++attributes;
         }
-        if (group.attributes.empty()) {
-            why = "group " + group.name + " has no attributes";
+        if (attributes == 0) {
+            why = "group " + group + " has no attributes";
             return kBadCatalogue;
         }
-        if (application.find(group.name) != nullptr) {
-            why = "group " + group.name + " twice";
-            return kBadCatalogue;
-        }
-        application.groups.push_back(std::move(group));
     }
+    application.compact();
     return kOk;
 }
 
@@ -106,6 +122,21 @@ void Dch::onRegister(FieldReader &reader, const Request &request) {
         why = "the catalogue holds " + std::to_string(kMaxApplications) + " applications";
         status = kFull;
     }
+    if (status == kOk) {
+        // Within --max-catalogue once the application's old catalogue, if
+        // any, has made room.
+        auto old = applications_.find(application.name);
+        size_t others =
+            catalogueBytes() - (old != applications_.end() ? old->second.requestBytes() : 0);
+        size_t bytes = application.requestBytes();
+        if (bytes > maxCatalogue_ || others > maxCatalogue_ - bytes) {
+            why = "its " + std::to_string(bytes) + " bytes of registration text would pass the " +
+                  std::to_string(maxCatalogue_) +
+                  " bytes of every catalogue together (--max-catalogue; " + std::to_string(others) +
+                  " held)";
+            status = kFull;
+        }
+    }
     if (status != kOk) {
         ZEVD_TRACE(trc, TRACE_ERROR, "Error: dp_register from %s port %d refused (%d): %s\n",
                    request.from.host().c_str(), request.from.port(), status, why.c_str());
@@ -117,7 +148,7 @@ void Dch::onRegister(FieldReader &reader, const Request &request) {
     application.registeredBy = request.from;
     std::string name = application.name;
     ZEVD_TRACE(trc, TRACE_DETAIL, "application %s registered with %u groups\n", name.c_str(),
-               static_cast<unsigned>(application.groups.size()));
+               static_cast<unsigned>(application.groupCount()));
     applications_[name] = std::move(application);
     // The values kept under the old catalogue may name attributes it no
     // longer has, or with another type.
@@ -142,7 +173,7 @@ void Dch::onOnline(FieldReader &reader, const Request &request) {
     int32_t status = kOk;
     if (application == applications_.end())
         status = kUnknownAppl;
-    else if (application->second.find(handle.group) == nullptr)
+    else if (application->second.find(handle.group) == std::nullopt)
         status = kUnknownGroup;
     else if (handles_.size() >= kMaxHandles)
         status = kFull;
@@ -238,14 +269,14 @@ void Dch::onData(FieldReader &reader, const Request &request) {
         fault = "no handle and data flag";
     }
     auto it = handles_.find(id);
-    const Group *group = nullptr;
+    std::optional<Group> group;
     if (status == kOk && it == handles_.end()) {
         status = kUnknownHandle;
         fault = "no handle " + std::to_string(id);
     } else if (status == kOk) {
         auto application = applications_.find(it->second.appl);
         if (application != applications_.end()) group = application->second.find(it->second.group);
-        if (group == nullptr) {
+        if (group == std::nullopt) {
             status = kUnknownGroup;
             fault = "the group of handle " + std::to_string(id) + " is no longer registered";
         }
@@ -258,20 +289,21 @@ void Dch::onData(FieldReader &reader, const Request &request) {
             fault = "an attribute pair does not read";
             break;
         }
-        const Attribute *attribute = group->find(name);
+        size_t index = group->find(name);
+        std::optional<Attribute> attribute;
+        if (index != Group::kNone) attribute = group->at(index);
         int length = reader.length();
-        bool fits =
-            attribute != nullptr && (isIntegerLetter(attribute->type) ? length == 2 || length == 4
-                                     : isShortLetter(attribute->type) ? length == 2
-                                                                      : length <= attribute->size);
+        bool fits = attribute && (isIntegerLetter(attribute->type) ? length == 2 || length == 4
+                                  : isShortLetter(attribute->type) ? length == 2
+                                                                   : length <= attribute->size);
         if (!fits) {
             status = kUnknownAttr;
-            fault = attribute == nullptr ? "no attribute " + name + " in its group"
-                                         : "attribute " + name + " has a value of " +
-                                               std::to_string(length) + " bytes";
+            fault = !attribute ? "no attribute " + name + " in its group"
+                               : "attribute " + name + " has a value of " + std::to_string(length) +
+                                     " bytes";
             break;
         }
-        RowValue value{static_cast<size_t>(attribute - group->attributes.data()), 0, nullptr, 0};
+        RowValue value{index, 0, nullptr, 0};
         if (isNumberType(attribute->type)) {
             value.number = length == 2 ? reader.int16() : reader.int32();
         } else {
@@ -307,8 +339,7 @@ void Dch::onData(FieldReader &reader, const Request &request) {
     }
     // Only now is the row accepted: its values become the handle's latest.
     OpenHandle &kept = it->second;
-    if (kept.latest.size() != group->attributes.size())
-        kept.latest.assign(group->attributes.size(), LatestValue{});
+    if (kept.latest.size() != group->size()) kept.latest.assign(group->size(), LatestValue{});
     for (const RowValue &value : rowValues_) {
         LatestValue &latest = kept.latest[value.attribute];
         latest.set = true;

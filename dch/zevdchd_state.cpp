@@ -28,6 +28,7 @@
 #include <ctime>
 #include <fstream>
 #include <sstream>
+#include <string_view>
 
 #include "common/trace.h"
 #include "zevdchd.h"
@@ -57,7 +58,7 @@ std::string sumText(uint64_t sum) {
     return text;
 }
 
-std::string encode(const std::string &text) {
+std::string encode(std::string_view text) {
     std::string out = "=";
     char hex[4];
     for (unsigned char c : text) {
@@ -142,7 +143,7 @@ bool Dch::loadState(const std::string &path, std::string *why) {
     size_t records = 0;
     bool ended = false;
     Application *application = nullptr;
-    Group *group = nullptr;
+    bool inGroup = false;
     int number = 0;
     auto fail = [&](const char *what) {
         *why = std::string(what) + " at line " + std::to_string(number);
@@ -170,25 +171,22 @@ bool Dch::loadState(const std::string &path, std::string *why) {
                 applications_.count(a.name) != 0 || applications_.size() >= kMaxApplications)
                 return fail("a bad appl");
             application = &(applications_[a.name] = std::move(a));
-            group = nullptr;
+            inGroup = false;
         } else if (kind == "group") {
-            std::string name, help;
-            Group g;
-            if (application == nullptr || !(in >> name >> help) || !decode(name, g.name) ||
-                !decode(help, g.help) || !nothingMore(in) || g.name.empty())
+            std::string name, help, groupName, groupHelp;
+            if (application == nullptr || !(in >> name >> help) || !decode(name, groupName) ||
+                !decode(help, groupHelp) || !nothingMore(in) || groupName.empty() ||
+                application->addGroup(groupName, groupHelp) != Catalogue::kAdded)
                 return fail("a bad group");
-            application->groups.push_back(std::move(g));
-            group = &application->groups.back();
+            inGroup = true;
         } else if (kind == "attr") {
-            std::string name, type, help;
-            Attribute a;
-            if (group == nullptr || !(in >> name >> type >> a.size >> help) ||
-                !decode(name, a.name) || !decode(help, a.help) || type.size() != 1 ||
-                type[0] < 'A' || type[0] > 'Z' || a.size < 1 || a.size > 4096 || !nothingMore(in) ||
-                a.name.empty())
+            std::string name, type, help, attrName, attrHelp;
+            int32_t size = 0;
+            if (!inGroup || !(in >> name >> type >> size >> help) || !decode(name, attrName) ||
+                !decode(help, attrHelp) || type.size() != 1 || type[0] < 'A' || type[0] > 'Z' ||
+                size < 1 || size > 4096 || !nothingMore(in) || attrName.empty() ||
+                application->addAttribute(attrName, type[0], size, attrHelp) != Catalogue::kAdded)
                 return fail("a bad attr");
-            a.type = type[0];
-            group->attributes.push_back(std::move(a));
         } else if (kind == "handle") {
             std::string appl, groupName, source;
             OpenHandle h;
@@ -212,6 +210,7 @@ bool Dch::loadState(const std::string &path, std::string *why) {
         ++records;
     }
     if (!ended) return fail("no end (the file is cut short)");
+    for (auto &[name, kept] : applications_) kept.compact();
     return true;
 }
 
@@ -225,10 +224,10 @@ void Dch::saveState() {
         out << "appl " << encode(a.name) << ' ' << encode(a.help) << ' '
             << encodePeer(a.registeredBy) << '\n';
         ++records;
-        for (const Group &g : a.groups) {
-            out << "group " << encode(g.name) << ' ' << encode(g.help) << '\n';
+        for (Group g : a.groups()) {
+            out << "group " << encode(g.name()) << ' ' << encode(g.help()) << '\n';
             ++records;
-            for (const Attribute &at : g.attributes) {
+            for (Attribute at : g.attributes()) {
                 out << "attr " << encode(at.name) << ' ' << at.type << ' ' << at.size << ' '
                     << encode(at.help) << '\n';
                 ++records;

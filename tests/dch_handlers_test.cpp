@@ -15,6 +15,7 @@
 #include <ostream>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -39,7 +40,7 @@ using namespace zevd::test;  // the requests, the recording transport and Daemon
 
 // Everything the daemon holds, as text: equal texts, nothing changed.
 std::string stateOf(const Dch &dch) {
-    auto quoted = [](const std::string &value) {
+    auto quoted = [](std::string_view value) {
         std::string out = "<";
         char hex[8];
         for (unsigned char c : value) {
@@ -59,9 +60,9 @@ std::string stateOf(const Dch &dch) {
     for (const auto &[key, a] : dch.applications()) {
         out << "appl " << quoted(key) << quoted(a.name) << quoted(a.help) << peer(a.registeredBy)
             << '\n';
-        for (const dch::Group &g : a.groups) {
-            out << " group " << quoted(g.name) << quoted(g.help) << '\n';
-            for (const dch::Attribute &at : g.attributes)
+        for (dch::Group g : a.groups()) {
+            out << " group " << quoted(g.name()) << quoted(g.help()) << '\n';
+            for (dch::Attribute at : g.attributes())
                 out << "  attr " << quoted(at.name) << at.type << at.size << quoted(at.help)
                     << '\n';
         }
@@ -96,22 +97,22 @@ TEST(DchProviderTest, RegisterStoresTheCatalogue) {
     EXPECT_EQ(app.name, "app");
     EXPECT_EQ(app.help, "app help");
     EXPECT_EQ(app.registeredBy, kProvider);
-    ASSERT_EQ(app.groups.size(), 2u);
-    EXPECT_EQ(app.groups[0].name, "grp");
-    EXPECT_EQ(app.groups[0].help, "grp help");
-    ASSERT_EQ(app.groups[0].attributes.size(), 2u);
-    const dch::Attribute &count = app.groups[0].attributes[0];
+    ASSERT_EQ(app.groupCount(), 2u);
+    EXPECT_EQ(app.at(0).name(), "grp");
+    EXPECT_EQ(app.at(0).help(), "grp help");
+    ASSERT_EQ(app.at(0).size(), 2u);
+    const dch::Attribute count = app.at(0).at(0);
     EXPECT_EQ(count.name, "count");
     EXPECT_EQ(count.type, 'A');
     EXPECT_EQ(count.size, 4);
     EXPECT_EQ(count.help, "how many");
-    EXPECT_EQ(app.groups[0].attributes[1].name, "name");
-    EXPECT_EQ(app.groups[0].attributes[1].type, 'D');
-    EXPECT_EQ(app.groups[0].attributes[1].size, 8);
-    EXPECT_EQ(app.groups[1].name, "other");
-    EXPECT_EQ(app.groups[1].help, "");
-    ASSERT_EQ(app.groups[1].attributes.size(), 1u);
-    EXPECT_EQ(app.groups[1].attributes[0].type, 'S');
+    EXPECT_EQ(app.at(0).at(1).name, "name");
+    EXPECT_EQ(app.at(0).at(1).type, 'D');
+    EXPECT_EQ(app.at(0).at(1).size, 8);
+    EXPECT_EQ(app.at(1).name(), "other");
+    EXPECT_EQ(app.at(1).help(), "");
+    ASSERT_EQ(app.at(1).size(), 1u);
+    EXPECT_EQ(app.at(1).at(0).type, 'S');
     EXPECT_EQ(d.dch.counters().requests.at(ZEVD_REQ_DP_REGISTER).load(), 1u);
     EXPECT_EQ(d.dch.counters().answers.load(), 1u);
     EXPECT_TRUE(capture.lines().empty()) << capture.joined();
@@ -121,12 +122,12 @@ TEST(DchProviderTest, RegisterStoresTheCatalogue) {
     const dch::Application &again = d.dch.applications().at("app");
     EXPECT_EQ(again.help, "new help");
     EXPECT_EQ(again.registeredBy, kOtherProvider);
-    ASSERT_EQ(again.groups.size(), 1u);
-    EXPECT_EQ(again.groups[0].name, "other");
+    ASSERT_EQ(again.groupCount(), 1u);
+    EXPECT_EQ(again.at(0).name(), "other");
 
     // An application without groups.
     EXPECT_EQ(d.ask(registerRequest("bare", "", {}), kProvider), status(0));
-    EXPECT_TRUE(d.dch.applications().at("bare").groups.empty());
+    EXPECT_TRUE(d.dch.applications().at("bare").groupCount() == 0);
 }
 
 TEST(DchProviderTest, OnlineGivesHandlesCountingUpFromOne) {
@@ -1227,6 +1228,7 @@ TEST(DchCountersTest, LinesAfterASmallScenario) {
         "counter drops{reason=\"unknown_handle\"} 1",
         "counter drops{reason=\"subscriber_unreachable\"} 0",
         "counter drops{reason=\"answer_unsent\"} 0",
+        "counter drops{reason=\"subscriber_limit\"} 0",
         "counter drops{reason=\"kernel_receive_buffer\"} 0",
     };
     EXPECT_EQ(d.dch.counters().lines(), expected);
@@ -1341,7 +1343,7 @@ TEST(DchStateTest, TextsWithBlanksPercentAndOtherBytesComeBackWhole) {
     EXPECT_EQ(stateOf(second.dch), kept);
     ASSERT_EQ(second.dch.applications().count(appl), 1u);
     EXPECT_EQ(second.dch.applications().at(appl).help, "a b  c %25 \xff\x01");
-    EXPECT_EQ(second.dch.applications().at(appl).groups[0].attributes[0].help,
+    EXPECT_EQ(second.dch.applications().at(appl).at(0).at(0).help,
               "100% \xe2\x82\xac\nsecond line =x %");
     EXPECT_EQ(second.dch.handles().at(1).source, "s\xc3\xb8urce%");
     EXPECT_FALSE(capture.contains("Error:")) << capture.joined();

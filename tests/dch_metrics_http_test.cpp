@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <thread>
@@ -345,18 +346,78 @@ TEST(DchMetricsHttpBadInputTest, SlowClientsHoldNothingButTheirConnection) {
     }
 }
 
-TEST(DchMetricsHttpBadInputTest, AClientThatStopsMidRequestIsClosedWhenIdle) {
+TEST(DchMetricsHttpBadInputTest, AClientThatTricklesIsClosedWhenItsRequestIsLate) {
+    // A byte every half second keeps the connection from ever being idle:
+    // only the request's own deadline ends it.
     int fd = connectLoopback(MetricsDaemon::port());
     ASSERT_GE(fd, 0);
-    ASSERT_TRUE(sendAll(fd, "GET /metr"));
     auto started = std::chrono::steady_clock::now();
-    HttpReply reply = readReply(fd, false, seconds(dch::kMetricsIdleSeconds + 10));
+    const std::string head = "GET /metrics HTTP/1.1\r\nX-Slow: " + std::string(40, 'x');
+    HttpReply reply;
+    for (size_t i = 0; i < head.size() && !reply.closed; ++i) {
+        if (!sendAll(fd, head.substr(i, 1))) break;
+        reply = readReply(fd, false, milliseconds(500));
+    }
+    if (!reply.closed) reply = readReply(fd, false, seconds(10));
     auto waited = std::chrono::steady_clock::now() - started;
     EXPECT_TRUE(reply.closed);
     EXPECT_EQ(reply.status, 0);
-    EXPECT_GE(waited, seconds(dch::kMetricsIdleSeconds - 1));
-    EXPECT_LT(waited, seconds(dch::kMetricsIdleSeconds + 10));
+    EXPECT_GE(waited, dch::kMetricsRequestTime - milliseconds(200));
+    EXPECT_LT(waited, dch::kMetricsRequestTime + seconds(5));
     close(fd);
+}
+
+TEST(DchMetricsHttpBadInputTest, SlowlorisClientsAtTheLimitLeaveScrapesAnswered) {
+    // As many clients as the server takes, each sending its request head a
+    // byte every two seconds, never idle long enough to be closed for it.
+    uint16_t port = MetricsDaemon::port();
+    pid_t pid = MetricsDaemon::daemon().pid();
+    int descriptors = openDescriptors(pid);
+    std::vector<int> fds;
+    std::vector<std::chrono::steady_clock::time_point> connected;
+    for (unsigned i = 0; i < dch::kMetricsConnectionLimit; ++i) {
+        int fd = connectLoopback(port);
+        ASSERT_GE(fd, 0) << i;
+        connected.push_back(std::chrono::steady_clock::now());
+        sendAll(fd, "G");
+        fds.push_back(fd);
+    }
+    std::atomic<bool> done{false};
+    std::thread trickle([&] {
+        const std::string rest = "ET /metrics HTTP/1.1\r\nX-Slow: " + std::string(100, 'x');
+        for (size_t i = 0; !done.load() && i < rest.size(); ++i) {
+            for (int fd : fds) send(fd, &rest[i], 1, MSG_NOSIGNAL | MSG_DONTWAIT);
+            for (int tick = 0; tick < 20 && !done.load(); ++tick)
+                std::this_thread::sleep_for(milliseconds(100));
+        }
+    });
+    // The server has taken them (all but the one or two that made room).
+    EXPECT_TRUE(waitFor(
+        [&] { return openDescriptors(pid) >= descriptors + int{dch::kMetricsConnectionLimit} - 2; },
+        seconds(10)))
+        << openDescriptors(pid) << " descriptors, " << descriptors << " before";
+    // A scrape now is answered, well before the slow clients' deadlines.
+    auto asked = std::chrono::steady_clock::now();
+    HttpReply reply = httpExchange(port, httpRequestText("GET", "/metrics"), false, seconds(4));
+    auto latency =
+        std::chrono::duration_cast<milliseconds>(std::chrono::steady_clock::now() - asked);
+    EXPECT_EQ(reply.status, 200) << "no answer within " << latency.count() << " ms";
+    RecordProperty("scrape_ms", static_cast<int>(latency.count()));
+    printf("scrape beside %u slow clients answered in %lld ms\n", dch::kMetricsConnectionLimit,
+           static_cast<long long>(latency.count()));
+    // The last slow client is closed once its request is late, and so is
+    // every other; then a new scrape finds every place free.
+    HttpReply last = readReply(fds.back(), false, seconds(10));
+    auto lived = std::chrono::steady_clock::now() - connected.back();
+    EXPECT_TRUE(last.closed);
+    EXPECT_GE(lived, dch::kMetricsRequestTime - milliseconds(200));
+    EXPECT_LT(lived, dch::kMetricsRequestTime + seconds(5));
+    done = true;
+    trickle.join();
+    for (int fd : fds) close(fd);
+    EXPECT_TRUE(waitFor([&] { return openDescriptors(pid) <= descriptors; }, seconds(10)))
+        << openDescriptors(pid) << " descriptors, " << descriptors << " before";
+    EXPECT_EQ(httpGet(port).status, 200);
 }
 
 // A dp_online over a TCP connection of its own to the DCH port: its status,
@@ -413,10 +474,11 @@ TEST(DchMetricsHttpBadInputTest, AThousandConnectionsLeaveTheDchServing) {
         // Half of them send the start of a request and stall.
         if (i % 2 == 0) sendAll(fd, "GET /metrics HTTP/1.1\r\n");
     }
-    // The server takes up to its limit; the rest wait in the kernel's
-    // backlog, costing the daemon nothing.
+    // The server takes up to its limit, the oldest connection without a
+    // whole request making room for each one it takes at the limit; the
+    // rest wait in the kernel's backlog, costing the daemon nothing.
     EXPECT_TRUE(waitFor(
-        [&] { return openDescriptors(pid) >= descriptors + int{dch::kMetricsConnectionLimit}; },
+        [&] { return openDescriptors(pid) >= descriptors + int{dch::kMetricsConnectionLimit} - 2; },
         seconds(20)))
         << openDescriptors(pid) << " descriptors, " << descriptors << " before";
     EXPECT_LE(openDescriptors(pid), descriptors + int{dch::kMetricsConnectionLimit} + 2);
@@ -740,10 +802,11 @@ TEST(DchMetricsBoardTest, CloseEndsEveryWaitAtOnce) {
 struct ServerWithoutWorker {
     std::atomic<int> asked{0};
     dch::MetricsBoard board{[this] { ++asked; }, kShortWait};
-    dch::MetricsServer server{board};
+    dch::MetricsServer server;
     uint16_t port = 0;
 
-    ServerWithoutWorker() {
+    explicit ServerWithoutWorker(milliseconds requestTime = dch::kMetricsRequestTime)
+        : server(board, requestTime) {
         std::string why;
         sockaddr_in address = loopbackAddress(0);
         EXPECT_TRUE(server.start(address, &why)) << why;
@@ -821,6 +884,66 @@ TEST(DchMetricsServerTest, StopAnswersTheScrapesThatWait) {
     // Answered because the daemon stops: not an error of the worker's.
     EXPECT_FALSE(capture.contains("no metrics snapshot")) << capture.joined();
     EXPECT_LT(std::chrono::steady_clock::now() - started, seconds(3));
+}
+
+// With a request time far longer than the test, only the making of room
+// closes anything: the oldest silent connection goes when the last place is
+// taken, and a request finds a place.
+TEST(DchMetricsServerTest, AtTheLimitTheOldestSilentConnectionMakesRoom) {
+    rlimit limit{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    if (limit.rlim_cur < 3 * dch::kMetricsConnectionLimit) {
+        limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, 3 * dch::kMetricsConnectionLimit);
+        setrlimit(RLIMIT_NOFILE, &limit);
+        ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    }
+    if (limit.rlim_cur < 3 * dch::kMetricsConnectionLimit)
+        GTEST_SKIP() << "descriptor limit too low";
+    TraceCapture capture("zevdchd=all");
+    ServerWithoutWorker s(seconds(600));
+    std::vector<int> fds;
+    for (unsigned i = 0; i + 1 < dch::kMetricsConnectionLimit; ++i) {
+        int fd = connectLoopback(s.port);
+        ASSERT_GE(fd, 0) << i;
+        fds.push_back(fd);
+    }
+    // The first one has not been closed: there was room for every one.
+    pollfd first = {fds.front(), POLLIN, 0};
+    EXPECT_EQ(poll(&first, 1, 200), 0);
+    EXPECT_FALSE(capture.contains("closed to make room"));
+    // The last place: the oldest silent connection makes room for the next.
+    int last = connectLoopback(s.port);
+    ASSERT_GE(last, 0);
+    fds.push_back(last);
+    HttpReply oldest = readReply(fds.front(), false, seconds(10));
+    EXPECT_TRUE(oldest.closed);
+    EXPECT_TRUE(
+        capture.waitFor("closed to make room: the oldest without a whole request", seconds(10)))
+        << capture.joined();
+    // A request beyond the limit is answered, each taking the place of the
+    // then oldest.
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(httpGet(s.port, "/other").status, 404) << i;
+    HttpReply second = readReply(fds[1], false, seconds(10));
+    EXPECT_TRUE(second.closed);
+    pollfd newest = {fds.back(), POLLIN, 0};
+    EXPECT_EQ(poll(&newest, 1, 0), 0);
+    for (int fd : fds) close(fd);
+}
+
+// An idle kept connection counts as one whose next request is late.
+TEST(DchMetricsServerTest, AKeptConnectionIdlePastTheRequestTimeIsClosed) {
+    ServerWithoutWorker s(milliseconds(300));
+    int fd = connectLoopback(s.port);
+    ASSERT_GE(fd, 0);
+    ASSERT_TRUE(sendAll(fd, "GET /other HTTP/1.1\r\nHost: h\r\n\r\n"));
+    HttpReply reply = readReply(fd);
+    EXPECT_EQ(reply.status, 404);
+    EXPECT_FALSE(reply.closed);
+    auto answered = std::chrono::steady_clock::now();
+    HttpReply next = readReply(fd, false, seconds(10));
+    EXPECT_TRUE(next.closed);
+    EXPECT_GE(std::chrono::steady_clock::now() - answered, milliseconds(250));
+    close(fd);
 }
 
 }  // namespace

@@ -225,7 +225,8 @@ TEST(DchMetricsPageTest, CountersAreOnThePage) {
     EXPECT_NE(page.value("zevd_dch_status_reports_total"), "0");
     std::map<std::string, std::string> drops = {
         {"refused_sender", "0"},         {"malformed", "2"},     {"unknown_handle", "1"},
-        {"subscriber_unreachable", "0"}, {"answer_unsent", "0"}, {"kernel_receive_buffer", "7"},
+        {"subscriber_unreachable", "0"}, {"answer_unsent", "0"}, {"subscriber_limit", "0"},
+        {"kernel_receive_buffer", "7"},
     };
     for (const auto &[reason, value] : drops)
         EXPECT_EQ(page.value(key("zevd_dch_drops_total", {{"reason", reason}})), value) << reason;

@@ -96,6 +96,44 @@ TEST(DchProcessTest, BadUsageEndsItWithStatusTwo) {
     }
 }
 
+TEST(DchProcessTest, LimitsOutOfTheirRangesAreUsageErrors) {
+    const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
+        {{"--max-catalogue", "0"}, "--max-catalogue takes 1 to 1099511627776 bytes, not '0'"},
+        {{"--max-catalogue", "1099511627777"},
+         "--max-catalogue takes 1 to 1099511627776 bytes, not '1099511627777'"},
+        {{"--max-catalogue", "64M"}, "--max-catalogue takes 1 to 1099511627776 bytes, not '64M'"},
+        {{"--max-catalogue", "-1"}, "--max-catalogue takes 1 to 1099511627776 bytes, not '-1'"},
+        {{"--max-subscribers", "0"}, "--max-subscribers takes 1 to 1048576, not '0'"},
+        {{"--max-subscribers", "1048577"}, "--max-subscribers takes 1 to 1048576, not '1048577'"},
+        {{"--max-subscribers", " 5"}, "--max-subscribers takes 1 to 1048576, not ' 5'"},
+        {{"--max-subscribers"}, "--max-subscribers needs a value"},
+    };
+    for (const auto &[args, said] : cases) {
+        DaemonProcess daemon(args);
+        ASSERT_TRUE(daemon.spawn());
+        EXPECT_EQ(exitCode(daemon.waitExit()), 2) << args.back();
+        EXPECT_NE(daemon.trace().find("zevdchd: " + said + "\nTry 'zevdchd --help'."),
+                  std::string::npos)
+            << daemon.trace();
+    }
+}
+
+TEST(DchProcessTest, MaxCatalogueBoundsWhatARegisterMayAdd) {
+    DaemonProcess daemon({"--max-catalogue", "20", "--max-subscribers", "1"});
+    ASSERT_TRUE(daemon.start()) << daemon.trace();
+    setenv("ZEVA_DCH_ADDR", "127.0.0.1", 1);
+    setenv("ZEVA_DCH_PORT", std::to_string(daemon.port()).c_str(), 1);
+    setenv("ZEVA_DCH_TIMEOUT", "5", 1);
+    long status = -1;
+    EXPECT_EQ(dp_register(&status, "APPL a;GROUP g;ATTR x A 4"), 0);
+    EXPECT_EQ(status, ZEVD_DCH_FULL);
+    EXPECT_NE(daemon.trace().find("refused (21): its "), std::string::npos) << daemon.trace();
+    EXPECT_NE(daemon.trace().find(" bytes of every catalogue together (--max-catalogue; 0 held)"),
+              std::string::npos)
+        << daemon.trace();
+    EXPECT_EQ(exitCode(daemon.stop(SIGTERM)), 0);
+}
+
 TEST(DchProcessTest, ReceiveBufferFromTheEnvironmentThatIsBadEndsItWithStatusTwo) {
     DaemonProcess daemon({}, {"ZEVA_DCH_RCVBUF=lots"});
     ASSERT_TRUE(daemon.spawn());
@@ -136,6 +174,8 @@ TEST(DchProcessTest, HelpAndVersionAreWrittenAndEndWithStatusZero) {
     help.waitReady(5s);  // reads what it printed; there is no ready line
     EXPECT_EQ(exitCode(help.waitExit()), 0);
     EXPECT_EQ(help.output().rfind("usage: zevdchd [--port N]", 0), 0u) << help.output();
+    for (const char *option : {"--max-catalogue BYTES", "--max-subscribers N"})
+        EXPECT_NE(help.output().find(option), std::string::npos) << option;
     DaemonProcess version({"--version"});
     ASSERT_TRUE(version.spawn());
     version.waitReady(5s);
