@@ -14,6 +14,7 @@
 #include "common/trace.h"
 #include "zevdchd_http.h"
 #include "zevdchd_metrics.h"
+#include "zevdchd_notify.h"
 
 namespace zevd::dch {
 
@@ -109,6 +110,8 @@ void Worker::run() {
             applyReceiveBuffer(udpSocket_.load());
             printf("zevdchd ready on port %u\n", static_cast<unsigned>(sock_.sockPortUDP()));
             fflush(stdout);
+            notifyServiceManager("READY=1\nSTATUS=serving on port " +
+                                 std::to_string(sock_.sockPortUDP()) + "\n");
             continue;
         }
         if (isControl(buffer, capacity, name, kSnapshotText)) {
