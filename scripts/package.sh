@@ -18,6 +18,11 @@ rm -rf "$out/src" "$out"/*.deb "$out"/*.ddeb "$out"/*.changes "$out"/*.buildinfo
 mkdir -p "$out/src"
 git ls-files -z --cached --others --exclude-standard | tar --null -T - -c | tar -x -C "$out/src"
 
+# The packages' version is the project's.
+version=$(sed -n 's/^project(zevd VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
+[ "$(dpkg-parsechangelog -S Version)" = "$version" ] ||
+  { echo "debian/changelog's version is not the project's $version"; exit 1; }
+
 started=$SECONDS
 (cd "$out/src" && DEB_BUILD_OPTIONS="nocheck parallel=$(nproc)" \
   dpkg-buildpackage -us -uc -b >"$out/build.log" 2>&1) ||
