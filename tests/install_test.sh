@@ -38,6 +38,13 @@ cmake --install "$build" --prefix "$prefix" >"$work/install.log" 2>&1 ||
     { cat "$work/install.log"; fail "cmake --install"; }
 outside=$(grep -v "^$prefix/" "$build/install_manifest.txt")
 [ -z "$outside" ] || fail "installed outside the prefix: $outside"
+# Staged under DESTDIR, every file lands under DESTDIR/prefix: a path
+# written without the prefix (such as /etc or /man1) would land beside it.
+DESTDIR="$work/root" cmake --install "$build" --prefix /opt/zevd >"$work/destdir.log" 2>&1 ||
+    { cat "$work/destdir.log"; fail "cmake --install with DESTDIR"; }
+outside=$(cd "$work/root" && find . ! -type d | grep -v '^\./opt/zevd/')
+[ -z "$outside" ] || fail "installed outside the prefix: $outside"
+[ -e "$work/root/opt/zevd/sbin/zevdchd" ] || fail "nothing installed under DESTDIR/prefix"
 
 # The layout.
 libdir=$(sed -n 's/^libdir=\${prefix}\///p' "$prefix"/lib*/pkgconfig/zevd610.pc 2>/dev/null | head -n 1)
