@@ -291,6 +291,14 @@ TEST(DchServiceTest, AnUnreachableNotifySocketIsTracedAndItServesOn) {
     EXPECT_EQ(exitCode(daemon.stop(SIGTERM)), 0);
 }
 
+TEST(DchServiceTest, ANotifySocketThatIsNoAddressIsTracedAndItServesOn) {
+    DaemonProcess daemon({}, {"NOTIFY_SOCKET=relative/notify"});
+    ASSERT_TRUE(daemon.start()) << daemon.trace();
+    EXPECT_TRUE(
+        daemon.waitTrace("Error: NOTIFY_SOCKET <relative/notify> is not a socket address\n"));
+    EXPECT_EQ(exitCode(daemon.stop(SIGTERM)), 0);
+}
+
 // Socket activation as a service manager does it: the UDP and the TCP
 // socket of the port bound (and listening) before the daemon starts, a
 // datagram and a connection with its request already waiting in them.
