@@ -88,3 +88,42 @@ function(zevd_add_test name)
     gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST PROPERTIES ${props})
   endif()
 endfunction()
+
+# Fails the configuration when the ZEVD_VERSION_ macros of the public header
+# do not name the project's version: a program compiled against the header
+# must learn the version of the library it is built for.
+function(zevd_check_header_version header)
+  file(STRINGS ${header} lines REGEX "^#define ZEVD_VERSION_(MAJOR|MINOR|PATCH) ")
+  set(found "")
+  foreach(part MAJOR MINOR PATCH)
+    set(value "")
+    foreach(line ${lines})
+      if(line MATCHES "^#define ZEVD_VERSION_${part} ([0-9]+)$")
+        set(value ${CMAKE_MATCH_1})
+      endif()
+    endforeach()
+    list(APPEND found "${value}")
+  endforeach()
+  list(JOIN found "." found)
+  if(NOT found STREQUAL PROJECT_VERSION)
+    message(FATAL_ERROR "${header} gives version '${found}', the project ${PROJECT_VERSION}: "
+      "update ZEVD_VERSION_MAJOR, _MINOR and _PATCH")
+  endif()
+endfunction()
+
+# zevd_install_rpath(TARGET FROM_DIR)
+# The installed target finds the libraries of its own prefix relative to
+# where it is installed (FROM_DIR, a GNUInstallDirs directory), wherever the
+# prefix is moved to.
+function(zevd_install_rpath target fromDir)
+  if(NOT ZEVD_INSTALL_RPATH)
+    return()
+  endif()
+  file(RELATIVE_PATH toLib ${CMAKE_INSTALL_PREFIX}/${fromDir} ${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR})
+  if(toLib STREQUAL "")
+    set(runpath "\$ORIGIN")
+  else()
+    set(runpath "\$ORIGIN/${toLib}")
+  endif()
+  set_target_properties(${target} PROPERTIES INSTALL_RPATH "${runpath}")
+endfunction()

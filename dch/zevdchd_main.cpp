@@ -1,5 +1,6 @@
 // zevdchd: the reference DCH daemon. Runs in the foreground until SIGINT or
-// SIGTERM; SIGUSR1 writes its counters to the trace.
+// SIGTERM; SIGUSR1 writes its counters to the trace, SIGHUP opens the trace
+// file again and writes them there.
 #include <arpa/inet.h>
 #include <getopt.h>
 #include <pthread.h>
@@ -17,6 +18,7 @@
 #include "ipc/zevdsock.h"
 #include "zevdchd.h"
 #include "zevdchd_http.h"
+#include "zevdchd_notify.h"
 #include "zevdchd_server.h"
 
 namespace zevd::dch {
@@ -66,9 +68,11 @@ const char kUsage[] =
     "  --version         the version\n"
     "\n"
     "Prints \"zevdchd metrics on http://ADDR:PORT/metrics\" once that listens, and\n"
-    "\"zevdchd ready on port N\" once the DCH port is open. SIGUSR1 writes the\n"
-    "counters to the trace. Exit status 1 when a port cannot be owned or the\n"
-    "receive loop ends, 2 for bad usage.\n";
+    "\"zevdchd ready on port N\" once the DCH port is open (and tells a service\n"
+    "manager through NOTIFY_SOCKET). SIGUSR1 writes the counters to the trace;\n"
+    "SIGHUP opens --trace-file again (after a rotation) and writes them there.\n"
+    "Exit status 1 when a port cannot be owned or the receive loop ends, 2 for\n"
+    "bad usage.\n";
 
 int usageError(const std::string &what) {
     fprintf(stderr, "zevdchd: %s\nTry 'zevdchd --help'.\n", what.c_str());
@@ -183,6 +187,7 @@ int run(int argc, char **argv) {
     sigaddset(&signals, SIGINT);
     sigaddset(&signals, SIGTERM);
     sigaddset(&signals, SIGUSR1);
+    sigaddset(&signals, SIGHUP);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     signal(SIGPIPE, SIG_IGN);
 
@@ -246,8 +251,16 @@ int run(int argc, char **argv) {
             writeCounters(*dch, *worker);
             continue;
         }
+        if (received == SIGHUP) {
+            // After a log rotation: the trace file is opened again under its
+            // name, and the counters start it.
+            TLG1_Configure(nullptr);
+            writeCounters(*dch, *worker);
+            continue;
+        }
         break;
     }
+    notifyServiceManager("STOPPING=1\nSTATUS=stopping\n");
     // The metrics server stops first, while the worker still takes what its
     // asker may be queueing. A worker that failed takes nothing more: then
     // the server is left to end with the process.

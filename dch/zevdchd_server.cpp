@@ -16,6 +16,7 @@
 #include "common/trace.h"
 #include "zevdchd_http.h"
 #include "zevdchd_metrics.h"
+#include "zevdchd_notify.h"
 
 namespace zevd::dch {
 
@@ -157,9 +158,10 @@ void Worker::run() {
         if (isControl(buffer, capacity, name, "IPC-SERVER_READY")) {
             udpSocket_ = sock_.sockUDP();
             applyReceiveBuffer(udpSocket_.load());
-
             printf("zevdchd ready on port %u\n", static_cast<unsigned>(sock_.sockPortUDP()));
             fflush(stdout);
+            notifyServiceManager("READY=1\nSTATUS=serving on port " +
+                                 std::to_string(sock_.sockPortUDP()) + "\n");
             // A test hook: the port's socket closed under the running loop,
             // whose next select then fails for good.
             if (getenv("ZEVDCHD_TEST_BREAK_LOOP") != nullptr) close(udpSocket_.load());

@@ -12,6 +12,13 @@
 
 #include <pthread.h>
 
+/* The library's version. The major number is the ABI generation: it is the
+ * SONAME's number (libzevd610.so.6) and changes only when a program built
+ * against an older header would no longer work. */
+#define ZEVD_VERSION_MAJOR 6
+#define ZEVD_VERSION_MINOR 1
+#define ZEVD_VERSION_PATCH 0
+
 #if defined(ZEVD_BUILDING_LIBRARY)
 #define ZEVD_EXPORT __attribute__((visibility("default")))
 #else

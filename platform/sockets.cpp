@@ -1,4 +1,4 @@
-// IPv4 socket helpers.
+// IPv4 socket helpers, and the sockets a service manager hands over.
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netdb.h>
@@ -10,10 +10,94 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
+#include <vector>
 
 #include "zev0.h"
 
+namespace {
+
+// Socket activation: a service manager that opened the sockets itself starts
+// the process with them as descriptors 3, 4, ... and says how many in
+// LISTEN_FDS, for the process LISTEN_PID names (a child that inherited the
+// variables is not meant).
+constexpr int kFirstListenFd = 3;
+// More would be a variable gone wrong, not a unit's list of sockets.
+constexpr long kMaxListenFds = 1024;
+
+class InheritedSockets {
+public:
+    InheritedSockets() {
+        const char *pidText = getenv("LISTEN_PID");
+        const char *countText = getenv("LISTEN_FDS");
+        long pid = 0;
+        long count = 0;
+        if (!decimal(pidText, &pid) || !decimal(countText, &count)) return;
+        if (pid != static_cast<long>(getpid()) || count < 1 || count > kMaxListenFds) return;
+        for (int fd = kFirstListenFd; fd < kFirstListenFd + static_cast<int>(count); ++fd) {
+            // Not passed on to the programs this process starts.
+            if (ZEV0_SetCloExecFlag(fd) == 0) _fds.push_back(fd);
+        }
+    }
+
+    // Takes the inherited IPv4 socket of the type bound to the port, if one
+    // is left: -1 otherwise. With peek it stays for a later take.
+    int take(int sockType, unsigned short portNetOrder, bool peek) {
+        std::lock_guard<std::mutex> guard(_lock);
+        for (auto it = _fds.begin(); it != _fds.end(); ++it) {
+            if (!matches(*it, sockType, portNetOrder)) continue;
+            int fd = *it;
+            if (!peek) _fds.erase(it);
+            return fd;
+        }
+        return -1;
+    }
+
+private:
+    static bool decimal(const char *text, long *value) {
+        if (text == nullptr || text[0] < '0' || text[0] > '9') return false;
+        char *end = nullptr;
+        errno = 0;
+        *value = strtol(text, &end, 10);
+        return errno == 0 && *end == '\0';
+    }
+
+    static bool matches(int fd, int sockType, unsigned short portNetOrder) {
+        int type = 0;
+        socklen_t length = sizeof type;
+        if (getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &length) != 0 || type != sockType)
+            return false;
+        struct sockaddr_in local;
+        memset(&local, 0, sizeof local);
+        length = sizeof local;
+        if (getsockname(fd, reinterpret_cast<struct sockaddr *>(&local), &length) != 0)
+            return false;
+        return local.sin_family == AF_INET && local.sin_port == portNetOrder;
+    }
+
+    std::mutex _lock;
+    std::vector<int> _fds;  // not yet taken
+};
+
+InheritedSockets &inheritedSockets() {
+    // Read at the first use, while the variables are those the process was
+    // started with; never destroyed (descriptors may be taken at any time).
+    static InheritedSockets *sockets = new InheritedSockets;
+    return *sockets;
+}
+
+int sockTypeOf(int type) {
+    return type == 1 ? SOCK_STREAM : SOCK_DGRAM;
+}
+
+}  // namespace
+
 extern "C" {
+
+int ZEV0_HasInheritedSocket(int type, unsigned short portNetOrder) {
+    if ((type != 1 && type != 2) || portNetOrder == 0) return 0;
+    return inheritedSockets().take(sockTypeOf(type), portNetOrder, true) >= 0 ? 1 : 0;
+}
 
 int ZEV0_SetCloExecFlag(int fd) {
     int flags = fcntl(fd, F_GETFD);
@@ -23,11 +107,24 @@ int ZEV0_SetCloExecFlag(int fd) {
 
 int ZEV0_OpenLocalSocket(int type, unsigned short portNetOrder, struct sockaddr_in *address,
                          int /*flag*/, int *error, int /*reserved*/) {
-    int sockType = (type == 1) ? SOCK_STREAM : SOCK_DGRAM;
+    int sockType = sockTypeOf(type);
     if (type != 1 && type != 2) {
         if (error != nullptr) *error = EINVAL;
         errno = EINVAL;
         return -1;
+    }
+    if (portNetOrder != 0) {
+        int fd = inheritedSockets().take(sockType, portNetOrder, false);
+        if (fd >= 0) {
+            // Bound (and for a stream, listening) already: handed over as
+            // it is.
+            if (address != nullptr) {
+                socklen_t len = sizeof *address;
+                getsockname(fd, reinterpret_cast<struct sockaddr *>(address), &len);
+            }
+            if (error != nullptr) *error = 0;
+            return fd;
+        }
     }
     int fd = socket(AF_INET, sockType | SOCK_CLOEXEC, 0);
     if (fd < 0) {

@@ -2,6 +2,7 @@
 // ZEVA_TRACE_FILE (or standard error) or to a sink, one write per line.
 #include "trace_internal.h"
 
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
 
@@ -54,6 +55,48 @@ TraceState &state() {
 // from UTC in seconds, as the last local time computed had it.
 std::atomic<int> outputFd{STDERR_FILENO};
 std::atomic<long> utcOffset{0};
+// Set while the lines go to a standard error that is the journal's stream:
+// then each line starts with its syslog priority ("<3>"), which the journal
+// takes off and keeps as the entry's priority.
+std::atomic<bool> journalPriorities{false};
+
+// Syslog priorities of the lines.
+constexpr int kPriorityError = 3;
+constexpr int kPriorityWarning = 4;
+constexpr int kPriorityNotice = 5;
+constexpr int kPriorityInfo = 6;
+constexpr int kPriorityDebug = 7;
+
+// Whether standard error is the stream that JOURNAL_STREAM ("DEVICE:INODE",
+// set by the service manager) names: a descriptor inherited from elsewhere
+// keeps the variable but is another file.
+bool stderrIsJournal() {
+    const char *stream = getenv("JOURNAL_STREAM");
+    if (stream == nullptr || stream[0] == '\0') return false;
+    char *end = nullptr;
+    errno = 0;
+    unsigned long long device = strtoull(stream, &end, 10);
+    if (errno != 0 || end == stream || *end != ':') return false;
+    const char *inodeText = end + 1;
+    unsigned long long inode = strtoull(inodeText, &end, 10);
+    if (errno != 0 || end == inodeText || *end != '\0') return false;
+    struct stat info;
+    if (fstat(STDERR_FILENO, &info) != 0) return false;
+    return static_cast<unsigned long long>(info.st_dev) == device &&
+           static_cast<unsigned long long>(info.st_ino) == inode;
+}
+
+// The priority of a line by its text (after the prefix): the facility's
+// words for errors, warnings and notes, hex dumps at debug, the rest info.
+int textPriority(const TraceFunctionRecord *rec, std::string_view text) {
+    if (text.starts_with("Error")) return kPriorityError;
+    if (text.starts_with("Warning")) return kPriorityWarning;
+    if (text.starts_with("Note")) return kPriorityNotice;
+    if (text.starts_with("DUMP[")) return kPriorityDebug;
+    if (rec != nullptr && rec->name != nullptr && strcmp(rec->name, "ZEV0_PrintDump") == 0)
+        return kPriorityDebug;
+    return kPriorityInfo;
+}
 
 std::once_flag initOnce;
 
@@ -151,6 +194,7 @@ void openDestination(TraceState &s, std::vector<std::string> *complaints) {
     if (s.ownsFd) close(outputFd.load(std::memory_order_relaxed));
     outputFd.store(STDERR_FILENO, std::memory_order_relaxed);
     s.ownsFd = false;
+    journalPriorities.store(stderrIsJournal(), std::memory_order_relaxed);
     if (path == nullptr || path[0] == '\0' || strcmp(path, "-") == 0) return;
     int fd = open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
     if (fd < 0) {
@@ -160,6 +204,7 @@ void openDestination(TraceState &s, std::vector<std::string> *complaints) {
     }
     outputFd.store(fd, std::memory_order_relaxed);
     s.ownsFd = true;
+    journalPriorities.store(false, std::memory_order_relaxed);
 }
 
 void configure(const char *text, std::vector<std::string> *complaints) {
@@ -224,9 +269,10 @@ void printLine(TraceFunctionRecord *rec, int line, const char *fmt, ...) {
     va_list ap;
     va_start(ap, fmt);
     appendPrefix(out, rec, line);
+    size_t textStart = out.size();
     formatText(out, fmt, ap);
     va_end(ap);
-    emitLine(out);
+    emitLine(out, textPriority(rec, std::string_view(out).substr(textStart)));
 }
 
 // Written whatever the levels: a configuration that cannot be applied must be seen.
@@ -361,7 +407,7 @@ void addUnlockedPrefix(StackLine &out, const TraceFunctionRecord *rec, int line)
 
 }  // namespace
 
-void emitLine(std::string &line) {
+void emitLine(std::string &line, int priority) {
     if (line.empty() || line.back() != '\n') line += '\n';
     TraceState &s = state();
     std::lock_guard<std::mutex> guard(s.outputLock);
@@ -369,13 +415,23 @@ void emitLine(std::string &line) {
         s.sink(s.sinkCtx, line.data(), line.size());
         return;
     }
+    if (journalPriorities.load(std::memory_order_relaxed) && priority >= 0 && priority <= 7) {
+        const char tag[] = {'<', static_cast<char>('0' + priority), '>'};
+        line.insert(0, tag, sizeof tag);
+    }
     writeWhole(outputFd.load(std::memory_order_relaxed), line.data(), line.size());
 }
 
-void formatLine(std::string &out, const TraceFunctionRecord *rec, int line, const char *fmt,
-                va_list ap) {
+size_t formatLine(std::string &out, const TraceFunctionRecord *rec, int line, const char *fmt,
+                  va_list ap) {
     appendPrefix(out, rec, line);
+    size_t textStart = out.size();
     formatText(out, fmt, ap);
+    return textStart;
+}
+
+int linePriority(const TraceFunctionRecord *rec, const std::string &line, size_t textStart) {
+    return textPriority(rec, std::string_view(line).substr(textStart));
 }
 
 }  // namespace zev0
@@ -417,9 +473,9 @@ void TLG1_Printf(TraceFunctionRecord *rec, int line, const char *fmt, ...) {
     std::string out;
     va_list ap;
     va_start(ap, fmt);
-    zev0::formatLine(out, rec, line, fmt, ap);
+    size_t textStart = zev0::formatLine(out, rec, line, fmt, ap);
     va_end(ap);
-    zev0::emitLine(out);
+    zev0::emitLine(out, zev0::linePriority(rec, out, textStart));
 }
 
 void TLG1_Event(TraceFunctionRecord *rec, int line, int kind, ...) {
@@ -433,7 +489,7 @@ void TLG1_Event(TraceFunctionRecord *rec, int line, int kind, ...) {
         default: zev0::formatLine(out, rec, line, "Exit", ap); break;
     }
     va_end(ap);
-    zev0::emitLine(out);
+    zev0::emitLine(out, zev0::kPriorityDebug);
 }
 
 // Writes text as one line to the trace file in one write(2), its prefix
@@ -444,6 +500,11 @@ void TLG1_Event(TraceFunctionRecord *rec, int line, int kind, ...) {
 // still goes to the file (standard error before the facility's first use).
 void TLG1_WriteUnlocked(const TraceFunctionRecord *rec, int line, const char *text) {
     zev0::StackLine out;
+    if (zev0::journalPriorities.load(std::memory_order_relaxed)) {
+        out.add('<');
+        out.add(static_cast<char>('0' + zev0::textPriority(rec, text != nullptr ? text : "")));
+        out.add('>');
+    }
     zev0::addUnlockedPrefix(out, rec, line);
     out.add(text != nullptr ? text : "(null)");
     out.end();

@@ -15,12 +15,17 @@ namespace zev0 {
 void formatText(std::string &out, const char *fmt, va_list ap);
 
 // Adds a final newline when missing and writes the line to the sink or the
-// file in one piece.
-void emitLine(std::string &line);
+// file in one piece; on the journal's stream it starts with "<priority>"
+// (syslog's 0 to 7), which a sink never sees.
+void emitLine(std::string &line, int priority);
 
-// The prefix and text of one line.
-void formatLine(std::string &out, const TraceFunctionRecord *rec, int line, const char *fmt,
-                va_list ap);
+// The prefix and text of one line; returns where the text starts.
+size_t formatLine(std::string &out, const TraceFunctionRecord *rec, int line, const char *fmt,
+                  va_list ap);
+
+// The syslog priority of a formatted line by its text: 3 for "Error...",
+// 4 "Warning...", 5 "Note...", 7 for hex dumps, else 6.
+int linePriority(const TraceFunctionRecord *rec, const std::string &line, size_t textStart);
 
 }  // namespace zev0
 

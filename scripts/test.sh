@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds zevd from scratch and runs every test: the release build with
-# warnings as errors and the whole suite, the end-to-end and client suites
+# warnings as errors and the whole suite, the Debian packages (built without
+# their tests, checked with lintian), the end-to-end and client suites
 # of that build under valgrind's memcheck, the suite again under
 # AddressSanitizer + UndefinedBehaviorSanitizer, and the concurrency suites
 # under ThreadSanitizer.
@@ -32,6 +33,8 @@ phase "release build"
 configure_and_build build all -DCMAKE_BUILD_TYPE=Release -DZEVD_BENCH=ON
 phase "release suite"
 (cd build && ctest -j "$jobs" --timeout 300)
+phase "Debian packages, lintian and their contents"
+bash scripts/package.sh build-deb
 phase "memcheck, end-to-end and client suites"
 bash scripts/memcheck.sh build
 

@@ -137,10 +137,18 @@ ZEV0_EXPORT void ZEV0_PrintDump(const void *buffer, int offset, int length);
 /* type 1 stream, 2 datagram; port in network order (0: any). Binds
  * INADDR_ANY, or ZEVA_DCH_BIND for a non-zero port; close-on-exec; stream
  * sockets on a fixed port get SO_REUSEADDR. The flag is accepted and
- * ignored. Returns the descriptor, or -1 with errno in *error. */
+ * ignored. Returns the descriptor, or -1 with errno in *error.
+ * Socket activation: when the process was started with sockets of its own
+ * (LISTEN_FDS and LISTEN_PID, descriptors from 3 on), a non-zero port is
+ * first looked up among them: an IPv4 socket of the type bound to that port
+ * is returned as it is (bound, a stream socket maybe listening already),
+ * once; only a port not among them is bound anew. */
 ZEV0_EXPORT int ZEV0_OpenLocalSocket(int type, unsigned short portNetOrder,
                                      struct sockaddr_in *address, int flag, int *error,
                                      int reserved);
+/* 1 when an inherited socket (see ZEV0_OpenLocalSocket) of the type, bound
+ * to the port (network order), waits to be taken, else 0. */
+ZEV0_EXPORT int ZEV0_HasInheritedSocket(int type, unsigned short portNetOrder);
 ZEV0_EXPORT int ZEV0_CloseTheSocket(int fd);
 /* Local port of a socket in host order, 0 on failure. */
 ZEV0_EXPORT unsigned short ZEV0_RetrieveSockPort(int fd);

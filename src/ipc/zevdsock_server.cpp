@@ -161,7 +161,11 @@ int32_t ipcSock::allocateDCHport() {
 
     if (!(instance && _envPortNo.load() == IPC_DEFAULT_DCH_PORT) && !forceSearch) {
         int port = _envPortNo.load();
-        OSV1_Sleep(kFixedPortPause);
+        // The pause lets an earlier copy release the port. A port that the
+        // service manager bound and handed over (ZEV0_OpenLocalSocket takes
+        // it) has no earlier copy to wait for.
+        if (ZEV0_HasInheritedSocket(2, htons(static_cast<uint16_t>(port))) == 0)
+            OSV1_Sleep(kFixedPortPause);
         setClientAddr(nullptr, 0);
         _sockUDP = ZEV0_OpenLocalSocket(2, htons(static_cast<uint16_t>(port)), &_sockAddress, 0,
                                         &udpError, 0);
