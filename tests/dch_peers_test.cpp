@@ -128,17 +128,18 @@ std::vector<char> registration(const std::string &text) {
     return std::vector<char>(built, built + messageLength(built));
 }
 
-long registerText(const std::string &text) {
-    long status = -1;
-    dp_register(&status, text.c_str());
-    return status;
-}
-
-// Points this process's library at daemon.
-void useDaemon(const DaemonProcess &daemon) {
+// Points this process's library at daemon (the library reads its
+// configuration once: one daemon a process), registers text and brings group
+// g of appl online for source s; the handle, or 0.
+long onlineWith(const DaemonProcess &daemon, const std::string &text, const char *appl) {
     setenv("ZEVA_DCH_ADDR", "127.0.0.1", 1);
     setenv("ZEVA_DCH_PORT", std::to_string(daemon.port()).c_str(), 1);
     setenv("ZEVA_DCH_TIMEOUT", "5", 1);
+    long status = -1, handle = 0;
+    dp_register(&status, text.c_str());
+    if (status != 0) return 0;
+    dp_online(&status, &handle, appl, "g", "s");
+    return status == 0 ? handle : 0;
 }
 
 TEST(DchPeersTest, TricklingTcpPeersNeverHoldUdpAndAreCutOffAtTheirDeadline) {
@@ -189,11 +190,9 @@ TEST(DchPeersTest, TricklingTcpPeersNeverHoldUdpAndAreCutOffAtTheirDeadline) {
 
 TEST(DchPeersTest, TcpSubscriberThatNeverReadsIsClosedAndNeverHoldsTheWorker) {
     auto daemon = startDaemon();
-    useDaemon(*daemon);
-    ASSERT_EQ(registerText("APPL sink;GROUP g;ATTR t D 2000"), 0);
-    long status = -1, handle = 0;
-    dp_online(&status, &handle, "sink", "g", "s");
-    ASSERT_EQ(status, 0);
+    long status = -1;
+    long handle = onlineWith(*daemon, "APPL sink;GROUP g;ATTR t D 2000", "sink");
+    ASSERT_GT(handle, 0);
 
     // Subscribes over TCP, then never reads; its receive buffer is small, so
     // the daemon's send buffer is what holds the rows.
@@ -300,11 +299,9 @@ TEST(DchPeersTest, AnswersLargerThanADatagramDoNotHoldOtherClients) {
 
 TEST(DchPeersTest, RowLargerThanADatagramReachesADataWaitWhole) {
     auto daemon = startDaemon();
-    useDaemon(*daemon);
-    ASSERT_EQ(registerText("APPL big;GROUP g;ATTR a D 4000;ATTR b D 4000;ATTR c D 4000"), 0);
-    long status = -1, handle = 0;
-    dp_online(&status, &handle, "big", "g", "s");
-    ASSERT_EQ(status, 0);
+    long handle =
+        onlineWith(*daemon, "APPL big;GROUP g;ATTR a D 4000;ATTR b D 4000;ATTR c D 4000", "big");
+    ASSERT_GT(handle, 0);
     void *wait = dc_waitOnDataInitialize("big", "g");
     ASSERT_NE(wait, nullptr);
     ChildProgram watch({ZEVDCTL_PATH, "--addr", "127.0.0.1", "--port",

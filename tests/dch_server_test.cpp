@@ -24,6 +24,7 @@
 
 #include "support/dch_server.h"
 #include "support/loopback.h"
+#include "support/patterned_message.h"
 #include "support/trace_capture.h"
 #include "support/wait_for.h"
 #include "zev0.h"
@@ -40,16 +41,7 @@ constexpr char kLevels[] = "error,ipcSock::IPCServer=all,DCHipc::ipc_put_data=er
 constexpr auto kLimit = std::chrono::seconds(30);
 const std::string kNoName = std::string(255, ' ');
 
-// A message of length bytes with its length word and a pattern of non-zero
-// bytes after it; seed tells messages apart.
-std::vector<char> message(uint32_t length, int seed = 0) {
-    std::vector<char> bytes(length);
-    for (uint32_t i = 0; i < length; ++i)
-        bytes[i] = static_cast<char>(1 + (i * 7 + static_cast<uint32_t>(seed) * 13) % 255);
-    uint32_t word = htonl(length);
-    memcpy(bytes.data(), &word, std::min<size_t>(sizeof word, length));
-    return bytes;
-}
+using zevd::test::message;
 
 // Starts the server with the capture already on, and takes its ready entry.
 LoopServer &startServer(size_t budget = std::numeric_limits<size_t>::max()) {
@@ -610,15 +602,19 @@ TEST(DchServerTest, FailedAcceptsLeaveTheirSlotsFree) {
     for (int fd : clients) close(fd);
 }
 
+// Sends a first message on peer's connection and takes its entry: the
+// server's descriptor of the connection, 0 when it did not come.
+uint32_t connectedClient(LoopServer &server, TcpPeer &peer) {
+    if (!peer.connected() || !peer.send(message(16, 7)) || !server.waitEntries(2, kLimit)) return 0;
+    return server.entries()[1].connectedSockFD;
+}
+
 TEST(DchServerTest, ClientThatNeverReadsItsAnswersCostsTheWorkerOneTimeOutPerAnswer) {
     setenv("ZEVA_DCH_TIMEOUT", "1", 1);
     TraceCapture capture("error");
     LoopServer &server = startServer();
     TcpPeer peer(server.port());
-    ASSERT_TRUE(peer.connected());
-    ASSERT_TRUE(peer.send(message(16, 7)));
-    ASSERT_TRUE(server.waitEntries(2, kLimit));
-    uint32_t fd = server.entries()[1].connectedSockFD;
+    uint32_t fd = connectedClient(server, peer);
     ASSERT_NE(fd, 0u);
     // The peer reads nothing: the answers fill both socket buffers, and
     // then a send would block.
@@ -647,10 +643,7 @@ TEST(DchServerTest, SendNowGivesAClientThatNeverReadsWholeMessagesOnlyAndNeverWa
     TraceCapture capture("error");
     LoopServer &server = startServer();
     TcpPeer peer(server.port());
-    ASSERT_TRUE(peer.connected());
-    ASSERT_TRUE(peer.send(message(16, 7)));
-    ASSERT_TRUE(server.waitEntries(2, kLimit));
-    uint32_t fd = server.entries()[1].connectedSockFD;
+    uint32_t fd = connectedClient(server, peer);
     ASSERT_NE(fd, 0u);
     // The accepted connection's send buffer holds a megabyte (the kernel
     // reports twice what was set).

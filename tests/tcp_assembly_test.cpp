@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "ipc/zevdsock_assembly.h"
+#include "support/patterned_message.h"
 #include "support/trace_capture.h"
 
 namespace {
@@ -24,14 +25,7 @@ constexpr char kLevels[] = "error,ipcSock::IPCServer=all";
 constexpr int32_t kFd = 9;
 constexpr int32_t kWait = 2;
 
-std::vector<char> message(uint32_t length, int seed = 0) {
-    std::vector<char> bytes(length);
-    for (uint32_t i = 0; i < length; ++i)
-        bytes[i] = static_cast<char>(1 + (i * 7 + static_cast<uint32_t>(seed) * 13) % 255);
-    uint32_t word = htonl(length);
-    memcpy(bytes.data(), &word, std::min<size_t>(sizeof word, length));
-    return bytes;
-}
+using zevd::test::message;
 
 // Hands out what was made ready, up to the size asked for; then EAGAIN, the
 // end of the stream, or a given error.
