@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -28,9 +29,9 @@ namespace {
 constexpr int kExitUsage = 2;
 
 const char kUsage[] =
-    "usage: zevdchd [--port N] [--allow CIDR,...] [--state-dir DIR] [--rcvbuf BYTES]\n"
-    "               [--metrics [ADDR:]PORT] [--trace LEVELS] [--trace-file PATH]\n"
-    "               [--help] [--version]\n"
+    "usage: zevdchd [--port N] [--allow CIDR,...] [--state-dir DIR] [--source-ttl SECONDS]\n"
+    "               [--rcvbuf BYTES] [--metrics [ADDR:]PORT] [--trace LEVELS]\n"
+    "               [--trace-file PATH] [--help] [--version]\n"
     "\n"
     "The reference DCH: serves data providers and consumers on one UDP and TCP\n"
     "port, in the foreground, until SIGINT or SIGTERM (exit status 0).\n"
@@ -38,7 +39,11 @@ const char kUsage[] =
     "  --port N          the DCH port (default: ZEVA_DCH_PORT, settings item 21, 1919)\n"
     "  --allow CIDR,...  networks served besides loopback and this host's own\n"
     "                    addresses (default: ZEVA_DCH_ALLOW)\n"
-    "  --state-dir DIR   keep the catalogue and the open handles in DIR\n"
+    "  --state-dir DIR   keep the catalogue and the open handles in DIR: every\n"
+    "                    change answered 0 is on disk first; one daemon per DIR\n"
+    "  --source-ttl SECONDS\n"
+    "                    take a handle offline after SECONDS without a row or an\n"
+    "                    online (default: 0, never)\n"
     "  --rcvbuf BYTES    receive buffer of the UDP port, 4096 to 1073741824\n"
     "                    (default: ZEVA_DCH_RCVBUF, else 33554432; beyond\n"
     "                    net.core.rmem_max only with CAP_NET_ADMIN)\n"
@@ -53,13 +58,18 @@ const char kUsage[] =
     "\n"
     "Prints \"zevdchd metrics on http://ADDR:PORT/metrics\" once that listens, and\n"
     "\"zevdchd ready on port N\" once the DCH port is open. SIGUSR1 writes the\n"
-    "counters to the trace. Exit status 1 when a port cannot be owned, 2 for bad\n"
-    "usage.\n";
+    "counters to the trace. Exit status 1 when a port cannot be owned or the state\n"
+    "directory cannot be used, 2 for bad usage.\n";
 
 int usageError(const std::string &what) {
     fprintf(stderr, "zevdchd: %s\nTry 'zevdchd --help'.\n", what.c_str());
     return kExitUsage;
 }
+
+// The longest --source-ttl: ten years.
+constexpr long kMaxSourceTtl = 10L * 366 * 24 * 3600;
+// How often idle handles are looked for when --source-ttl is set.
+constexpr long kTickNanoseconds = 1000L * 1000 * 1000;
 
 // A receive buffer size in bytes, as --rcvbuf and ZEVA_DCH_RCVBUF give it:
 // a decimal number within the range; -1 when it is not one.
@@ -86,6 +96,7 @@ int run(int argc, char **argv) {
         {"port", required_argument, nullptr, 'p'},
         {"allow", required_argument, nullptr, 'a'},
         {"state-dir", required_argument, nullptr, 's'},
+        {"source-ttl", required_argument, nullptr, 'T'},
         {"rcvbuf", required_argument, nullptr, 'r'},
         {"metrics", required_argument, nullptr, 'm'},
         {"trace", required_argument, nullptr, 't'},
@@ -98,6 +109,7 @@ int run(int argc, char **argv) {
     std::string stateDir;
     const char *receiveBuffer = nullptr;
     const char *metrics = nullptr;
+    long sourceTtl = 0;
     opterr = 0;
     int option = 0;
     while ((option = getopt_long(argc, argv, ":", kOptions, nullptr)) != -1) {
@@ -112,6 +124,17 @@ int run(int argc, char **argv) {
             }
             case 'a': allowList = optarg; break;
             case 's': stateDir = optarg; break;
+            case 'T': {
+                char *end = nullptr;
+                errno = 0;
+                sourceTtl = strtol(optarg, &end, 10);
+                if (*optarg == '\0' || *end != '\0' || errno != 0 || sourceTtl < 0 ||
+                    sourceTtl > kMaxSourceTtl)
+                    return usageError(std::string("--source-ttl takes 0 to ") +
+                                      std::to_string(kMaxSourceTtl) + " seconds, not '" + optarg +
+                                      "'");
+                break;
+            }
             case 'r': receiveBuffer = optarg; break;
             case 'm': metrics = optarg; break;
             case 't': setenv("ZEVA_TRACE", optarg, 1); break;
@@ -153,7 +176,13 @@ int run(int argc, char **argv) {
     if (allowList != nullptr && !dch->allow(allowList, &bad))
         return usageError("--allow or ZEVA_DCH_ALLOW: '" + bad + "' is not a network a.b.c.d/n");
     dch->allowOwnAddresses();
-    if (!stateDir.empty()) dch->useStateDir(stateDir);
+    dch->setSourceTtl(std::chrono::seconds(sourceTtl));
+    // Before the port opens: a daemon that cannot keep what it answers
+    // does not serve.
+    if (!stateDir.empty() && !dch->useStateDir(stateDir, &why)) {
+        fprintf(stderr, "zevdchd: %s\n", why.c_str());
+        return 1;
+    }
 
     auto *sock = new ipcSock(IPC_SERVICE_SERVER, 0, 0);
     if (sock->ipcGetError() != 0) {
@@ -183,9 +212,18 @@ int run(int argc, char **argv) {
         worker->setMetricsBoard(board);
     }
     std::thread serving([] { worker->run(); });
+    const timespec tick = {0, kTickNanoseconds - 1};
     for (;;) {
-        int received = 0;
-        if (sigwait(&signals, &received) != 0) continue;
+        // With --source-ttl the wait ends every second, and the worker is
+        // asked to look for idle handles between two requests.
+        int received =
+            sourceTtl > 0 ? sigtimedwait(&signals, nullptr, &tick) : sigwaitinfo(&signals, nullptr);
+        if (received < 0 && errno == EAGAIN) {
+            sock->ipc_put_data(static_cast<int32_t>(sizeof kTickText), kTickText, nullptr, 0,
+                               nullptr, 0);
+            continue;
+        }
+        if (received < 0) continue;
         if (received == SIGUSR1) {
             writeCounters(*dch, *worker);
             continue;
@@ -200,6 +238,9 @@ int run(int argc, char **argv) {
         worker->stop();
     }
     serving.join();
+    // The worker has stopped: nothing changes the state any more.
+    if (!worker->failed() && !dch->writeStateSnapshot(&why))
+        fprintf(stderr, "zevdchd: at the stop, %s; the journal keeps every change\n", why.c_str());
     writeCounters(*dch, *worker);
     return worker->failed() ? 1 : 0;
 }
