@@ -188,19 +188,56 @@ bool setAside(int dirFd, const std::string &name, std::string *aside) {
     return false;
 }
 
-void JournalWriter::resume(ino_t inode, uint64_t length) {
-    inode_ = inode;
+JournalWriter::~JournalWriter() {
+    if (pinned_ >= 0) close(pinned_);
+}
+
+JournalWriter::JournalWriter(JournalWriter &&other) noexcept
+    : dirFd_(other.dirFd_),
+      name_(std::move(other.name_)),
+      pinned_(other.pinned_),
+      length_(other.length_),
+      usable_(other.usable_) {
+    other.pinned_ = -1;
+    other.usable_ = false;
+}
+
+JournalWriter &JournalWriter::operator=(JournalWriter &&other) noexcept {
+    if (this != &other) {
+        if (pinned_ >= 0) close(pinned_);
+        dirFd_ = other.dirFd_;
+        name_ = std::move(other.name_);
+        pinned_ = other.pinned_;
+        length_ = other.length_;
+        usable_ = other.usable_;
+        other.pinned_ = -1;
+        other.usable_ = false;
+    }
+    return *this;
+}
+
+void JournalWriter::resume(int fd, uint64_t length) {
+    if (pinned_ >= 0) close(pinned_);
+    pinned_ = fd;
     length_ = length;
-    usable_ = true;
+    usable_ = fd >= 0;
 }
 
 int JournalWriter::create(std::string_view header) {
-    usable_ = false;
+    resume(-1, 0);  // the old journal is let go, whatever follows
     std::string first = sealRecord(header);
     ino_t inode = 0;
     int error = replaceFile(dirFd_, name_, first, &inode);
-    if (error == 0) resume(inode, first.size());
-    return error;
+    if (error != 0) return error;
+    int fd = openat(dirFd_, name_.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) return errno;
+    struct stat info {};
+    if (fstat(fd, &info) != 0 || info.st_ino != inode) {
+        close(fd);
+        return ESTALE;  // replaced between the rename and the open
+    }
+    resume(fd, first.size());
+    return 0;
 }
 
 int JournalWriter::append(std::string_view payload) {
@@ -213,10 +250,11 @@ int JournalWriter::append(std::string_view payload) {
     if (fd < 0) return errno;
     // Only the file this daemon made is written: another put in its place
     // (even a regular one) ends this journal.
-    struct stat info {};
-    int error = fstat(fd, &info) != 0 ? errno : 0;
-    if (error == 0 && (info.st_ino != inode_ || !S_ISREG(info.st_mode) ||
-                       static_cast<uint64_t>(info.st_size) != length_))
+    struct stat info {
+    }, own{};
+    int error = fstat(fd, &info) != 0 || fstat(pinned_, &own) != 0 ? errno : 0;
+    if (error == 0 && (info.st_ino != own.st_ino || info.st_dev != own.st_dev ||
+                       !S_ISREG(info.st_mode) || static_cast<uint64_t>(info.st_size) != length_))
         error = ESTALE;
     std::string record;
     if (error == 0) {

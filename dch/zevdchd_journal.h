@@ -87,10 +87,16 @@ bool setAside(int dirFd, const std::string &name, std::string *aside);
 class JournalWriter {
 public:
     JournalWriter(int dirFd, std::string name) : dirFd_(dirFd), name_(std::move(name)) {}
+    ~JournalWriter();
+    JournalWriter(JournalWriter &&other) noexcept;
+    JournalWriter &operator=(JournalWriter &&other) noexcept;
+    JournalWriter(const JournalWriter &) = delete;
+    JournalWriter &operator=(const JournalWriter &) = delete;
 
-    // Goes on with the journal on disk: inode is its file, length the bytes
-    // of its whole records (what follows is cut off before this is called).
-    void resume(ino_t inode, uint64_t length);
+    // Goes on with the journal on disk: fd is open on it for reading (the
+    // writer keeps it), length the bytes of its whole records (what follows
+    // is cut off before this is called).
+    void resume(int fd, uint64_t length);
     // Starts a new journal whose first record is header, written whole
     // (replaceFile) in place of the old one. 0 or an errno value; on
     // failure the journal is unusable.
@@ -110,7 +116,10 @@ public:
 private:
     int dirFd_;
     std::string name_;
-    ino_t inode_ = 0;
+    // The journal's file, held open for reading (never for writing): while
+    // it is held, its inode number cannot be given to another file, so a
+    // file at the journal's name with that number is this one.
+    int pinned_ = -1;
     uint64_t length_ = 0;
     bool usable_ = false;
 };

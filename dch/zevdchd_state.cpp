@@ -351,6 +351,7 @@ bool Dch::useStateDir(const std::string &dir, std::string *why) {
                        s.path(kJournalFile).c_str(), s.path(aside.c_str()).c_str());
     }
     size_t replayed = 0;
+    bool journalFound = journal.fd >= 0;
     if (snapshotRead && journal.fd >= 0) {
         JournalReader reader(journal.fd, journal.size);
         std::string payload;
@@ -410,7 +411,10 @@ bool Dch::useStateDir(const std::string &dir, std::string *why) {
                                static_cast<unsigned long long>(journal.size - good),
                                kept ? "cut off" : "they could not be cut off");
                 }
-                if (kept) s.journal.resume(journal.inode, good);
+                if (kept) {
+                    s.journal.resume(journal.fd, good);
+                    journal.fd = -1;  // the writer holds it now
+                }
             }
         }
     }
@@ -418,7 +422,7 @@ bool Dch::useStateDir(const std::string &dir, std::string *why) {
     auto now = std::chrono::steady_clock::now();
     for (auto &[id, handle] : handles_) handle.lastActive = now;
     s.snapshotAt = s.journal.size() + std::max(s.snapshotBytes, kMinJournalForSnapshot);
-    if (snapshotRead && (snapshot.fd >= 0 || journal.fd >= 0))
+    if (snapshotRead && (snapshot.fd >= 0 || journalFound))
         ZEVD_TRACE(trc, TRACE_ERROR,
                    "Note: state read from %s: %u applications, %u handles (%u journal records)\n",
                    dir.c_str(), static_cast<unsigned>(applications_.size()),
