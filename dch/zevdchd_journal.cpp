@@ -108,7 +108,6 @@ bool openStateFile(int dirFd, const char *name, StateFile *file, std::string *wh
     }
     file->fd = fd;
     file->size = static_cast<uint64_t>(info.st_size);
-    file->inode = info.st_ino;
     return true;
 }
 

@@ -35,7 +35,6 @@ std::string sealRecord(std::string_view payload);
 struct StateFile {
     int fd = -1;
     uint64_t size = 0;
-    ino_t inode = 0;
 };
 // Opens name in dirFd into *file. False, with *why saying what is wrong,
 // when it is there but is no state file (a link, a FIFO, a directory, too
