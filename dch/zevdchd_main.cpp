@@ -69,7 +69,7 @@ int usageError(const std::string &what) {
 // The longest --source-ttl: ten years.
 constexpr long kMaxSourceTtl = 10L * 366 * 24 * 3600;
 // How often idle handles are looked for when --source-ttl is set.
-constexpr long kTickNanoseconds = 1000L * 1000 * 1000;
+constexpr timespec kTick = {1, 0};
 
 // A receive buffer size in bytes, as --rcvbuf and ZEVA_DCH_RCVBUF give it:
 // a decimal number within the range; -1 when it is not one.
@@ -212,12 +212,11 @@ int run(int argc, char **argv) {
         worker->setMetricsBoard(board);
     }
     std::thread serving([] { worker->run(); });
-    const timespec tick = {0, kTickNanoseconds - 1};
     for (;;) {
         // With --source-ttl the wait ends every second, and the worker is
         // asked to look for idle handles between two requests.
-        int received =
-            sourceTtl > 0 ? sigtimedwait(&signals, nullptr, &tick) : sigwaitinfo(&signals, nullptr);
+        int received = sourceTtl > 0 ? sigtimedwait(&signals, nullptr, &kTick)
+                                     : sigwaitinfo(&signals, nullptr);
         if (received < 0 && errno == EAGAIN) {
             sock->ipc_put_data(static_cast<int32_t>(sizeof kTickText), kTickText, nullptr, 0,
                                nullptr, 0);
