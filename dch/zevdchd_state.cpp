@@ -38,6 +38,7 @@
 #include "zevdchd_state.h"
 
 #include <arpa/inet.h>
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -216,6 +217,32 @@ std::string lockHolder(int fd) {
     return "unknown";
 }
 
+// Removes the temporary files a daemon that ended while it wrote a snapshot
+// or journal left in dirFd (they are never read). Only the lock's holder
+// calls it, so none of them is being written.
+void removeLeftovers(int dirFd, const std::string &dir) {
+    ZEVD_TRACE_FUNCTION("removeLeftovers");
+    int listFd = openat(dirFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    DIR *list = listFd >= 0 ? fdopendir(listFd) : nullptr;
+    if (list == nullptr) {
+        if (listFd >= 0) close(listFd);
+        return trc.exit();
+    }
+    const std::string prefixes[] = {std::string(kStateFile) + ".tmp-",
+                                    std::string(kJournalFile) + ".tmp-"};
+    for (dirent *entry = readdir(list); entry != nullptr; entry = readdir(list)) {
+        std::string name = entry->d_name;
+        for (const std::string &prefix : prefixes) {
+            if (name.rfind(prefix, 0) != 0) continue;
+            if (unlinkat(dirFd, name.c_str(), 0) == 0)
+                ZEVD_TRACE(trc, TRACE_ERROR, "Note: removed %s/%s, left by an earlier daemon\n",
+                           dir.c_str(), name.c_str());
+        }
+    }
+    closedir(list);
+    trc.exit();
+}
+
 }  // namespace
 
 std::string registerRecord(const Application &application) {
@@ -310,6 +337,8 @@ bool Dch::useStateDir(const std::string &dir, std::string *why) {
         ZEVD_TRACE(trc, TRACE_ERROR, "Error: the pid could not be written to %s: %s\n",
                    state->path(kLockFile).c_str(), errnoText(errno).c_str());
     if (pidFd >= 0) close(pidFd);
+
+    removeLeftovers(state->dirFd, dir);
 
     // Both files are checked before either is read: a start that ends
     // leaves them as they were.

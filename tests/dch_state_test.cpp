@@ -433,6 +433,34 @@ TEST(DchStateTest, JournalOlderThanTheSnapshotIsNotReplayed) {
     EXPECT_NE(readFile(dir.journal()).find("generation 3"), std::string::npos);
 }
 
+// A daemon that ended while it wrote a snapshot leaves its temporary file:
+// the next one removes it, and nothing else.
+TEST(DchStateTest, TemporaryFilesLeftByAnEarlierDaemonAreRemoved) {
+    TempDir dir;
+    {
+        Daemon first;
+        use(first, dir);
+        first.registerApp("app");
+    }
+    writeFile(dir.path() + "/zevdchd.state.tmp-1-2-3", "half a snapshot");
+    writeFile(dir.path() + "/zevdchd.journal.tmp-4-5-6", "half a journal");
+    writeFile(dir.path() + "/zevdchd.state.kept", "someone else's");
+    writeFile(dir.path() + "/zevdchd.tmp-7", "someone else's");
+    Daemon second;
+    TraceCapture capture("error");
+    use(second, dir);
+    EXPECT_EQ(second.dch.applications().count("app"), 1u);
+    EXPECT_EQ(dir.names(),
+              (std::vector<std::string>{"zevdchd.journal", "zevdchd.lock", "zevdchd.state",
+                                        "zevdchd.state.kept", "zevdchd.tmp-7"}));
+    EXPECT_TRUE(capture.hasText("Note: removed " + dir.path() +
+                                "/zevdchd.state.tmp-1-2-3, left by an earlier daemon\n"))
+        << capture.joined();
+    EXPECT_TRUE(capture.hasText("Note: removed " + dir.path() +
+                                "/zevdchd.journal.tmp-4-5-6, left by an earlier daemon\n"))
+        << capture.joined();
+}
+
 TEST(DchStateTest, ASecondDchOnTheDirectoryIsRefusedWhileTheFirstHoldsIt) {
     TempDir dir;
     auto first = std::make_unique<Daemon>();
