@@ -203,6 +203,8 @@ TEST(DchStateFaultTest, DiskThatFillsUpRefusesChangesWith24AndKeepsEveryOneAnswe
         }
     }
     EXPECT_GE(ledger.answered(ZEVD_DCH_NOT_SAVED), 50u);
+    // A register, by now, cannot be saved either.
+    EXPECT_EQ(provider.registerApp("too-late").status, ZEVD_DCH_NOT_SAVED);
     EXPECT_TRUE(
         daemon->waitTrace("(errno 28, No space left on device): answered 24, "
                           "nothing changed\n"))
@@ -224,6 +226,7 @@ TEST(DchStateFaultTest, DiskThatFillsUpRefusesChangesWith24AndKeepsEveryOneAnswe
     close(fd);
     for (int i = 0; i < 10; ++i) ledger.online(provider, "last-" + std::to_string(i));
     daemon = killAndCheck(std::move(daemon), dir.path(), ledger, provider);
+    EXPECT_EQ(provider.online("too-late", "x").status, ZEVD_DCH_UNKNOWN_APPL);
     printf("disk full: %zu changes answered 0, %zu answered 24\n", ledger.answered(0),
            ledger.answered(ZEVD_DCH_NOT_SAVED));
     EXPECT_EQ(WTERMSIG(daemon->stop(SIGKILL)), SIGKILL);
@@ -266,6 +269,8 @@ TEST(DchStateFaultTest, DirectoryRemountedReadOnlyRefusesChangesWith24AndKeepsEv
     EXPECT_EQ(ledger.online(provider, "late"), ZEVD_DCH_NOT_SAVED);
     daemon = killAndCheck(std::move(daemon), dir.path(), ledger, provider,
                           [&] { EXPECT_TRUE(dir.remount(false)) << strerror(errno); });
+    // The register answered 24 left nothing either.
+    EXPECT_EQ(provider.online("other", "x").status, ZEVD_DCH_UNKNOWN_APPL);
     EXPECT_EQ(exitCode(daemon->stop(SIGTERM)), 0);
 }
 
