@@ -18,6 +18,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <filesystem>
 #include <functional>
 #include <string>
 #include <vector>
@@ -142,11 +143,19 @@ struct Setup {
         for (Peer *p : {&plain, &saved})
             if (p->ok()) p->ask(registerRequest("bench", 10));
     }
+    // The state's directory, removed when the program ends.
     static std::string makeDir() {
+        static std::string made;
         std::string pattern = stateParent() + "/zevdchd-bench-XXXXXX";
         std::vector<char> name(pattern.begin(), pattern.end());
         name.push_back('\0');
-        return mkdtemp(name.data()) != nullptr ? name.data() : "";
+        if (mkdtemp(name.data()) == nullptr) return "";
+        made = name.data();
+        std::atexit([] {
+            std::error_code ignored;
+            std::filesystem::remove_all(made, ignored);
+        });
+        return made;
     }
     bool reach(int wanted) {
         for (; stage < wanted; ++stage) {
