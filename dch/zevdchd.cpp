@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "common/trace.h"
+#include "zevdchd_state.h"
 
 namespace zevd::dch {
 
@@ -330,7 +331,11 @@ void Dch::disconnect(uint32_t fd) {
         list->erase(std::remove_if(list->begin(), list->end(),
                                    [fd](const Subscriber &s) { return s.peer.fd == fd; }),
                     list->end());
-    bool changed = false;
+    std::string record;
+    for (const auto &[id, handle] : handles_)
+        if (handle.provider.fd == fd) record += offlineRecord(id);
+    // Closed whether or not the record is written: the connection is gone.
+    if (!record.empty()) saveChange(record, nullptr);
     for (auto it = handles_.begin(); it != handles_.end();) {
         if (it->second.provider.fd == fd) {
             ZEVD_TRACE(trc, TRACE_DETAIL, "handle %d released with its connection\n",
@@ -338,13 +343,12 @@ void Dch::disconnect(uint32_t fd) {
             auto next = std::next(it);
             releaseHandle(it);
             it = next;
-            changed = true;
         } else {
             ++it;
         }
     }
     updateGauges();
-    if (changed) saveState();
+    if (!record.empty()) savedChange();
     trc.exit();
 }
 

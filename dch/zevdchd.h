@@ -11,6 +11,7 @@
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
@@ -18,6 +19,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "common/message.h"
@@ -92,6 +94,8 @@ struct OpenHandle {
     // accepted row on; emptied when the application registers again. Kept
     // in the handle, so that every way a handle closes drops its values.
     std::vector<LatestValue> latest;
+    // Its latest online or accepted row (--source-ttl).
+    std::chrono::steady_clock::time_point lastActive{};
 };
 
 struct Subscriber {
@@ -129,6 +133,7 @@ enum DchStatus : int32_t {
     kFull = ZEVD_DCH_FULL,
     kUnknownAction = ZEVD_DCH_UNKNOWN_ACTION,
     kBadCatalogue = ZEVD_DCH_BAD_CATALOGUE,
+    kNotSaved = ZEVD_DCH_NOT_SAVED,
 };
 
 // Why something was dropped, for the counters.
@@ -191,9 +196,16 @@ struct Request {
     Peer from;
 };
 
+// The files of --state-dir (zevdchd_state.h).
+struct StateStore;
+struct StateLoad;
+
 class Dch {
 public:
     explicit Dch(Transport &transport);
+    ~Dch();
+    Dch(const Dch &) = delete;
+    Dch &operator=(const Dch &) = delete;
 
     // Takes one request: refuses senders outside the allowed networks,
     // dispatches by request code, answers when the request has an answer.
@@ -210,9 +222,21 @@ public:
     void allowOwnAddresses();
     bool allowed(const sockaddr_in &addr) const;
 
-    // --state-dir: where the catalogue and the open handles are kept. Reads
-    // what is there; a file that does not read back whole is set aside.
-    void useStateDir(const std::string &dir);
+    // --state-dir: where the catalogue and the open handles are kept. Locks
+    // the directory, reads the snapshot and replays the journal; a snapshot
+    // that does not read back whole is set aside. False, with *why saying
+    // what and why, when the directory cannot be used (the start ends).
+    bool useStateDir(const std::string &dir, std::string *why);
+    // Writes a new snapshot of everything held and starts an empty journal
+    // (at a clean stop, so that the next start has no journal to replay).
+    // False, with *why, when it could not; the journal then stays in force.
+    bool writeStateSnapshot(std::string *why);
+    // --source-ttl: a handle without an online or an accepted row for this
+    // long is taken offline by expireIdle (0, the default: never).
+    void setSourceTtl(std::chrono::seconds ttl) { sourceTtl_ = ttl; }
+    // Takes offline, reported as an offline, each handle idle past the ttl
+    // at now.
+    void expireIdle(std::chrono::steady_clock::time_point now);
 
     // --max-catalogue and --max-subscribers.
     void setMaxCatalogue(size_t bytes) { maxCatalogue_ = bytes; }
@@ -300,9 +324,28 @@ private:
     // Tells the transport that peer is no subscriber any more, once it is in no list.
     void forgetPeer(const Peer &peer);
 
-    // State file.
-    void saveState();
-    bool loadState(const std::string &path, std::string *why);
+    // The handle open for a source, by "appl\0group\0source".
+    static std::string sourceKey(const std::string &appl, const std::string &group,
+                                 const std::string &source);
+    // Keeps handle as open (replacing one of its number).
+    void putHandle(OpenHandle handle);
+
+    // State directory. saveChange writes a change's record before the
+    // change is made: false when it could not be written, for request (the
+    // caller answers 24 and changes nothing). A change no request waits for
+    // (request nullptr) is made whatever happens; when its record is not
+    // written, the next change writes a new snapshot first.
+    bool saveChange(const std::string &record, const Request *request);
+    // After a change: a new snapshot when the journal has outgrown the old.
+    void savedChange();
+    // A new snapshot of everything held, and an empty journal after it.
+    // 0 or an errno value.
+    int writeSnapshot();
+    std::string snapshotText(uint64_t generation) const;
+    bool readSnapshot(int fd, StateLoad &load, std::string *why);
+    bool replayJournal(int fd, uint64_t size, StateLoad &load, std::string *why);
+    // One line of a snapshot or of a journal record.
+    bool applyStateLine(const std::string &line, StateLoad &load, std::string *why);
 
     Transport &transport_;
     Counters counters_;
@@ -322,9 +365,11 @@ private:
         uint32_t mask;
     };
     std::vector<Network> allowed_;
-    std::string stateDir_;
     size_t maxCatalogue_ = kDefaultMaxCatalogue;
     size_t maxSubscribers_ = kDefaultMaxSubscribers;
+    std::unordered_map<std::string, int32_t> bySource_;
+    std::chrono::seconds sourceTtl_{0};
+    std::unique_ptr<StateStore> state_;
 };
 
 // The trace name of a request code ("dp_online"), "unknown" for others.

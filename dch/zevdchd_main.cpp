@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -32,8 +33,8 @@ constexpr int kExitUsage = 2;
 constexpr long kLoopCheckNanoseconds = 250L * 1000 * 1000;
 
 const char kUsage[] =
-    "usage: zevdchd [--port N] [--allow CIDR,...] [--state-dir DIR] [--rcvbuf BYTES]\n"
-    "               [--metrics [ADDR:]PORT] [--max-catalogue BYTES]\n"
+    "usage: zevdchd [--port N] [--allow CIDR,...] [--state-dir DIR] [--source-ttl SECONDS]\n"
+    "               [--rcvbuf BYTES] [--metrics [ADDR:]PORT] [--max-catalogue BYTES]\n"
     "               [--max-subscribers N] [--trace LEVELS] [--trace-file PATH]\n"
     "               [--help] [--version]\n"
     "\n"
@@ -43,7 +44,11 @@ const char kUsage[] =
     "  --port N          the DCH port (default: ZEVA_DCH_PORT, settings item 21, 1919)\n"
     "  --allow CIDR,...  networks served besides loopback and this host's own\n"
     "                    addresses (default: ZEVA_DCH_ALLOW)\n"
-    "  --state-dir DIR   keep the catalogue and the open handles in DIR\n"
+    "  --state-dir DIR   keep the catalogue and the open handles in DIR: every\n"
+    "                    change answered 0 is on disk first; one daemon per DIR\n"
+    "  --source-ttl SECONDS\n"
+    "                    take a handle offline after SECONDS without a row or an\n"
+    "                    online (default: 0, never)\n"
     "  --rcvbuf BYTES    receive buffer of the UDP port, 4096 to 1073741824\n"
     "                    (default: ZEVA_DCH_RCVBUF, else 33554432; beyond\n"
     "                    net.core.rmem_max only with CAP_NET_ADMIN)\n"
@@ -71,13 +76,18 @@ const char kUsage[] =
     "\"zevdchd ready on port N\" once the DCH port is open (and tells a service\n"
     "manager through NOTIFY_SOCKET). SIGUSR1 writes the counters to the trace;\n"
     "SIGHUP opens --trace-file again (after a rotation) and writes them there.\n"
-    "Exit status 1 when a port cannot be owned or the receive loop ends, 2 for\n"
-    "bad usage.\n";
+    "Exit status 1 when a port cannot be owned, the state directory cannot be\n"
+    "used or the receive loop ends, 2 for bad usage.\n";
 
 int usageError(const std::string &what) {
     fprintf(stderr, "zevdchd: %s\nTry 'zevdchd --help'.\n", what.c_str());
     return kExitUsage;
 }
+
+// The longest --source-ttl: ten years.
+constexpr long kMaxSourceTtl = 10L * 366 * 24 * 3600;
+// How often idle handles are looked for when --source-ttl is set.
+constexpr auto kTick = std::chrono::seconds(1);
 
 // A receive buffer size in bytes, as --rcvbuf and ZEVA_DCH_RCVBUF give it:
 // a decimal number within the range; -1 when it is not one.
@@ -115,6 +125,7 @@ int run(int argc, char **argv) {
         {"port", required_argument, nullptr, 'p'},
         {"allow", required_argument, nullptr, 'a'},
         {"state-dir", required_argument, nullptr, 's'},
+        {"source-ttl", required_argument, nullptr, 'T'},
         {"rcvbuf", required_argument, nullptr, 'r'},
         {"metrics", required_argument, nullptr, 'm'},
         {"max-catalogue", required_argument, nullptr, 'C'},
@@ -131,6 +142,7 @@ int run(int argc, char **argv) {
     const char *metrics = nullptr;
     size_t maxCatalogue = kDefaultMaxCatalogue;
     size_t maxSubscribers = kDefaultMaxSubscribers;
+    long sourceTtl = 0;
     opterr = 0;
     int option = 0;
     while ((option = getopt_long(argc, argv, ":", kOptions, nullptr)) != -1) {
@@ -145,6 +157,17 @@ int run(int argc, char **argv) {
             }
             case 'a': allowList = optarg; break;
             case 's': stateDir = optarg; break;
+            case 'T': {
+                char *end = nullptr;
+                errno = 0;
+                sourceTtl = strtol(optarg, &end, 10);
+                if (*optarg == '\0' || *end != '\0' || errno != 0 || sourceTtl < 0 ||
+                    sourceTtl > kMaxSourceTtl)
+                    return usageError(std::string("--source-ttl takes 0 to ") +
+                                      std::to_string(kMaxSourceTtl) + " seconds, not '" + optarg +
+                                      "'");
+                break;
+            }
             case 'r': receiveBuffer = optarg; break;
             case 'm': metrics = optarg; break;
             case 'C':
@@ -200,7 +223,13 @@ int run(int argc, char **argv) {
     dch->allowOwnAddresses();
     dch->setMaxCatalogue(maxCatalogue);
     dch->setMaxSubscribers(maxSubscribers);
-    if (!stateDir.empty()) dch->useStateDir(stateDir);
+    dch->setSourceTtl(std::chrono::seconds(sourceTtl));
+    // Before the port opens: a daemon that cannot keep what it answers
+    // does not serve.
+    if (!stateDir.empty() && !dch->useStateDir(stateDir, &why)) {
+        fprintf(stderr, "zevdchd: %s\n", why.c_str());
+        return 1;
+    }
 
     auto *sock = new ipcSock(IPC_SERVICE_SERVER, 0, 0);
     if (sock->ipcGetError() != 0) {
@@ -231,6 +260,7 @@ int run(int argc, char **argv) {
     }
     std::thread serving([] { worker->run(); });
     bool deaf = false;
+    auto lastTick = std::chrono::steady_clock::now();
     for (;;) {
         // The receive loop ends only when its select fails for good; a
         // daemon that can no longer hear must not stay up.
@@ -246,6 +276,15 @@ int run(int argc, char **argv) {
         }
         timespec wait = {0, kLoopCheckNanoseconds};
         int received = sigtimedwait(&signals, nullptr, &wait);
+        // With --source-ttl the worker is asked every second to look for
+        // idle handles between two requests.
+        auto now = std::chrono::steady_clock::now();
+        if (sourceTtl > 0 && now - lastTick >= kTick) {
+            lastTick = now;
+            sock->ipc_put_data(static_cast<int32_t>(sizeof kTickText), kTickText, nullptr, 0,
+                               nullptr, 0);
+        }
+        if (received < 0) continue;
         if (received < 0) continue;
         if (received == SIGUSR1) {
             writeCounters(*dch, *worker);
@@ -269,6 +308,9 @@ int run(int argc, char **argv) {
         worker->stop();
     }
     serving.join();
+    // The worker has stopped: nothing changes the state any more.
+    if (!worker->failed() && !dch->writeStateSnapshot(&why))
+        fprintf(stderr, "zevdchd: at the stop, %s; the journal keeps every change\n", why.c_str());
     writeCounters(*dch, *worker);
     return worker->failed() || deaf ? 1 : 0;
 }

@@ -8,6 +8,7 @@
 #include "common/trace.h"
 #include "zevdchd.h"
 #include "zevdchd_fields.h"
+#include "zevdchd_state.h"
 
 namespace zevd::dch {
 
@@ -146,6 +147,10 @@ void Dch::onRegister(FieldReader &reader, const Request &request) {
     }
     // A registration again replaces the catalogue; open handles stay.
     application.registeredBy = request.from;
+    if (!saveChange(registerRecord(application), &request)) {
+        answerStatus(request, kNotSaved);
+        return trc.exit();
+    }
     std::string name = application.name;
     ZEVD_TRACE(trc, TRACE_DETAIL, "application %s registered with %u groups\n", name.c_str(),
                static_cast<unsigned>(application.groupCount()));
@@ -154,9 +159,9 @@ void Dch::onRegister(FieldReader &reader, const Request &request) {
     // longer has, or with another type.
     for (auto &[id, handle] : handles_)
         if (handle.appl == name) handle.latest.clear();
-    saveState();
     answerStatus(request, kOk);
     reportStatus(ZEVD_REQ_DP_REGISTER, name, "", "", request.from);
+    savedChange();
     trc.exit();
 }
 
@@ -170,12 +175,13 @@ void Dch::onOnline(FieldReader &reader, const Request &request) {
         return trc.exit();
     }
     auto application = applications_.find(handle.appl);
+    auto open = bySource_.find(sourceKey(handle.appl, handle.group, handle.source));
     int32_t status = kOk;
     if (application == applications_.end())
         status = kUnknownAppl;
     else if (application->second.find(handle.group) == std::nullopt)
         status = kUnknownGroup;
-    else if (handles_.size() >= kMaxHandles)
+    else if (open == bySource_.end() && handles_.size() >= kMaxHandles)
         status = kFull;
     if (status != kOk) {
         ZEVD_TRACE(trc, TRACE_ERROR, "Error: dp_online %s %s %s from %s port %d refused (%d)\n",
@@ -184,26 +190,52 @@ void Dch::onOnline(FieldReader &reader, const Request &request) {
         answerStatus(request, status, &kNoHandle);
         return trc.exit();
     }
-    // Handles count up from 1 and are not given again while open; past the
-    // largest they start again at 1.
-    while (handles_.count(nextHandle_) != 0 || nextHandle_ <= 0)
-        nextHandle_ = nextHandle_ <= 0 || nextHandle_ == INT32_MAX ? 1 : nextHandle_ + 1;
-    handle.id = nextHandle_;
-    nextHandle_ = nextHandle_ == INT32_MAX ? 1 : nextHandle_ + 1;
     handle.provider = request.from;
-    ZEVD_TRACE(trc, TRACE_DETAIL, "handle %d: %s %s %s\n", handle.id, handle.appl.c_str(),
-               handle.group.c_str(), handle.source.c_str());
+    handle.lastActive = std::chrono::steady_clock::now();
+    int32_t next = nextHandle_;
+    if (open != bySource_.end()) {
+        // A source online already (its provider restarted without an
+        // offline) gets its handle again: handles stay as many as the
+        // sources. The handle keeps its latest values; its provider is the
+        // one that asked now.
+        handle.id = open->second;
+    } else {
+        // Handles count up from 1 and are not given again while open; past
+        // the largest they start again at 1.
+        while (handles_.count(next) != 0 || next <= 0)
+            next = next <= 0 || next == INT32_MAX ? 1 : next + 1;
+        handle.id = next;
+        next = next == INT32_MAX ? 1 : next + 1;
+    }
+    if (!saveChange(onlineRecord(handle, next), &request)) {
+        answerStatus(request, kNotSaved, &kNoHandle);
+        return trc.exit();
+    }
+    nextHandle_ = next;
     int32_t id = handle.id;
-    const OpenHandle &kept = handles_[id] = std::move(handle);
-    updateGauges();
-    saveState();
+    if (open != bySource_.end()) {
+        OpenHandle &again = handles_.at(id);
+        again.provider = handle.provider;
+        again.lastActive = handle.lastActive;
+        ZEVD_TRACE(trc, TRACE_DETAIL, "handle %d online again: %s %s %s\n", id, handle.appl.c_str(),
+                   handle.group.c_str(), handle.source.c_str());
+    } else {
+        ZEVD_TRACE(trc, TRACE_DETAIL, "handle %d: %s %s %s\n", id, handle.appl.c_str(),
+                   handle.group.c_str(), handle.source.c_str());
+        putHandle(std::move(handle));
+        updateGauges();
+    }
+    const OpenHandle &kept = handles_.at(id);
     answerStatus(request, kOk, &id);
     reportStatus(ZEVD_REQ_DP_ONLINE, kept.appl, kept.group, kept.source, kept.provider);
+    savedChange();
     trc.exit();
 }
 
 void Dch::releaseHandle(std::map<int32_t, OpenHandle>::iterator it) {
     OpenHandle handle = std::move(it->second);
+    auto indexed = bySource_.find(sourceKey(handle.appl, handle.group, handle.source));
+    if (indexed != bySource_.end() && indexed->second == it->first) bySource_.erase(indexed);
     handles_.erase(it);
     updateGauges();
     reportStatus(ZEVD_REQ_DP_OFFLINE, handle.appl, handle.group, handle.source, handle.provider);
@@ -224,10 +256,14 @@ void Dch::onOffline(FieldReader &reader, const Request &request) {
         answerStatus(request, kUnknownHandle);
         return trc.exit();
     }
+    if (!saveChange(offlineRecord(id), &request)) {
+        answerStatus(request, kNotSaved);
+        return trc.exit();
+    }
     ZEVD_TRACE(trc, TRACE_DETAIL, "handle %d released\n", id);
     answerStatus(request, kOk);
     releaseHandle(it);
-    saveState();
+    savedChange();
     trc.exit();
 }
 
@@ -245,6 +281,10 @@ void Dch::onUnregister(FieldReader &reader, const Request &request) {
         answerStatus(request, kUnknownAppl);
         return trc.exit();
     }
+    if (!saveChange(unregisterRecord(appl), &request)) {
+        answerStatus(request, kNotSaved);
+        return trc.exit();
+    }
     answerStatus(request, kOk);
     for (auto it = handles_.begin(); it != handles_.end();) {
         auto next = std::next(it);
@@ -253,8 +293,8 @@ void Dch::onUnregister(FieldReader &reader, const Request &request) {
     }
     applications_.erase(application);
     ZEVD_TRACE(trc, TRACE_DETAIL, "application %s unregistered\n", appl.c_str());
-    saveState();
     reportStatus(ZEVD_REQ_DP_UNREGISTER, appl, "", "", request.from);
+    savedChange();
     trc.exit();
 }
 
@@ -339,6 +379,7 @@ void Dch::onData(FieldReader &reader, const Request &request) {
     }
     // Only now is the row accepted: its values become the handle's latest.
     OpenHandle &kept = it->second;
+    kept.lastActive = std::chrono::steady_clock::now();
     if (kept.latest.size() != group->size()) kept.latest.assign(group->size(), LatestValue{});
     for (const RowValue &value : rowValues_) {
         LatestValue &latest = kept.latest[value.attribute];

@@ -176,6 +176,10 @@ void Worker::run() {
             }
             continue;
         }
+        if (isControl(buffer, capacity, name, kTickText)) {
+            dch_.expireIdle(std::chrono::steady_clock::now());
+            continue;
+        }
         if (isControl(buffer, capacity, name, "DP-DISCONNECT")) {
             dch_.disconnect(fd);
             continue;

@@ -23,6 +23,8 @@ class MetricsBoard;
 // The text the daemon queues itself to stop its worker. Like the loop's own
 // control texts it carries a blank sender name, which no received message has.
 inline constexpr char kStopText[] = "ZEVDCHD-STOP";
+// Queued every second with --source-ttl: idle handles are looked for.
+inline constexpr char kTickText[] = "ZEVDCHD-TICK";
 
 // The receive buffer asked for on the DCH's UDP port when --rcvbuf and
 // ZEVA_DCH_RCVBUF are absent, and the range they may ask for.

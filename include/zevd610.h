@@ -98,7 +98,9 @@ enum {
                                      longer than the attribute's size */
     ZEVD_DCH_FULL = 21,           /* a limit of the DCH is reached */
     ZEVD_DCH_UNKNOWN_ACTION = 22, /* no action was recorded under that ID */
-    ZEVD_DCH_BAD_CATALOGUE = 23   /* a registration breaks a catalogue rule */
+    ZEVD_DCH_BAD_CATALOGUE = 23,  /* a registration breaks a catalogue rule */
+    ZEVD_DCH_NOT_SAVED = 24       /* the change could not be written to the DCH's state
+                                     directory: nothing changed, try again */
 };
 
 /* Trace level bits. */

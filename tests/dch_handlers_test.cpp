@@ -3,14 +3,10 @@
 // what the daemon would have sent, and to whom.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <optional>
 #include <ostream>
 #include <sstream>
@@ -27,7 +23,6 @@
 
 namespace {
 
-namespace fs = std::filesystem;
 using zevd::FieldReader;
 using zevd::MessageBuilder;
 using zevd::dch::Dch;
@@ -37,52 +32,6 @@ using zevd::dch::Transport;
 using zevd::test::TraceCapture;
 namespace dch = zevd::dch;
 using namespace zevd::test;  // the requests, the recording transport and Daemon
-
-// Everything the daemon holds, as text: equal texts, nothing changed.
-std::string stateOf(const Dch &dch) {
-    auto quoted = [](std::string_view value) {
-        std::string out = "<";
-        char hex[8];
-        for (unsigned char c : value) {
-            if (c > ' ' && c < 0x7f && c != '\\' && c != '>') {
-                out += static_cast<char>(c);
-            } else {
-                snprintf(hex, sizeof hex, "\\x%02x", c);
-                out += hex;
-            }
-        }
-        return out + ">";
-    };
-    auto peer = [](const Peer &p) {
-        return p.host() + ":" + std::to_string(p.port()) + "/" + std::to_string(p.fd);
-    };
-    std::ostringstream out;
-    for (const auto &[key, a] : dch.applications()) {
-        out << "appl " << quoted(key) << quoted(a.name) << quoted(a.help) << peer(a.registeredBy)
-            << '\n';
-        for (dch::Group g : a.groups()) {
-            out << " group " << quoted(g.name()) << quoted(g.help()) << '\n';
-            for (dch::Attribute at : g.attributes())
-                out << "  attr " << quoted(at.name) << at.type << at.size << quoted(at.help)
-                    << '\n';
-        }
-    }
-    for (const auto &[id, h] : dch.handles())
-        out << "handle " << id << '=' << h.id << quoted(h.appl) << quoted(h.group)
-            << quoted(h.source) << peer(h.provider) << '\n';
-    for (const dch::Subscriber &s : dch.dataSubscribers())
-        out << "data " << peer(s.peer) << quoted(s.appl) << quoted(s.group) << s.failures << '\n';
-    for (const dch::Subscriber &s : dch.statusSubscribers())
-        out << "status " << peer(s.peer) << s.failures << '\n';
-    for (const dch::Action &a : dch.actions())
-        out << "action " << a.id << ' ' << a.type << quoted(a.owner) << quoted(a.node)
-            << quoted(a.subnode) << quoted(a.name) << a.utf8 << a.hasParms << '\n';
-    for (const dch::DeferredReport &r : dch.deferredReports())
-        out << "deferred " << r.actionID << ' ' << r.object << ' ' << r.time << quoted(r.applKey)
-            << quoted(r.table) << quoted(r.source) << '\n';
-    out << "next-handle " << dch.nextHandle() << '\n';
-    return out.str();
-}
 
 // ---------------------------------------------------------------------------
 // Providers: register, online, offline, unregister, rows
@@ -1232,206 +1181,6 @@ TEST(DchCountersTest, LinesAfterASmallScenario) {
         "counter drops{reason=\"kernel_receive_buffer\"} 0",
     };
     EXPECT_EQ(d.dch.counters().lines(), expected);
-}
-
-// ---------------------------------------------------------------------------
-// The state directory
-// ---------------------------------------------------------------------------
-
-// A directory of its own under /tmp, removed with what it holds.
-class TempDir {
-public:
-    TempDir() {
-        char pattern[] = "/tmp/zevdchd-test-XXXXXX";
-        if (mkdtemp(pattern) == nullptr)
-            ADD_FAILURE() << "mkdtemp failed";
-        else
-            path_ = pattern;
-    }
-    ~TempDir() {
-        std::error_code ignored;
-        if (!path_.empty()) fs::remove_all(path_, ignored);
-    }
-    TempDir(const TempDir &) = delete;
-    TempDir &operator=(const TempDir &) = delete;
-
-    const std::string &path() const { return path_; }
-    std::string stateFile() const { return path_ + "/zevdchd.state"; }
-    // The files set aside, by name.
-    std::vector<std::string> setAside() const {
-        std::vector<std::string> out;
-        for (const auto &entry : fs::directory_iterator(path_)) {
-            std::string file = entry.path().filename().string();
-            if (file.rfind("zevdchd.state.bad-", 0) == 0) out.push_back(file);
-        }
-        return out;
-    }
-
-private:
-    std::string path_;
-};
-
-std::string readFile(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-void writeFile(const std::string &path, const std::string &content) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << content;
-}
-
-TEST(DchStateTest, CatalogueAndHandlesOutliveTheDaemon) {
-    TempDir dir;
-    std::string kept;
-    {
-        Daemon first;
-        first.dch.useStateDir(dir.path());
-        first.registerApp("app");
-        ASSERT_EQ(first.online("app", "grp", "src"), 1);
-        ASSERT_EQ(first.online("app", "other", "src2", kOtherProvider), 2);
-        EXPECT_EQ(first.ask(offlineRequest(2), kOtherProvider), status(0));
-        kept = stateOf(first.dch);
-    }
-    Daemon second;
-    TraceCapture capture("error");
-    second.dch.useStateDir(dir.path());
-    EXPECT_EQ(stateOf(second.dch), kept);
-    ASSERT_EQ(second.dch.handles().count(1), 1u);
-    EXPECT_EQ(second.dch.handles().at(1).provider, kProvider);
-    EXPECT_EQ(second.dch.counters().providersOnline.load(), 1u);
-    EXPECT_TRUE(
-        capture.hasText("Note: state read from " + dir.stateFile() + ": 1 applications, 1 handles"))
-        << capture.joined();
-    EXPECT_TRUE(dir.setAside().empty());
-    // The handle serves on; the next one is 3, as it would have been.
-    EXPECT_EQ(second.ask(dataRequest(1, 0, {{"count", be32(1)}}), kProvider), status(0));
-    EXPECT_EQ(second.online("app", "grp", "src3"), 3);
-
-    // Unregistered, it is gone for the next daemon too.
-    EXPECT_EQ(second.ask(unregisterRequest("app"), kProvider), status(0));
-    Daemon third;
-    third.dch.useStateDir(dir.path());
-    EXPECT_TRUE(third.dch.applications().empty());
-    EXPECT_TRUE(third.dch.handles().empty());
-    EXPECT_EQ(third.dch.nextHandle(), 4);
-}
-
-TEST(DchStateTest, TextsWithBlanksPercentAndOtherBytesComeBackWhole) {
-    TempDir dir;
-    const std::string appl = "caf\xc3\xa9%41=x";
-    const std::vector<Grp> groups = {
-        {"gr%20p",
-         "  lead, and trail\t",
-         {{"\xc3\xa9t\xc3\xa9", 'D', 16, "100% \xe2\x82\xac\nsecond line =x %"},
-          {"n%", 'N', 2, ""}}},
-    };
-    std::string kept;
-    {
-        Daemon first;
-        first.dch.useStateDir(dir.path());
-        EXPECT_EQ(first.ask(registerRequest(appl, "a b  c %25 \xff\x01", groups), kProvider),
-                  status(0));
-        ASSERT_EQ(first.online(appl, "gr%20p", "s\xc3\xb8urce%"), 1);
-        kept = stateOf(first.dch);
-    }
-    std::string file = readFile(dir.stateFile());
-    EXPECT_EQ(file.find('\xc3'), std::string::npos) << file;
-    Daemon second;
-    TraceCapture capture("error");
-    second.dch.useStateDir(dir.path());
-    EXPECT_EQ(stateOf(second.dch), kept);
-    ASSERT_EQ(second.dch.applications().count(appl), 1u);
-    EXPECT_EQ(second.dch.applications().at(appl).help, "a b  c %25 \xff\x01");
-    EXPECT_EQ(second.dch.applications().at(appl).at(0).at(0).help,
-              "100% \xe2\x82\xac\nsecond line =x %");
-    EXPECT_EQ(second.dch.handles().at(1).source, "s\xc3\xb8urce%");
-    EXPECT_FALSE(capture.contains("Error:")) << capture.joined();
-}
-
-TEST(DchStateTest, StateFileThatDoesNotReadBackIsSetAside) {
-    struct Case {
-        const char *what;
-        std::string (*damage)(const std::string &);
-        const char *why;
-    };
-    const Case cases[] = {
-        {"cut before its end line",
-         [](const std::string &s) { return s.substr(0, s.rfind("end ")); },
-         "no end (the file is cut short) at line 9"},
-        {"cut inside a line",
-         [](const std::string &s) { return s.substr(0, s.find("group =other") + 5); },
-         "a bad group at line 7"},
-        {"a garbage line",
-         [](const std::string &s) {
-             size_t second = s.find('\n', s.find('\n') + 1) + 1;
-             return s.substr(0, second) + "garbage here\n" + s.substr(second);
-         },
-         "an unknown record at line 3"},
-        {"an end that miscounts",
-         [](const std::string &s) { return s.substr(0, s.rfind("end ")) + "end 7\n"; },
-         "an end that does not count the records at line 10"},
-        {"a bad escape",
-         [](const std::string &s) {
-             std::string t = s;
-             t.replace(t.find("=app"), 4, "=a%G1");
-             return t;
-         },
-         "a bad appl at line 3"},
-        {"a changed byte that still parses",
-         [](const std::string &s) {
-             std::string t = s;
-             t.replace(t.find("handle 1 "), 9, "handle 9 ");
-             return t;
-         },
-         "a sum that does not match at line 10"},
-        {"a sum changed",
-         [](const std::string &s) {
-             std::string t = s;
-             char &last = t[t.size() - 2];
-             last = last == '0' ? '1' : '0';
-             return t;
-         },
-         "a sum that does not match at line 10"},
-        {"the first format, without a sum",
-         [](const std::string &s) { return "zevdchd-state 1" + s.substr(s.find('\n')); },
-         "no header at line 0"},
-        {"empty", [](const std::string &) { return std::string(); }, "no header at line 0"},
-    };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.what);
-        TempDir dir;
-        {
-            Daemon first;
-            first.dch.useStateDir(dir.path());
-            first.registerApp("app");
-            ASSERT_EQ(first.online("app", "grp", "src"), 1);
-        }
-        std::string damaged = c.damage(readFile(dir.stateFile()));
-        writeFile(dir.stateFile(), damaged);
-
-        Daemon second;
-        TraceCapture capture("error");
-        second.dch.useStateDir(dir.path());
-        EXPECT_TRUE(second.dch.applications().empty());
-        EXPECT_TRUE(second.dch.handles().empty());
-        EXPECT_EQ(second.dch.nextHandle(), 1);
-        EXPECT_FALSE(fs::exists(dir.stateFile()));
-        std::vector<std::string> aside = dir.setAside();
-        ASSERT_EQ(aside.size(), 1u);
-        EXPECT_EQ(readFile(dir.path() + "/" + aside[0]), damaged);
-        std::string start = "Error: state file " + dir.stateFile() + " is not usable (";
-        std::string end = "); set aside as " + dir.path() + "/" + aside[0] + ", starting empty\n";
-        start += c.why;
-        EXPECT_TRUE(capture.hasText(start + end)) << capture.joined();
-        EXPECT_EQ(capture.texts().size(), 1u) << capture.joined();
-        // It goes on from nothing, and writes a new state.
-        second.registerApp("fresh");
-        EXPECT_EQ(second.online("fresh", "grp", "src"), 1);
-        Daemon third;
-        third.dch.useStateDir(dir.path());
-        EXPECT_EQ(third.dch.applications().count("fresh"), 1u);
-    }
 }
 
 }  // namespace

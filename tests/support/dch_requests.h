@@ -10,10 +10,13 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <optional>
 #include <ostream>
+#include <sstream>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -368,6 +371,56 @@ inline std::vector<char> actionRequest(int32_t id, const std::string &action,
 }
 inline std::vector<char> actionResultsRequest(int32_t id) {
     return encode(ZEVD_REQ_DC_WAIT_FOR_ACTION_RESULTS, {i32(DCH_actionID, id)});
+}
+
+// ---------------------------------------------------------------------------
+// What the daemon holds
+// ---------------------------------------------------------------------------
+
+// Everything the daemon holds, as text: equal texts, nothing changed.
+inline std::string stateOf(const Dch &dch) {
+    auto quoted = [](std::string_view value) {
+        std::string out = "<";
+        char hex[8];
+        for (unsigned char c : value) {
+            if (c > ' ' && c < 0x7f && c != '\\' && c != '>') {
+                out += static_cast<char>(c);
+            } else {
+                snprintf(hex, sizeof hex, "\\x%02x", c);
+                out += hex;
+            }
+        }
+        return out + ">";
+    };
+    auto peer = [](const Peer &p) {
+        return p.host() + ":" + std::to_string(p.port()) + "/" + std::to_string(p.fd);
+    };
+    std::ostringstream out;
+    for (const auto &[key, a] : dch.applications()) {
+        out << "appl " << quoted(key) << quoted(a.name) << quoted(a.help) << peer(a.registeredBy)
+            << '\n';
+        for (dch::Group g : a.groups()) {
+            out << " group " << quoted(g.name()) << quoted(g.help()) << '\n';
+            for (dch::Attribute at : g.attributes())
+                out << "  attr " << quoted(at.name) << at.type << at.size << quoted(at.help)
+                    << '\n';
+        }
+    }
+    for (const auto &[id, h] : dch.handles())
+        out << "handle " << id << '=' << h.id << quoted(h.appl) << quoted(h.group)
+            << quoted(h.source) << peer(h.provider) << '\n';
+    for (const dch::Subscriber &s : dch.dataSubscribers())
+        out << "data " << peer(s.peer) << quoted(s.appl) << quoted(s.group) << s.failures << '\n';
+    for (const dch::Subscriber &s : dch.statusSubscribers())
+        out << "status " << peer(s.peer) << s.failures << '\n';
+    for (const dch::Action &a : dch.actions())
+        out << "action " << a.id << ' ' << a.type << quoted(a.owner) << quoted(a.node)
+            << quoted(a.subnode) << quoted(a.name) << a.utf8 << a.hasParms << '\n';
+    for (const dch::DeferredReport &r : dch.deferredReports())
+        out << "deferred " << r.actionID << ' ' << r.object << ' ' << r.time << quoted(r.applKey)
+            << quoted(r.table) << quoted(r.source) << '\n';
+    out << "next-handle " << dch.nextHandle() << '\n';
+    return out.str();
 }
 
 // ---------------------------------------------------------------------------
