@@ -16,52 +16,16 @@
 #include <string>
 #include <vector>
 
+#include "support/temp_dir.h"
 #include "zevdchd_journal.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using namespace zevd::dch;
-
-class TempDir {
-public:
-    TempDir() {
-        char pattern[] = "/tmp/zevdchd-journal-XXXXXX";
-        if (mkdtemp(pattern) != nullptr) path_ = pattern;
-        fd_ = open(path_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    }
-    ~TempDir() {
-        if (fd_ >= 0) close(fd_);
-        std::error_code ignored;
-        if (!path_.empty()) fs::remove_all(path_, ignored);
-    }
-    TempDir(const TempDir &) = delete;
-    TempDir &operator=(const TempDir &) = delete;
-
-    int fd() const { return fd_; }
-    std::string file(const std::string &name) const { return path_ + "/" + name; }
-    std::vector<std::string> names() const {
-        std::vector<std::string> out;
-        for (const auto &entry : fs::directory_iterator(path_))
-            out.push_back(entry.path().filename().string());
-        std::sort(out.begin(), out.end());
-        return out;
-    }
-
-private:
-    std::string path_;
-    int fd_ = -1;
-};
-
-std::string readFile(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-void writeFile(const std::string &path, const std::string &content) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << content;
-}
+using zevd::test::readFile;
+using zevd::test::TempDir;
+using zevd::test::writeFile;
 
 // The payloads a reader gives from bytes, and whether it stopped early.
 struct Read {

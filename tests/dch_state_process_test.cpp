@@ -24,6 +24,7 @@
 #include "support/http_client.h"
 #include "support/loopback.h"
 #include "support/raw_provider.h"
+#include "support/temp_dir.h"
 #include "support/wait_for.h"
 #include "zevd610.h"
 
@@ -35,35 +36,6 @@ namespace fs = std::filesystem;
 
 int exitCode(int status) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-class TempDir {
-public:
-    TempDir() {
-        char name[] = "/tmp/zevdchd-start-XXXXXX";
-        path_ = mkdtemp(name) != nullptr ? name : "";
-    }
-    ~TempDir() {
-        std::error_code ignored;
-        if (!path_.empty()) fs::remove_all(path_, ignored);
-    }
-    TempDir(const TempDir &) = delete;
-    TempDir &operator=(const TempDir &) = delete;
-    const std::string &path() const { return path_; }
-    std::string file(const std::string &name) const { return path_ + "/" + name; }
-
-private:
-    std::string path_;
-};
-
-std::string readFile(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-void writeFile(const std::string &path, const std::string &content) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << content;
 }
 
 // A file of size bytes that takes no room.

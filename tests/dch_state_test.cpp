@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "support/dch_requests.h"
+#include "support/temp_dir.h"
 #include "support/trace_capture.h"
 #include "zevd610.h"
 #include "zevdchd.h"
@@ -31,56 +32,17 @@ namespace dch = zevd::dch;
 using namespace zevd::test;
 using namespace std::chrono_literals;
 
-// A directory of its own under /tmp, removed with what it holds.
-class TempDir {
-public:
-    TempDir() {
-        char pattern[] = "/tmp/zevdchd-test-XXXXXX";
-        if (mkdtemp(pattern) == nullptr)
-            ADD_FAILURE() << "mkdtemp failed";
-        else
-            path_ = pattern;
-    }
-    ~TempDir() {
-        std::error_code ignored;
-        if (!path_.empty()) fs::remove_all(path_, ignored);
-    }
-    TempDir(const TempDir &) = delete;
-    TempDir &operator=(const TempDir &) = delete;
-
-    const std::string &path() const { return path_; }
-    std::string stateFile() const { return path_ + "/zevdchd.state"; }
-    std::string journal() const { return path_ + "/zevdchd.journal"; }
-    // The files set aside whose names start with prefix.
-    std::vector<std::string> setAside(const std::string &prefix = "zevdchd.state.bad-") const {
-        std::vector<std::string> out;
-        for (const auto &entry : fs::directory_iterator(path_)) {
-            std::string file = entry.path().filename().string();
-            if (file.rfind(prefix, 0) == 0) out.push_back(file);
-        }
-        return out;
-    }
-    // Every name in the directory.
-    std::vector<std::string> names() const {
-        std::vector<std::string> out;
-        for (const auto &entry : fs::directory_iterator(path_))
-            out.push_back(entry.path().filename().string());
-        std::sort(out.begin(), out.end());
-        return out;
-    }
-
-private:
-    std::string path_;
-};
-
-std::string readFile(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+// The state files of a directory.
+std::string stateFile(const TempDir &dir) {
+    return dir.file("zevdchd.state");
 }
-
-void writeFile(const std::string &path, const std::string &content) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << content;
+std::string journalFile(const TempDir &dir) {
+    return dir.file("zevdchd.journal");
+}
+// The files set aside whose names start with prefix.
+std::vector<std::string> setAside(const TempDir &dir,
+                                  const std::string &prefix = "zevdchd.state.bad-") {
+    return dir.namesStartingWith(prefix);
 }
 
 // Puts d on dir, which must succeed.
@@ -132,7 +94,7 @@ TEST(DchStateTest, CatalogueAndHandlesOutliveTheDaemon) {
         EXPECT_TRUE(capture.hasText("Note: state read from " + dir.path() +
                                     ": 1 applications, 1 handles (4 journal records)"))
             << capture.joined();
-        EXPECT_TRUE(dir.setAside().empty());
+        EXPECT_TRUE(setAside(dir).empty());
         // The handle serves on; the next one is 3, as it would have been.
         EXPECT_EQ(second.ask(dataRequest(1, 0, {{"count", be32(1)}}), kProvider), status(0));
         EXPECT_EQ(second.online("app", "grp", "src3"), 3);
@@ -159,7 +121,7 @@ TEST(DchStateTest, EveryKindOfChangeIsReplayedFromTheJournalAndFromASnapshot) {
     }
     // The snapshot written at the first change is empty: all of it is in
     // the journal.
-    EXPECT_EQ(readFile(dir.stateFile()).find("appl "), std::string::npos);
+    EXPECT_EQ(readFile(stateFile(dir)).find("appl "), std::string::npos);
     {
         Daemon second;
         use(second, dir);
@@ -167,8 +129,8 @@ TEST(DchStateTest, EveryKindOfChangeIsReplayedFromTheJournalAndFromASnapshot) {
         snapshot(second);
     }
     // Now all of it is in the snapshot, and the journal is its header only.
-    EXPECT_NE(readFile(dir.stateFile()).find("handle 4 =app =grp =src4 "), std::string::npos);
-    EXPECT_EQ(readFile(dir.journal()).find("online"), std::string::npos);
+    EXPECT_NE(readFile(stateFile(dir)).find("handle 4 =app =grp =src4 "), std::string::npos);
+    EXPECT_EQ(readFile(journalFile(dir)).find("online"), std::string::npos);
     Daemon third;
     TraceCapture capture("error");
     use(third, dir);
@@ -198,10 +160,10 @@ TEST(DchStateTest, TextsWithBlanksPercentAndOtherBytesComeBackWhole) {
                   status(0));
         ASSERT_EQ(first.online(appl, "gr%20p", "s\xc3\xb8urce%"), 1);
         kept = stateOf(first.dch);
-        EXPECT_EQ(readFile(dir.journal()).find('\xc3'), std::string::npos);
+        EXPECT_EQ(readFile(journalFile(dir)).find('\xc3'), std::string::npos);
         snapshot(first);
     }
-    std::string file = readFile(dir.stateFile());
+    std::string file = readFile(stateFile(dir));
     EXPECT_NE(file.find("appl "), std::string::npos) << file;
     EXPECT_EQ(file.find('\xc3'), std::string::npos) << file;
     Daemon second;
@@ -285,8 +247,8 @@ TEST(DchStateTest, StateFileThatDoesNotReadBackIsSetAsideWithItsJournal) {
             ASSERT_EQ(first.online("app", "grp", "src"), 1);
             snapshot(first);
         }
-        std::string damaged = c.damage(readFile(dir.stateFile()));
-        writeFile(dir.stateFile(), damaged);
+        std::string damaged = c.damage(readFile(stateFile(dir)));
+        writeFile(stateFile(dir), damaged);
         {
             Daemon second;
             TraceCapture capture("error");
@@ -294,19 +256,19 @@ TEST(DchStateTest, StateFileThatDoesNotReadBackIsSetAsideWithItsJournal) {
             EXPECT_TRUE(second.dch.applications().empty());
             EXPECT_TRUE(second.dch.handles().empty());
             EXPECT_EQ(second.dch.nextHandle(), 1);
-            EXPECT_FALSE(fs::exists(dir.stateFile()));
-            EXPECT_FALSE(fs::exists(dir.journal()));
-            std::vector<std::string> aside = dir.setAside();
+            EXPECT_FALSE(fs::exists(stateFile(dir)));
+            EXPECT_FALSE(fs::exists(journalFile(dir)));
+            std::vector<std::string> aside = setAside(dir);
             ASSERT_EQ(aside.size(), 1u);
             EXPECT_EQ(readFile(dir.path() + "/" + aside[0]), damaged);
-            std::vector<std::string> journalAside = dir.setAside("zevdchd.journal.bad-");
+            std::vector<std::string> journalAside = setAside(dir, "zevdchd.journal.bad-");
             ASSERT_EQ(journalAside.size(), 1u);
-            std::string start = "Error: state file " + dir.stateFile() + " is not usable (";
+            std::string start = "Error: state file " + stateFile(dir) + " is not usable (";
             std::string end =
                 "); set aside as " + dir.path() + "/" + aside[0] + ", starting empty\n";
             start += c.why;
             EXPECT_TRUE(capture.hasText(start + end)) << capture.joined();
-            EXPECT_TRUE(capture.hasText("Note: journal " + dir.journal() + " set aside as " +
+            EXPECT_TRUE(capture.hasText("Note: journal " + journalFile(dir) + " set aside as " +
                                         dir.path() + "/" + journalAside[0] +
                                         " with its snapshot\n"))
                 << capture.joined();
@@ -323,12 +285,12 @@ TEST(DchStateTest, StateFileThatDoesNotReadBackIsSetAsideWithItsJournal) {
         }
         // A file that does not read again is set aside beside the first,
         // never over it.
-        writeFile(dir.stateFile(), "");
+        writeFile(stateFile(dir), "");
         Daemon fourth;
         use(fourth, dir);
-        EXPECT_EQ(dir.setAside().size(), 2u);
-        EXPECT_EQ(readFile(dir.path() + "/" + dir.setAside()[0]).size() +
-                      readFile(dir.path() + "/" + dir.setAside()[1]).size(),
+        EXPECT_EQ(setAside(dir).size(), 2u);
+        EXPECT_EQ(readFile(dir.path() + "/" + setAside(dir)[0]).size() +
+                      readFile(dir.path() + "/" + setAside(dir)[1]).size(),
                   damaged.size());
     }
 }
@@ -376,11 +338,11 @@ TEST(DchStateTest, ReplayEndsAtTheFirstRecordThatDoesNotReadWhole) {
             first.registerApp("app");
             ASSERT_EQ(first.online("app", "grp", "a"), 1);
             ASSERT_EQ(first.online("app", "grp", "b"), 2);
-            lastRecord = fs::file_size(dir.journal());
+            lastRecord = fs::file_size(journalFile(dir));
             ASSERT_EQ(first.online("app", "grp", "c"), 3);
         }
-        std::string damaged = c.damage(readFile(dir.journal()), lastRecord);
-        writeFile(dir.journal(), damaged);
+        std::string damaged = c.damage(readFile(journalFile(dir)), lastRecord);
+        writeFile(journalFile(dir), damaged);
         {
             Daemon second;
             TraceCapture capture("error");
@@ -388,11 +350,11 @@ TEST(DchStateTest, ReplayEndsAtTheFirstRecordThatDoesNotReadWhole) {
             EXPECT_EQ(second.dch.handles().size(), c.handles);
             EXPECT_EQ(second.dch.handles().count(3), c.handles == 3 ? 1u : 0u);
             size_t whole = c.handles == 3 ? damaged.size() - 13 : lastRecord;
-            EXPECT_TRUE(capture.hasText("Note: journal " + dir.journal() + " ends in " +
+            EXPECT_TRUE(capture.hasText("Note: journal " + journalFile(dir) + " ends in " +
                                         std::to_string(damaged.size() - whole) +
                                         " bytes that do not read as a record: cut off\n"))
                 << capture.joined();
-            EXPECT_EQ(fs::file_size(dir.journal()), whole);
+            EXPECT_EQ(fs::file_size(journalFile(dir)), whole);
             // The next change follows the last whole record, and is read back.
             EXPECT_EQ(second.online("app", "grp", "d"), c.handles == 3 ? 4 : 3);
         }
@@ -412,25 +374,25 @@ TEST(DchStateTest, JournalOlderThanTheSnapshotIsNotReplayed) {
         use(first, dir);
         first.registerApp("app");
         ASSERT_EQ(first.online("app", "grp", "src"), 1);
-        std::string oldJournal = readFile(dir.journal());
+        std::string oldJournal = readFile(journalFile(dir));
         // Replayed over the snapshot, its register would empty the latest
         // values and its online would be a second one: it must not be.
         EXPECT_EQ(first.ask(offlineRequest(1), kProvider), status(0));
         snapshot(first);
         kept = stateOf(first.dch);
-        writeFile(dir.journal(), oldJournal);
+        writeFile(journalFile(dir), oldJournal);
     }
     Daemon second;
     TraceCapture capture("error");
     use(second, dir);
     EXPECT_EQ(stateOf(second.dch), kept);
     EXPECT_TRUE(second.dch.handles().empty());
-    EXPECT_TRUE(capture.hasText("Note: journal " + dir.journal() +
+    EXPECT_TRUE(capture.hasText("Note: journal " + journalFile(dir) +
                                 " follows snapshot 1, not 2: not replayed\n"))
         << capture.joined();
     // The next change starts a journal of its own generation.
     ASSERT_EQ(second.online("app", "grp", "new"), 2);
-    EXPECT_NE(readFile(dir.journal()).find("generation 3"), std::string::npos);
+    EXPECT_NE(readFile(journalFile(dir)).find("generation 3"), std::string::npos);
 }
 
 // A daemon that ended while it wrote a snapshot leaves its temporary file:
@@ -492,8 +454,8 @@ TEST(DchStateTest, ChangeThatCannotBeWrittenIsAnswered24AndNotMade) {
         d.subscribeStatus(kSubscriber);
         d.transport.deliveries.clear();
         std::string before = stateOf(d.dch);
-        ASSERT_EQ(unlink(dir.journal().c_str()), 0);
-        ASSERT_EQ(symlink(target.c_str(), dir.journal().c_str()), 0);
+        ASSERT_EQ(unlink(journalFile(dir).c_str()), 0);
+        ASSERT_EQ(symlink(target.c_str(), journalFile(dir).c_str()), 0);
         TraceCapture capture("error");
         EXPECT_EQ(d.ask(onlineRequest("app", "grp", "new"), kProvider),
                   status(ZEVD_DCH_NOT_SAVED, 0));
@@ -515,12 +477,12 @@ TEST(DchStateTest, ChangeThatCannotBeWrittenIsAnswered24AndNotMade) {
         EXPECT_FALSE(capture.contains("Error:")) << capture.joined();
         EXPECT_EQ(readFile(target), "not the daemon's");
         struct stat info {};
-        ASSERT_EQ(lstat(dir.journal().c_str(), &info), 0);
+        ASSERT_EQ(lstat(journalFile(dir).c_str(), &info), 0);
         EXPECT_TRUE(S_ISREG(info.st_mode));
 
         // Each change that has a record is refused alike.
-        ASSERT_EQ(unlink(dir.journal().c_str()), 0);
-        ASSERT_EQ(mkdir(dir.journal().c_str(), 0700), 0);
+        ASSERT_EQ(unlink(journalFile(dir).c_str()), 0);
+        ASSERT_EQ(mkdir(journalFile(dir).c_str(), 0700), 0);
         before = stateOf(d.dch);
         capture.clear();
         EXPECT_EQ(d.ask(registerRequest("app", "changed"), kProvider), status(ZEVD_DCH_NOT_SAVED));
@@ -536,7 +498,7 @@ TEST(DchStateTest, ChangeThatCannotBeWrittenIsAnswered24AndNotMade) {
             << capture.joined();
         // What does not change the state is served as before.
         EXPECT_EQ(d.ask(dataRequest(2, 0, {{"count", be32(5)}}), kProvider), status(0));
-        ASSERT_EQ(rmdir(dir.journal().c_str()), 0);
+        ASSERT_EQ(rmdir(journalFile(dir).c_str()), 0);
         // Subscriptions are not kept across a restart.
         EXPECT_TRUE(d.send(statusWaitRequest(0), kSubscriber).empty());
         kept = stateOf(d.dch);
