@@ -218,19 +218,7 @@ public:
     pid_t pid() const { return pid_; }
     // Reads the output until it holds text; false after limit or at its end.
     bool waitOutput(const std::string &text, std::chrono::milliseconds limit = 20s) {
-        auto deadline = std::chrono::steady_clock::now() + limit;
-        while (output_.find(text) == std::string::npos) {
-            auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                deadline - std::chrono::steady_clock::now());
-            if (left.count() <= 0) return false;
-            pollfd p = {out_, POLLIN, 0};
-            if (poll(&p, 1, static_cast<int>(left.count())) <= 0) continue;
-            char chunk[256];
-            ssize_t n = read(out_, chunk, sizeof chunk);
-            if (n <= 0) return false;
-            output_.append(chunk, static_cast<size_t>(n));
-        }
-        return true;
+        return readOutputUntil(out_, output_, text, limit);
     }
     int stop(int sig) {
         kill(pid_, sig);

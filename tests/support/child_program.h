@@ -68,6 +68,25 @@ inline std::string fileText(const std::string &path) {
     return text.str();
 }
 
+// Reads fd into output until output holds text (true), or limit has passed
+// or the output ended (false).
+inline bool readOutputUntil(int fd, std::string &output, const std::string &text,
+                            std::chrono::milliseconds limit) {
+    auto deadline = std::chrono::steady_clock::now() + limit;
+    while (output.find(text) == std::string::npos) {
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0) return false;
+        pollfd p = {fd, POLLIN, 0};
+        if (poll(&p, 1, static_cast<int>(left.count())) <= 0) continue;
+        char chunk[256];
+        ssize_t n = read(fd, chunk, sizeof chunk);
+        if (n <= 0) return false;
+        output.append(chunk, static_cast<size_t>(n));
+    }
+    return true;
+}
+
 class ChildProgram {
 public:
     // argv[0] is the program's path; env entries NAME=VALUE are added to (or

@@ -70,9 +70,8 @@ public:
         // ZEVD_TEST_DAEMON runs the suites against another build of the
         // daemon (an older one, to measure what a change bought).
         const char *program = getenv("ZEVD_TEST_DAEMON");
-        std::vector<std::string> argv = {program != nullptr ? program : ZEVD_DAEMON_PATH,
-                                         "--port", std::to_string(port_), "--trace-file",
-                                         tracePath_};
+        std::vector<std::string> argv = {program != nullptr ? program : ZEVD_DAEMON_PATH, "--port",
+                                         std::to_string(port_), "--trace-file", tracePath_};
         argv.insert(argv.end(), args_.begin(), args_.end());
         argv = wrappedCommand(std::move(argv));
         std::vector<std::string> env;
@@ -104,20 +103,8 @@ public:
     // Reads standard output until the ready line; false after limit or when
     // the program ended first.
     bool waitReady(std::chrono::milliseconds limit = std::chrono::seconds(20)) {
-        std::string expected = "zevdchd ready on port " + std::to_string(port_) + "\n";
-        auto deadline = std::chrono::steady_clock::now() + limit;
-        while (stdout_.find(expected) == std::string::npos) {
-            auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                deadline - std::chrono::steady_clock::now());
-            if (left.count() <= 0) return false;
-            pollfd p = {out_, POLLIN, 0};
-            if (poll(&p, 1, static_cast<int>(left.count())) <= 0) continue;
-            char chunk[256];
-            ssize_t n = read(out_, chunk, sizeof chunk);
-            if (n <= 0) return false;
-            stdout_.append(chunk, static_cast<size_t>(n));
-        }
-        return true;
+        return readOutputUntil(out_, stdout_,
+                               "zevdchd ready on port " + std::to_string(port_) + "\n", limit);
     }
 
     bool start() { return spawn() && waitReady(); }
