@@ -22,10 +22,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-int exitCode(int status) {
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
 TEST(DchProcessTest, SigtermEndsItWithStatusZeroAndItsCounters) {
     DaemonProcess daemon;
     ASSERT_TRUE(daemon.start()) << daemon.trace();

@@ -32,10 +32,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-int exitCode(int status) {
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
 // A receiving AF_UNIX datagram socket, at a path or (name starting '@') in
 // the abstract namespace: what a service manager listens on.
 class NotifySocket {

@@ -41,10 +41,6 @@ namespace {
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 
-int exitCode(int status) {
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
 // A directory of its own under /tmp; with a size, a tmpfs of that size is
 // mounted on it (root only: mounted() says whether it was).
 class StateDir {

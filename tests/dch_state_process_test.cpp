@@ -34,10 +34,6 @@ namespace {
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 
-int exitCode(int status) {
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
 // A file of size bytes that takes no room.
 void makeSparse(const std::string &path, off_t size) {
     int fd = creat(path.c_str(), 0600);
