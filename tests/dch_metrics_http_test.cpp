@@ -870,12 +870,18 @@ TEST(DchMetricsServerTest, StopAnswersTheScrapesThatWait) {
     auto s = std::make_unique<ServerWithoutWorker>();
     std::vector<std::thread> waiting;
     std::atomic<int> unavailable{0};
+    std::atomic<int> sent{0};
     for (int i = 0; i < 3; ++i)
         waiting.emplace_back([&, port = s->port] {
-            HttpReply reply = httpGet(port);
+            int fd = connectLoopback(port);
+            bool asking = fd >= 0 && sendAll(fd, httpRequestText("GET", "/metrics"));
+            ++sent;
+            HttpReply reply = asking ? readReply(fd) : HttpReply{};
+            if (fd >= 0) close(fd);
             if (reply.status == 503 || reply.closed) ++unavailable;
         });
-    ASSERT_TRUE(waitFor([&] { return s->asked.load() == 1; }, seconds(10)));
+    // Every scrape is on its way before the stop, not only the first.
+    ASSERT_TRUE(waitFor([&] { return s->asked.load() == 1 && sent.load() == 3; }, seconds(10)));
     auto started = std::chrono::steady_clock::now();
     TraceCapture capture("error");
     s->server.stop();
