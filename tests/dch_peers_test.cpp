@@ -413,11 +413,14 @@ TEST(DchPeersTest, ThousandsOfSubscribersTakeNoDescriptorEachAndTcpIsStillServed
 TEST(DchPeersTest, ReceiveLoopThatEndsEndsTheDaemonWithStatusOne) {
     DaemonProcess daemon({}, {"ZEVDCHD_TEST_BREAK_LOOP=1"});
     ASSERT_TRUE(daemon.start()) << daemon.trace();
-    // The loop's select sees the closed port on its next pass: a connection
-    // wakes it, again until the port is closed under it.
+    // The loop's select sees the closed port on its next pass. A datagram
+    // wakes it (the socket lives on under the waiting select), again until
+    // the port is closed under it; nothing the daemon opens meanwhile may
+    // take the closed descriptor's number, so the wake is no connection.
     int status = -1;
+    UdpPeer wake(daemon.port());
     for (int i = 0; i < 100 && status == -1; ++i) {
-        TcpPeer wake(daemon.port());
+        wake.send(std::vector<char>{0});
         status = daemon.waitExit(200ms);
     }
     EXPECT_EQ(exitCode(status), 1) << daemon.trace();
