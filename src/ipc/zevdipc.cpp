@@ -194,6 +194,9 @@ void DCHipc::ipc_put_data(int32_t length, const void *data, const void *clientAd
     if (error == 0) {
         int32_t slot = (loadIndex(cb->start_idx) + loadIndex(cb->num_full)) % IPC_QSIZE;
         ZEVD_TRACE(trc, TRACE_DETAIL, "Saving @%p into data<%d>\n", data, slot);
+        // A kept buffer is zero past the message it holds: only that much
+        // needs clearing for the next.
+        int32_t held = cb->data[slot] != nullptr ? cb->dataLen[slot] : 0;
         cb->dataLen[slot] = length;
 
         if (cb->data[slot] == nullptr) {
@@ -215,7 +218,8 @@ void DCHipc::ipc_put_data(int32_t length, const void *data, const void *clientAd
             }
         } else {
             int32_t size = cb->dataSize[slot];
-            if (size <= length) {
+            bool reallocated = size <= length;
+            if (reallocated) {
                 // The first step of 4096 above size that is strictly greater
                 // than length, so a zero byte always follows the message.
                 int32_t steps = (length - size) / IPC_BUFFER_STEP + 1;
@@ -240,8 +244,12 @@ void DCHipc::ipc_put_data(int32_t length, const void *data, const void *clientAd
                 ZEVD_TRACE(trc, TRACE_DETAIL,
                            "Copying %d bytes into existing buffer @%p of size %d\n", length,
                            static_cast<void *>(cb->data[slot]), cb->dataSize[slot]);
-                memset(cb->data[slot], 0, static_cast<size_t>(cb->dataSize[slot]));
                 if (length > 0) memcpy(cb->data[slot], data, static_cast<size_t>(length));
+                if (reallocated)
+                    memset(cb->data[slot] + length, 0,
+                           static_cast<size_t>(cb->dataSize[slot] - length));
+                else if (held > length)
+                    memset(cb->data[slot] + length, 0, static_cast<size_t>(held - length));
             }
         }
 
@@ -283,11 +291,8 @@ void DCHipc::ipc_put_data(int32_t length, const void *data, const void *clientAd
 void DCHipc::ipc_get_data(char **buffer, int32_t *bufferLen, void *clientAddr,
                           int32_t *clientAddrLen, char *clientName, uint32_t *connectedSockFD) {
     ZEVD_TRACE_FUNCTION("DCHipc::ipc_get_data");
-    int32_t error = 0;  // this side's own copy, as in ipc_put_data
-    ipcSetError(error);
-    ipcCircularBuffer *cb = _ipcCircularBuffer;
-    bool freed = false;
-    if (cb == nullptr) {
+    ipcSetError(0);
+    if (_ipcCircularBuffer == nullptr) {
         ZEVD_TRACE(trc, TRACE_ERROR, "Error: ipcCircularBuffer has not been allocated\n");
         ipcSetError(1);
         return trc.exit();
@@ -298,13 +303,40 @@ void DCHipc::ipc_get_data(char **buffer, int32_t *bufferLen, void *clientAddr,
         ipcSetError(1);
         return trc.exit();
     }
+    ipcEntry entry{*buffer, *bufferLen, clientAddr, clientAddrLen, clientName, connectedSockFD};
+    takeEntries(trc, &entry, 1);
+    *buffer = entry.buffer;
+    *bufferLen = entry.bufferLen;
+    trc.exit();
+}
+
+int32_t DCHipc::ipc_get_batch(ipcEntry *entries, int32_t count) {
+    ZEVD_TRACE_FUNCTION("DCHipc::ipc_get_batch");
+    ipcSetError(0);
+    if (_ipcCircularBuffer == nullptr) {
+        ZEVD_TRACE(trc, TRACE_ERROR, "Error: ipcCircularBuffer has not been allocated\n");
+        ipcSetError(1);
+        return trc.exit(static_cast<int32_t>(0));
+    }
+    if (entries == nullptr || count < 1) {
+        ZEVD_TRACE(trc, TRACE_ERROR, "Error: no entries to receive into: @%p count %d\n",
+                   static_cast<void *>(entries), count);
+        ipcSetError(1);
+        return trc.exit(static_cast<int32_t>(0));
+    }
+    return trc.exit(takeEntries(trc, entries, count));
+}
+
+int32_t DCHipc::takeEntries(::zevd::TraceFrame &trc, ipcEntry *entries, int32_t count) {
+    int32_t error = 0;  // this side's own copy, as in ipc_put_data
+    ipcCircularBuffer *cb = _ipcCircularBuffer;
     ZEVD_TRACE(trc, TRACE_DETAIL, "Entry: start_idx=%d and num_full=%d\n", loadIndex(cb->start_idx),
                loadIndex(cb->num_full));
 
     if (ZEVA_GetLock(&cb->lock, this) != 0) {
         ZEVD_TRACE(trc, TRACE_ERROR, "Error: unable to acquire ipcCircularBuffer lock\n");
         ipcSetError(1);
-        return trc.exit();
+        return 0;
     }
 
     while (error == 0 && loadIndex(cb->num_full) == 0) {
@@ -318,93 +350,15 @@ void DCHipc::ipc_get_data(char **buffer, int32_t *bufferLen, void *clientAddr,
         }
     }
 
-    int32_t slot = loadIndex(cb->start_idx);
-    if (error == 0) {
-        char *data = cb->data[slot];
-        int32_t dataLen = cb->dataLen[slot];
-        int32_t dataSize = cb->dataSize[slot];
-        if (data == nullptr) {
-            ZEVD_TRACE(trc, TRACE_ERROR, "Error: _ipcCircularBuffer->data<%d> was NULL\n", slot);
-            error = 1;
-        } else if (*buffer == nullptr) {
-            *bufferLen = dataSize;
-            *buffer = new (std::nothrow) char[static_cast<size_t>(dataSize)];
-            if (*buffer == nullptr) {
-                ZEVD_TRACE(trc, TRACE_ERROR, "Error: allocating %d bytes.\n", dataSize);
-                error = 1;
-            } else {
-                ZEVD_TRACE(trc, TRACE_STORAGE, "Allocated *buffer @%p for length %d\n",
-                           static_cast<void *>(*buffer), *bufferLen);
-            }
-        } else if (dataSize > *bufferLen) {
-            *bufferLen = dataSize;
-            ZEVD_TRACE(trc, TRACE_STORAGE,
-                       "Note: deleting and reallocating buffer @%p to %d bytes.\n",
-                       static_cast<void *>(*buffer), *bufferLen);
-            freeArray(*buffer);
-            *buffer = nullptr;
-            *buffer = new (std::nothrow) char[static_cast<size_t>(*bufferLen)];
-            if (*buffer == nullptr) {
-                ZEVD_TRACE(trc, TRACE_ERROR, "Error: reallocating %d bytes.\n", *bufferLen);
-                error = 1;
-            } else {
-                ZEVD_TRACE(trc, TRACE_STORAGE, "Allocated *buffer @%p\n",
-                           static_cast<void *>(*buffer));
-            }
-        }
-        if (error == 0) {
-            // *bufferLen reports the buffer's capacity; the message carries
-            // its own length.
-            memset(*buffer, 0, static_cast<size_t>(*bufferLen));
-            ZEVD_TRACE(trc, TRACE_DETAIL, "Copying %d bytes from @%p to @%p\n", dataLen,
-                       static_cast<void *>(data), static_cast<void *>(*buffer));
-            if (dataLen > 0) memcpy(*buffer, data, static_cast<size_t>(dataLen));
-        } else {
-            ipcSetError(error);
-        }
-    }
-
-    if (error == 0) {
-        const ipcClientSlot &entry = cb->slot[slot];
-        int nameLen = static_cast<int>(strnlen(entry.clientName, sizeof entry.clientName));
-        if (nameLen > 6) {
-            ZEVD_TRACE(trc, TRACE_DETAIL,
-                       "Copying ptr @%p to clientName @%p for length %d sizeof(clientName) %d\n",
-                       static_cast<const void *>(entry.clientName), static_cast<void *>(clientName),
-                       nameLen, kReportedNameSize);
-            if (clientName != nullptr) {
-                memcpy(clientName, entry.clientName, static_cast<size_t>(nameLen));
-                clientName[nameLen] = '\0';
-                ZEVD_TRACE(trc, TRACE_DETAIL, ">> clientName set to <%s>\n", clientName);
-            }
-
-            int32_t addrLen = boundedAddrLen(entry.clientAddrLen);
-            if (clientAddrLen != nullptr) *clientAddrLen = addrLen;
-            if (clientAddr != nullptr && addrLen > 0)
-                memcpy(clientAddr, entry.clientAddr, static_cast<size_t>(addrLen));
-            ZEVD_TRACE(trc, TRACE_DETAIL, "%s: clientAddr <%d<%-*.*x>>\n", "clientAddr set to ",
-                       addrLen, addrLen, addrLen, static_cast<const void *>(entry.clientAddr));
-
-            if (connectedSockFD != nullptr) *connectedSockFD = entry.connectedSockFD;
-            ZEVD_TRACE(trc, TRACE_DETAIL, "connectedSockFD set to <%d>\n",
-                       static_cast<int>(entry.connectedSockFD));
-
-            // The slot's data buffer stays for the next message.
-            storeIndex(cb->start_idx, (slot + 1) % IPC_QSIZE);
-            storeIndex(cb->num_full, loadIndex(cb->num_full) - 1);
-            ZEVD_TRACE(trc, TRACE_DETAIL, "Exit: start_idx=%d and num_full=%d\n",
+    // Every entry waiting, up to count, in one hold of the lock: a producer
+    // that waits for room is woken once for all of them.
+    int32_t taken = 0;
+    while (error == 0 && taken < count && loadIndex(cb->num_full) > 0) {
+        if (taken > 0)
+            ZEVD_TRACE(trc, TRACE_DETAIL, "Entry: start_idx=%d and num_full=%d\n",
                        loadIndex(cb->start_idx), loadIndex(cb->num_full));
-
-            freed = true;
-        } else {
-            // Kept: a name of 6 characters or fewer is never taken, so the
-            // entry stays at the head of the queue.
-            ZEVD_TRACE(trc, TRACE_ERROR,
-                       "Error: ipcClientName ptr problem: @%p %d <%s> sizeof(clientName) %d\n",
-                       static_cast<const void *>(entry.clientName), nameLen, entry.clientName,
-                       kReportedNameSize);
-            ipcSetError(1);
-        }
+        error = takeHead(trc, entries[taken]);
+        if (error == 0) ++taken;
     }
 
     if (ZEVA_ReleaseLock(&cb->lock, this) != 0) {
@@ -412,7 +366,7 @@ void DCHipc::ipc_get_data(char **buffer, int32_t *bufferLen, void *clientAddr,
         ipcSetError(1);
     }
     // After the release, so the woken producer finds the lock free.
-    if (freed) {
+    if (taken > 0) {
         int rc = pthread_cond_signal(&cb->slotFreed);
         if (rc != 0) {
             ZEVD_TRACE(trc, TRACE_ERROR, "Error: pthread_cond_signal failed. rc=%d errno=%d\n", rc,
@@ -420,5 +374,92 @@ void DCHipc::ipc_get_data(char **buffer, int32_t *bufferLen, void *clientAddr,
             ipcSetError(1);
         }
     }
-    trc.exit();
+    return taken;
+}
+
+int32_t DCHipc::takeHead(::zevd::TraceFrame &trc, ipcEntry &out) {
+    ipcCircularBuffer *cb = _ipcCircularBuffer;
+    int32_t error = 0;
+    int32_t slot = loadIndex(cb->start_idx);
+    char *data = cb->data[slot];
+    int32_t dataLen = cb->dataLen[slot];
+    int32_t dataSize = cb->dataSize[slot];
+    if (data == nullptr) {
+        ZEVD_TRACE(trc, TRACE_ERROR, "Error: _ipcCircularBuffer->data<%d> was NULL\n", slot);
+        error = 1;
+    } else if (out.buffer == nullptr) {
+        out.bufferLen = dataSize;
+        out.buffer = new (std::nothrow) char[static_cast<size_t>(dataSize)];
+        if (out.buffer == nullptr) {
+            ZEVD_TRACE(trc, TRACE_ERROR, "Error: allocating %d bytes.\n", dataSize);
+            error = 1;
+        } else {
+            ZEVD_TRACE(trc, TRACE_STORAGE, "Allocated *buffer @%p for length %d\n",
+                       static_cast<void *>(out.buffer), out.bufferLen);
+        }
+    } else if (dataSize > out.bufferLen) {
+        out.bufferLen = dataSize;
+        ZEVD_TRACE(trc, TRACE_STORAGE, "Note: deleting and reallocating buffer @%p to %d bytes.\n",
+                   static_cast<void *>(out.buffer), out.bufferLen);
+        freeArray(out.buffer);
+        out.buffer = nullptr;
+        out.buffer = new (std::nothrow) char[static_cast<size_t>(out.bufferLen)];
+        if (out.buffer == nullptr) {
+            ZEVD_TRACE(trc, TRACE_ERROR, "Error: reallocating %d bytes.\n", out.bufferLen);
+            error = 1;
+        } else {
+            ZEVD_TRACE(trc, TRACE_STORAGE, "Allocated *buffer @%p\n",
+                       static_cast<void *>(out.buffer));
+        }
+    }
+    if (error != 0) {
+        ipcSetError(error);
+        return error;
+    }
+    // *bufferLen reports the buffer's capacity; the message carries its own
+    // length.
+    memset(out.buffer, 0, static_cast<size_t>(out.bufferLen));
+    ZEVD_TRACE(trc, TRACE_DETAIL, "Copying %d bytes from @%p to @%p\n", dataLen,
+               static_cast<void *>(data), static_cast<void *>(out.buffer));
+    if (dataLen > 0) memcpy(out.buffer, data, static_cast<size_t>(dataLen));
+
+    const ipcClientSlot &entry = cb->slot[slot];
+    int nameLen = static_cast<int>(strnlen(entry.clientName, sizeof entry.clientName));
+    if (nameLen <= 6) {
+        // Kept: a name of 6 characters or fewer is never taken, so the
+        // entry stays at the head of the queue.
+        ZEVD_TRACE(trc, TRACE_ERROR,
+                   "Error: ipcClientName ptr problem: @%p %d <%s> sizeof(clientName) %d\n",
+                   static_cast<const void *>(entry.clientName), nameLen, entry.clientName,
+                   kReportedNameSize);
+        ipcSetError(1);
+        return 1;
+    }
+    ZEVD_TRACE(trc, TRACE_DETAIL,
+               "Copying ptr @%p to clientName @%p for length %d sizeof(clientName) %d\n",
+               static_cast<const void *>(entry.clientName), static_cast<void *>(out.clientName),
+               nameLen, kReportedNameSize);
+    if (out.clientName != nullptr) {
+        memcpy(out.clientName, entry.clientName, static_cast<size_t>(nameLen));
+        out.clientName[nameLen] = '\0';
+        ZEVD_TRACE(trc, TRACE_DETAIL, ">> clientName set to <%s>\n", out.clientName);
+    }
+
+    int32_t addrLen = boundedAddrLen(entry.clientAddrLen);
+    if (out.clientAddrLen != nullptr) *out.clientAddrLen = addrLen;
+    if (out.clientAddr != nullptr && addrLen > 0)
+        memcpy(out.clientAddr, entry.clientAddr, static_cast<size_t>(addrLen));
+    ZEVD_TRACE(trc, TRACE_DETAIL, "%s: clientAddr <%d<%-*.*x>>\n", "clientAddr set to ", addrLen,
+               addrLen, addrLen, static_cast<const void *>(entry.clientAddr));
+
+    if (out.connectedSockFD != nullptr) *out.connectedSockFD = entry.connectedSockFD;
+    ZEVD_TRACE(trc, TRACE_DETAIL, "connectedSockFD set to <%d>\n",
+               static_cast<int>(entry.connectedSockFD));
+
+    // The slot's data buffer stays for the next message.
+    storeIndex(cb->start_idx, (slot + 1) % IPC_QSIZE);
+    storeIndex(cb->num_full, loadIndex(cb->num_full) - 1);
+    ZEVD_TRACE(trc, TRACE_DETAIL, "Exit: start_idx=%d and num_full=%d\n", loadIndex(cb->start_idx),
+               loadIndex(cb->num_full));
+    return 0;
 }

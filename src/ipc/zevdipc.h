@@ -45,6 +45,22 @@ struct ipcCircularBuffer {
     char *data[IPC_QSIZE];        // kept and reused once allocated
 };
 
+// Where ipc_get_batch puts one entry: what ipc_get_data takes as arguments.
+// buffer (NULL or an array of bufferLen bytes that the caller owns) is grown
+// here like ipc_get_data's; the other pointers may be NULL to skip a field.
+struct ipcEntry {
+    char *buffer;
+    int32_t bufferLen;
+    void *clientAddr;
+    int32_t *clientAddrLen;
+    char *clientName;
+    uint32_t *connectedSockFD;
+};
+
+namespace zevd {
+class TraceFrame;
+}
+
 // The abstract transport. Its destructor is deliberately not virtual: owners
 // delete a transport through its concrete type.
 class DCHipc {  // NOLINT(cppcoreguidelines-virtual-class-destructor)
@@ -106,6 +122,13 @@ public:
     void ipc_get_data(char **buffer, int32_t *bufferLen, void *clientAddr, int32_t *clientAddrLen,
                       char *clientName, uint32_t *connectedSockFD);
 
+    // Consumer side, for a consumer that serves several entries in a row:
+    // blocks while the queue is empty, then takes every waiting entry, up to
+    // count, oldest first, each exactly as ipc_get_data would (the same
+    // trace lines, an entry with a short client name left at the head), and
+    // signals the producer once for all of them. Returns the entries taken.
+    int32_t ipc_get_batch(ipcEntry *entries, int32_t count);
+
     int32_t ipcGetError() const { return _ipcError.load(std::memory_order_relaxed); }
     void ipcSetError(int32_t error) { _ipcError.store(error, std::memory_order_relaxed); }
     int32_t ipcTypeOfService() const { return _typeOfService; }
@@ -113,6 +136,13 @@ public:
     void ipcSetRetryRead(int32_t retry) { _retryRead = retry; }
 
 protected:
+    // The consumer's side of the lock: waits for an entry, then takes up to
+    // count of them. Returns the entries taken.
+    int32_t takeEntries(::zevd::TraceFrame &trc, ipcEntry *entries, int32_t count);
+    // Takes the head entry into out, with the queue lock held. Returns 0, or
+    // 1 when the entry stays at the head.
+    int32_t takeHead(::zevd::TraceFrame &trc, ipcEntry &out);
+
     // Shared by producer and consumer without a lock: last writer wins.
     std::atomic<int32_t> _ipcError;
     int16_t _ipcType;
