@@ -167,9 +167,12 @@ void Dch::handle(const Request &request) {
 }
 
 MessageBuilder Dch::startMessage() {
-    MessageBuilder message(reply_.data(), reply_.size());
-    message.clear();
-    return message;
+    // Cleared as far as the last message reached, not the whole 64 KiB: its
+    // length word covers every byte written since (fields are written whole
+    // and move the word with them, and a forwarded row sets it last).
+    size_t used = std::min<size_t>(reply_.size(), messageLength(reply_.data()));
+    memset(reply_.data(), 0, std::max<size_t>(used, kFirstField));
+    return MessageBuilder(reply_.data(), reply_.size());
 }
 
 void Dch::sendAnswer(const Request &request, const MessageBuilder &message) {
@@ -182,6 +185,22 @@ void Dch::sendAnswer(const Request &request, const MessageBuilder &message) {
         ++counters_.drops[kDropAnswerUnsent];
         if (request.from.fd != 0) transport_.closeConnection(request.from.fd);
     }
+    trc.exit();
+}
+
+void Dch::flushAnswers() {
+    unsent_.clear();
+    transport_.flushAnswers(unsent_);
+    for (const Peer &peer : unsent_) answerUnsent(peer);
+}
+
+void Dch::answerUnsent(const Peer &peer) {
+    ZEVD_TRACE_FUNCTION("Dch::sendAnswer");
+    // Counted as an answer when it was handed over.
+    --counters_.answers;
+    ZEVD_TRACE(trc, TRACE_ERROR, "Error: answer to %s port %d fd %u could not be sent\n",
+               peer.host().c_str(), peer.port(), peer.fd);
+    ++counters_.drops[kDropAnswerUnsent];
     trc.exit();
 }
 

@@ -187,6 +187,12 @@ public:
     virtual void forget(const Peer & /*peer*/) {}
     // Closes a TCP connection whose answer could not be sent.
     virtual void closeConnection(uint32_t /*fd*/) {}
+    // From holdAnswers() to flushAnswers(), a transport may keep answers
+    // over UDP (reported sent) and send them together at the flush, before
+    // any delivery. flushAnswers() adds the peers of those that did not go
+    // to unsent.
+    virtual void holdAnswers() {}
+    virtual void flushAnswers(std::vector<Peer> & /*unsent*/) {}
 };
 
 // One received message as the worker hands it over.
@@ -210,6 +216,10 @@ public:
     // Takes one request: refuses senders outside the allowed networks,
     // dispatches by request code, answers when the request has an answer.
     void handle(const Request &request);
+    // Around several requests served in a row: their answers over UDP may
+    // leave together, at flushAnswers(), each still after its own work.
+    void holdAnswers() { transport_.holdAnswers(); }
+    void flushAnswers();
     // A TCP connection closed: forgets the handles opened and the
     // subscriptions made on it.
     void disconnect(uint32_t fd);
@@ -293,6 +303,8 @@ private:
     // Sends a built answer to the request's sender; a TCP connection whose
     // answer cannot be sent is closed.
     void sendAnswer(const Request &request, const MessageBuilder &message);
+    // Reports an answer the transport held and then could not send.
+    void answerUnsent(const Peer &peer);
     // Answers with a status (and a handle when one is given).
     void answerStatus(const Request &request, int32_t status, const int32_t *handle = nullptr);
     // Answers a catalogue query with text (DCH_response, no terminating zero).
@@ -352,6 +364,7 @@ private:
     int64_t startTime_ = static_cast<int64_t>(std::time(nullptr));
     const Handler *current_ = nullptr;  // the handler of the request in hand
     std::vector<char> reply_;
+    std::vector<Peer> unsent_;         // of flushAnswers, kept for its capacity
     std::vector<RowValue> rowValues_;  // reused from row to row
     std::map<std::string, Application> applications_;
     std::map<int32_t, OpenHandle> handles_;

@@ -55,6 +55,7 @@ void SocketTransport::collectRefusals() {
     reportRefusals();
     if (!reporting_) return;
     lastCollected_ = std::chrono::steady_clock::now();
+    deliveredSinceCollect_ = false;
     for (int i = 0; i < kRefusalsPerCollect; ++i) {
         sockaddr_in offender{};
         char control[512];
@@ -83,7 +84,48 @@ void SocketTransport::collectRefusals() {
     }
 }
 
+namespace {
+
+// Answers held at most before they are sent anyway.
+constexpr size_t kMaxHeld = 64;
+
+}  // namespace
+
+void SocketTransport::holdAnswers() {
+    holding_ = true;
+}
+
+void SocketTransport::flushAnswers(std::vector<Peer> &unsent) {
+    holding_ = false;
+    sendHeld();
+    unsent.insert(unsent.end(), unsent_.begin(), unsent_.end());
+    unsent_.clear();
+}
+
+void SocketTransport::sendHeld() {
+    if (held_.empty()) return;
+    std::vector<ipcSock::Outgoing> outgoing;
+    outgoing.reserve(held_.size());
+    for (const Held &h : held_)
+        outgoing.push_back(
+            {heldBytes_.data() + h.offset, static_cast<int32_t>(h.length), h.peer.addr});
+    bool sent[kMaxHeld] = {};
+    sock_->ipcSendBatch(outgoing.data(), static_cast<int32_t>(outgoing.size()), sent);
+    for (size_t i = 0; i < held_.size(); ++i)
+        if (!sent[i]) unsent_.push_back(held_[i].peer);
+    held_.clear();
+    heldBytes_.clear();
+}
+
 bool SocketTransport::answer(const Peer &peer, const char *message, size_t length) {
+    if (holding_ && peer.fd == 0 && length > 0 && length <= IPC_DATAGRAM_SIZE) {
+        if (held_.size() == kMaxHeld) sendHeld();
+        held_.push_back({peer, heldBytes_.size(), length});
+        heldBytes_.insert(heldBytes_.end(), message, message + length);
+        return true;
+    }
+    // Nothing overtakes an answer held before it.
+    sendHeld();
     reportRefusals();
     if (peer.fd == 0 && std::chrono::steady_clock::now() - lastCollected_ >= kCollectEvery)
         collectRefusals();
@@ -92,11 +134,16 @@ bool SocketTransport::answer(const Peer &peer, const char *message, size_t lengt
 }
 
 void SocketTransport::beginDeliveries() {
-    collectRefusals();
+    // A refusal that matters here follows a delivery: without one since the
+    // last look, the error queue holds nothing to charge (answers' refusals
+    // are collected on their own schedule), and a row costs no extra call.
+    if (deliveredSinceCollect_) collectRefusals();
 }
 
 bool SocketTransport::deliver(const Peer &peer, const char *message, size_t length) {
     ZEVD_TRACE_FUNCTION("SocketTransport::deliver");
+    // The answers held go first, as they would have without holding.
+    sendHeld();
     if (peer.fd == 0) {
         auto it = refused_.find(std::make_pair(peer.addr.sin_addr.s_addr, peer.addr.sin_port));
         if (it != refused_.end()) {
@@ -107,6 +154,7 @@ bool SocketTransport::deliver(const Peer &peer, const char *message, size_t leng
             return trc.exit(false);
         }
     }
+    if (peer.fd == 0) deliveredSinceCollect_ = true;
     bool sent = sock_->ipcSendNow(message, static_cast<int32_t>(length), peer.addr, peer.fd) ==
                 static_cast<int32_t>(length);
     if (!sent) {
@@ -134,16 +182,32 @@ void SocketTransport::closeConnection(uint32_t fd) {
 
 void Worker::run() {
     ZEVD_TRACE_FUNCTION("Worker::run");
-    char *buffer = nullptr;
-    int32_t capacity = 0;
-    int failures = 0;
-    for (;;) {
+    // Every entry waiting is taken at once: the loop, when it waits for room,
+    // is woken once for all of them instead of once for each.
+    constexpr int32_t kBatch = IPC_QSIZE - 1;
+    struct Taken {
+        char *buffer = nullptr;
+        int32_t capacity = 0;
         char address[IPC_CLIENT_ADDR_SIZE] = {};
         char name[IPC_CLIENT_NAME_SIZE] = {};
         int32_t addressLength = 0;
-        uint32_t fd = 0xFFFFFFFFu;  // written only when an entry is taken
-        sock_.ipc_get_data(&buffer, &capacity, address, &addressLength, name, &fd);
-        if (fd == 0xFFFFFFFFu || buffer == nullptr) {
+        uint32_t fd = 0;
+    };
+    Taken taken[kBatch];
+    ipcEntry entries[kBatch];
+    int failures = 0;
+    bool stopped = false;
+    while (!stopped) {
+        for (int32_t i = 0; i < kBatch; ++i) {
+            Taken &t = taken[i];
+            entries[i] = ipcEntry{t.buffer, t.capacity, t.address, &t.addressLength, t.name, &t.fd};
+        }
+        int32_t count = sock_.ipc_get_batch(entries, kBatch);
+        for (int32_t i = 0; i < kBatch; ++i) {
+            taken[i].buffer = entries[i].buffer;
+            taken[i].capacity = entries[i].bufferLen;
+        }
+        if (count <= 0) {
             // Not reached with the loop's entries; bounded so it cannot spin.
             ZEVD_TRACE(trc, TRACE_ERROR, "Error: the receive queue gave no entry\n");
             if (++failures == 100) {
@@ -154,52 +218,66 @@ void Worker::run() {
             continue;
         }
         failures = 0;
-        if (isControl(buffer, capacity, name, kStopText)) break;
-        if (isControl(buffer, capacity, name, "IPC-SERVER_READY")) {
-            udpSocket_ = sock_.sockUDP();
-            applyReceiveBuffer(udpSocket_.load());
-            printf("zevdchd ready on port %u\n", static_cast<unsigned>(sock_.sockPortUDP()));
-            fflush(stdout);
-            notifyServiceManager("READY=1\nSTATUS=serving on port " +
-                                 std::to_string(sock_.sockPortUDP()) + "\n");
-            // A test hook: the port's socket closed under the running loop,
-            // whose next select then fails for good.
-            if (getenv("ZEVDCHD_TEST_BREAK_LOOP") != nullptr) close(udpSocket_.load());
-            continue;
-        }
-        if (isControl(buffer, capacity, name, kSnapshotText)) {
-            if (board_ != nullptr) {
-                auto started = std::chrono::steady_clock::now();
-                dch_.counters().drops[kDropKernel] = kernelDrops();
-                MetricsSnapshot snapshot = metricsSnapshot(dch_);
-                board_->publish(std::move(snapshot), std::chrono::steady_clock::now() - started);
-            }
-            continue;
-        }
-        if (isControl(buffer, capacity, name, kTickText)) {
-            dch_.expireIdle(std::chrono::steady_clock::now());
-            continue;
-        }
-        if (isControl(buffer, capacity, name, "DP-DISCONNECT")) {
-            dch_.disconnect(fd);
-            continue;
-        }
-        Request request;
-        memcpy(&request.from.addr, address, sizeof request.from.addr);
-        request.from.fd = fd;
-        if (fd != 0 && memcmp(buffer, "RESEND_MESSAGE", 15) == 0) {
-            // The loop dropped a TCP message that did not match its length.
-            ZEVD_TRACE(trc, TRACE_ERROR, "Error: a message from %s on connection %u was cut off\n",
-                       name, fd);
-            ++dch_.counters().drops[kDropMalformed];
-            continue;
-        }
-        request.data = buffer;
-        request.size = static_cast<size_t>(capacity);
-        dch_.handle(request);
+        // Several requests served in a row answer together over UDP: the
+        // peers woken by the answers do not take the worker's processor
+        // between one request and the next.
+        if (count > 1) dch_.holdAnswers();
+        for (int32_t i = 0; i < count && !stopped; ++i)
+            stopped = !serve(taken[i].buffer, taken[i].capacity, taken[i].address, taken[i].name,
+                             taken[i].fd);
+        if (count > 1) dch_.flushAnswers();
     }
-    delete[] buffer;
+    for (Taken &t : taken) delete[] t.buffer;
     trc.exit();
+}
+
+bool Worker::serve(const char *buffer, int32_t capacity, const char *address, const char *name,
+                   uint32_t fd) {
+    ZEVD_TRACE_LEVEL("Worker::run");
+    if (isControl(buffer, capacity, name, kStopText)) return false;
+    if (isControl(buffer, capacity, name, "IPC-SERVER_READY")) {
+        udpSocket_ = sock_.sockUDP();
+        applyReceiveBuffer(udpSocket_.load());
+        printf("zevdchd ready on port %u\n", static_cast<unsigned>(sock_.sockPortUDP()));
+        fflush(stdout);
+        notifyServiceManager("READY=1\nSTATUS=serving on port " +
+                             std::to_string(sock_.sockPortUDP()) + "\n");
+        // A test hook: the port's socket closed under the running loop,
+        // whose next select then fails for good.
+        if (getenv("ZEVDCHD_TEST_BREAK_LOOP") != nullptr) close(udpSocket_.load());
+        return true;
+    }
+    if (isControl(buffer, capacity, name, kSnapshotText)) {
+        if (board_ != nullptr) {
+            auto started = std::chrono::steady_clock::now();
+            dch_.counters().drops[kDropKernel] = kernelDrops();
+            MetricsSnapshot snapshot = metricsSnapshot(dch_);
+            board_->publish(std::move(snapshot), std::chrono::steady_clock::now() - started);
+        }
+        return true;
+    }
+    if (isControl(buffer, capacity, name, kTickText)) {
+        dch_.expireIdle(std::chrono::steady_clock::now());
+        return true;
+    }
+    if (isControl(buffer, capacity, name, "DP-DISCONNECT")) {
+        dch_.disconnect(fd);
+        return true;
+    }
+    Request request;
+    memcpy(&request.from.addr, address, sizeof request.from.addr);
+    request.from.fd = fd;
+    if (fd != 0 && memcmp(buffer, "RESEND_MESSAGE", 15) == 0) {
+        // The loop dropped a TCP message that did not match its length.
+        ZEVD_TRACE(trc, TRACE_ERROR, "Error: a message from %s on connection %u was cut off\n",
+                   name, fd);
+        ++dch_.counters().drops[kDropMalformed];
+        return true;
+    }
+    request.data = buffer;
+    request.size = static_cast<size_t>(capacity);
+    dch_.handle(request);
+    return true;
 }
 
 void Worker::applyReceiveBuffer(int fd) const {

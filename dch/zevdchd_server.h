@@ -46,6 +46,8 @@ public:
     void beginDeliveries() override;
     void forget(const Peer &peer) override;
     void closeConnection(uint32_t fd) override;
+    void holdAnswers() override;
+    void flushAnswers(std::vector<Peer> &unsent) override;
     // The server transport that answers go through; set before serving.
     void attach(ipcSock &sock) { sock_ = &sock; }
     // Refusals waiting to fail a delivery (bounded).
@@ -57,9 +59,25 @@ private:
     void collectRefusals();
     // Asks for refusal reports on the DCH port's socket once it is open.
     void reportRefusals();
+    // Sends the answers held so far, in order; the peers of those that did
+    // not go join unsent_.
+    void sendHeld();
+
+    // An answer held until the flush: its bytes in heldBytes_.
+    struct Held {
+        Peer peer;
+        size_t offset;
+        size_t length;
+    };
+    bool holding_ = false;
+    std::vector<Held> held_;
+    std::vector<char> heldBytes_;
+    std::vector<Peer> unsent_;
 
     ipcSock *sock_ = nullptr;
     bool reporting_ = false;
+    // A datagram went to a subscriber since the error queue was last read.
+    bool deliveredSinceCollect_ = false;
     // Refused sends by destination (address, port), not yet charged to a
     // subscriber.
     std::map<std::pair<uint32_t, uint16_t>, int> refused_;
@@ -89,6 +107,9 @@ public:
     uint64_t kernelDrops() const;
 
 private:
+    // Serves one entry of the queue. False for the stop text.
+    bool serve(const char *buffer, int32_t capacity, const char *address, const char *name,
+               uint32_t fd);
     // Sets the receive buffer on the UDP port fd and traces what the kernel
     // gave.
     void applyReceiveBuffer(int fd) const;

@@ -642,6 +642,8 @@ bool Dch::writeStateSnapshot(std::string *why) {
 bool Dch::saveChange(const std::string &record, const Request *request) {
     ZEVD_TRACE_FUNCTION("Dch::saveChange");
     if (!state_) return trc.exit(true);
+    // Answers held for earlier requests do not wait for this one's flush.
+    flushAnswers();
     StateStore &s = *state_;
     bool fresh = !s.journal.usable();
     int error = fresh ? writeSnapshot() : 0;

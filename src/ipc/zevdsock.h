@@ -91,6 +91,17 @@ public:
     // taken part of the message: its owner must close it).
     int32_t ipcSendNow(const char *buffer, int32_t length, const struct sockaddr_in &to,
                        uint32_t connectedSockFD);
+    // One message of ipcSendBatch: at most one datagram's bytes.
+    struct Outgoing {
+        const char *buffer;
+        int32_t length;
+        struct sockaddr_in to;
+    };
+    // ipcSendNow over UDP for several messages of one datagram each, handed
+    // to the kernel in one call, in order, with the same trace lines each.
+    // sent[i] tells whether messages[i] went. A message over one datagram
+    // is not sent.
+    void ipcSendBatch(const Outgoing *messages, int32_t count, bool *sent);
     // Copies 16 bytes of addr into the peer address, or clears it for NULL.
     // addrLen is not used. Returns 0.
     int32_t setClientAddr(const void *addr, int32_t addrLen) override;
@@ -178,6 +189,9 @@ protected:
     // One pass's event of the server loop: a UDP datagram, a connection on
     // the listener, or one TCP message from the client in slot.
     void sockServeUDP(ipcServerState &state);
+    // A receive on the UDP port that gave no datagram: a refusal of one
+    // the port sent is a note, anything else a level-1 error.
+    void sockNoteFailedReceive(int32_t bytesRead, int recvErrno);
     void sockServeListener(ipcServerState &state);
     // sockServeClient reads what the client has ready into its slot's
     // message, never waiting for more.

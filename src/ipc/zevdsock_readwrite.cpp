@@ -416,6 +416,63 @@ int32_t ipcSock::ipcSendNow(const char *buffer, int32_t length, const struct soc
     return trc.exit(sent);
 }
 
+void ipcSock::ipcSendBatch(const Outgoing *messages, int32_t count, bool *sent) {
+    ZEVD_TRACE_FUNCTION("ipcSock::ipcSendNow");
+    constexpr int kPerCall = 64;
+    struct mmsghdr headers[kPerCall];
+    struct iovec pieces[kPerCall];
+    int32_t done = 0;
+    int refusals = 0;
+    while (done < count) {
+        const Outgoing &first = messages[done];
+        if (first.length <= 0 || first.length > IPC_DATAGRAM_SIZE) {
+            ZEVD_TRACE(trc, TRACE_ERROR, "Error: [@%p] SEND - Sent %d bytes out of %d: errno=%d\n",
+                       static_cast<void *>(this), 0, first.length, EMSGSIZE);
+            sent[done++] = false;
+            continue;
+        }
+        int n = 0;
+        memset(headers, 0, sizeof headers);
+        for (; n < kPerCall && done + n < count; ++n) {
+            const Outgoing &m = messages[done + n];
+            if (m.length <= 0 || m.length > IPC_DATAGRAM_SIZE) break;
+            pieces[n].iov_base = const_cast<char *>(m.buffer);
+            pieces[n].iov_len = static_cast<size_t>(m.length);
+            headers[n].msg_hdr.msg_name = const_cast<struct sockaddr_in *>(&m.to);
+            headers[n].msg_hdr.msg_namelen = sizeof m.to;
+            headers[n].msg_hdr.msg_iov = &pieces[n];
+            headers[n].msg_hdr.msg_iovlen = 1;
+        }
+        int rc = sendmmsg(_sockUDP, headers, static_cast<unsigned>(n), MSG_DONTWAIT);
+        if (rc <= 0) {
+            // The first of them did not go. A refusal of an earlier datagram
+            // to someone else fails the send once and is gone: sent again.
+            int sendErrno = errno;
+            if (rc < 0 && sentDatagramRefused(sendErrno) && ++refusals <= IPC_MAX_DATAGRAMS)
+                continue;
+            ZEVD_TRACE(trc, TRACE_ERROR, "Error: [@%p] SEND - Sent %d bytes out of %d: errno=%d\n",
+                       static_cast<void *>(this), 0, first.length, sendErrno);
+            sent[done++] = false;
+            continue;
+        }
+        for (int i = 0; i < rc; ++i) {
+            const Outgoing &m = messages[done + i];
+            auto length = static_cast<int32_t>(headers[i].msg_len);
+            sent[done + i] = length == m.length;
+            if (length != m.length) {
+                ZEVD_TRACE(trc, TRACE_ERROR,
+                           "Error: [@%p] SEND - Sent %d bytes out of %d: errno=%d\n",
+                           static_cast<void *>(this), length, m.length, 0);
+                continue;
+            }
+            ZEVD_TRACE(trc, TRACE_DETAIL, "Sent %d bytes out of %d\n", length, m.length);
+            if (trc.on(TRACE_DUMP)) ZEV0_PrintDump(m.buffer, 0, m.length);
+        }
+        done += rc;
+    }
+    trc.exit();
+}
+
 ssize_t ipcSock::sockSendClient(int fd, const char *buffer, int32_t length) {
     bool locked = ZEVA_GetLock(&_sockClientLock, this) == 0;
     // A partial send sets no errno: it must not read as an older failure.
