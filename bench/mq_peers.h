@@ -101,6 +101,7 @@ inline void serveRep(MqLibrary library, MqTransport transport, int ready) {
 #endif
     (void)library;
     (void)transport;
+    (void)ready;
     (void)line;
 }
 
@@ -156,18 +157,20 @@ inline MqPeer startRep(MqLibrary library, MqTransport transport) {
 // The four REP processes, started together at the first use of any: a
 // library's threads in this process are never forked.
 inline const MqPeer &mqPeer(MqLibrary library, MqTransport transport) {
-    static const std::vector<MqPeer> peers = [] {
-        std::vector<MqPeer> started;
+    // Never destroyed: the sockets' files are removed at exit, after
+    // every destructor has run.
+    static const std::vector<MqPeer> *peers = [] {
+        auto *started = new std::vector<MqPeer>();
         for (MqLibrary l : {MqLibrary::zeroMq, MqLibrary::nng})
             for (MqTransport t : {MqTransport::tcp, MqTransport::ipc})
-                started.push_back(startRep(l, t));
+                started->push_back(startRep(l, t));
         atexit([] {
-            for (const MqPeer &p : peers)
+            for (const MqPeer &p : *peers)
                 if (p.endpoint.rfind("ipc://", 0) == 0) unlink(p.endpoint.c_str() + 6);
         });
         return started;
     }();
-    return peers[(library == MqLibrary::nng ? 2 : 0) + (transport == MqTransport::ipc ? 1 : 0)];
+    return (*peers)[(library == MqLibrary::nng ? 2 : 0) + (transport == MqTransport::ipc ? 1 : 0)];
 }
 
 // One REQ end in this process: open, one round trip that connects, then
