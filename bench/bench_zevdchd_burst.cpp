@@ -5,9 +5,18 @@
 // it (its counters after SIGUSR1), beside its floor from the same run: the
 // same burst at a plain UDP socket with the kernel's default buffer, read by
 // a thread that does nothing else.
+//
+// The daemon as it is started by default (no --rcvbuf: 32 MiB asked for) is
+// measured twice: with CAP_NET_ADMIN, as root has it, which lets it pass
+// net.core.rmem_max, and without (dropped from the daemon's bounding set when
+// this program runs as root), where it gets at most net.core.rmem_max. The
+// rcvbuf:212992 row is what it gets without the capability on a host whose
+// net.core.rmem_max is the kernel's default.
 #include <benchmark/benchmark.h>
+#include <linux/capability.h>
 #include <linux/sock_diag.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -141,18 +150,42 @@ struct Taken {
     long long kernelDrops = -1;
 };
 
+// Whether this process's effective capabilities hold CAP_NET_ADMIN.
+bool hasNetAdmin(pid_t pid = 0) {
+    std::ifstream in(pid > 0 ? "/proc/" + std::to_string(pid) + "/status"
+                             : std::string("/proc/self/status"));
+    std::string line;
+    while (std::getline(in, line)) {
+        if (line.rfind("CapEff:", 0) == 0)
+            return (strtoull(line.c_str() + 7, nullptr, 16) >> CAP_NET_ADMIN) & 1;
+    }
+    return false;
+}
+
+// In the daemon's child before it starts: root's programs get no
+// CAP_NET_ADMIN once it is out of the bounding set.
+void dropNetAdmin() {
+    prctl(PR_CAPBSET_DROP, CAP_NET_ADMIN, 0, 0, 0);
+}
+
+// zevdchd with --rcvbuf receiveBuffer (its default when 0), without
+// CAP_NET_ADMIN when unprivileged.
 class TracedDaemon {
 public:
-    explicit TracedDaemon(long receiveBuffer) {
+    explicit TracedDaemon(long receiveBuffer, bool unprivileged = false) {
         char path[] = "/tmp/zevdchd-burst-XXXXXX";
         int fd = mkstemp(path);
         if (fd >= 0) close(fd);
         tracePath_ = path;
         uint16_t port = zevd::test::freeLoopbackPort();
-        child_ = startServer(daemonPath(),
-                             {"--port", std::to_string(port), "--rcvbuf",
-                              std::to_string(receiveBuffer), "--trace-file", tracePath_},
-                             "zevdchd ready on port %u");
+        std::vector<std::string> args = {"--port", std::to_string(port), "--trace-file",
+                                         tracePath_};
+        if (receiveBuffer > 0) {
+            args.push_back("--rcvbuf");
+            args.push_back(std::to_string(receiveBuffer));
+        }
+        child_ = startServer(daemonPath(), args, "zevdchd ready on port %u", nullptr,
+                             unprivileged ? dropNetAdmin : nullptr);
     }
     ~TracedDaemon() {
         if (child_.pid > 0) {
@@ -167,6 +200,7 @@ public:
     TracedDaemon &operator=(const TracedDaemon &) = delete;
 
     bool started() const { return child_.pid > 0; }
+    pid_t pid() const { return child_.pid; }
     uint16_t port() const { return child_.port; }
     std::string trace() const {
         std::ifstream in(tracePath_);
@@ -201,9 +235,10 @@ private:
     Child child_;
 };
 
-// The burst at zevdchd with --rcvbuf state.range(0).
-void BM_BurstAtZevdchd(benchmark::State &state) {
-    TracedDaemon dch(state.range(0));
+// The burst at dch. Counters: the buffer the daemon got (the kernel's
+// figure, twice what was set), whether it was forced past
+// net.core.rmem_max, and whether the daemon held CAP_NET_ADMIN.
+void burstAt(benchmark::State &state, TracedDaemon &dch) {
     int32_t handle = dch.started() ? openHandle(dch.port()) : 0;
     if (handle <= 0) {
         state.SkipWithError(("zevdchd did not start or serve: " + daemonPath()).c_str());
@@ -212,6 +247,9 @@ void BM_BurstAtZevdchd(benchmark::State &state) {
     std::string given = dch.trace();
     size_t note = given.find("receive buffer of the DCH port: ");
     long effective = note == std::string::npos ? -1 : atol(given.c_str() + note + 32);
+    bool forced = note != std::string::npos &&
+                  given.find("through SO_RCVBUFFORCE", note) < given.find('\n', note);
+    bool privileged = hasNetAdmin(dch.pid());
     std::vector<char> datagram = row(handle);
     long long drops = 0;
     for (auto _ : state) {
@@ -234,7 +272,15 @@ void BM_BurstAtZevdchd(benchmark::State &state) {
             static_cast<double>(kBurstRows - (after.rows - before.rows) - drops);
         state.counters["dropped_share"] = static_cast<double>(drops) / kBurstRows;
         state.counters["rcvbuf_effective"] = static_cast<double>(effective);
+        state.counters["rcvbuf_forced"] = forced ? 1 : 0;
+        state.counters["cap_net_admin"] = privileged ? 1 : 0;
     }
+}
+
+// The burst at zevdchd with --rcvbuf state.range(0).
+void BM_BurstAtZevdchd(benchmark::State &state) {
+    TracedDaemon dch(state.range(0));
+    burstAt(state, dch);
 }
 BENCHMARK(BM_BurstAtZevdchd)
     ->ArgName("rcvbuf")
@@ -247,6 +293,29 @@ BENCHMARK(BM_BurstAtZevdchd)
     ->Arg(24 << 20)
     ->Arg(32 << 20)
     ->Arg(64 << 20)
+    ->Iterations(1)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
+
+// The daemon as started by default, with CAP_NET_ADMIN (root).
+void BM_BurstAtZevdchdDefault(benchmark::State &state) {
+    if (!hasNetAdmin()) {
+        state.SkipWithError(
+            "not run as root: without CAP_NET_ADMIN the daemon's buffer is capped by "
+            "net.core.rmem_max (the Unprivileged row)");
+        return;
+    }
+    TracedDaemon dch(0);
+    burstAt(state, dch);
+}
+BENCHMARK(BM_BurstAtZevdchdDefault)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
+
+// The daemon as started by default, without CAP_NET_ADMIN.
+void BM_BurstAtZevdchdUnprivileged(benchmark::State &state) {
+    TracedDaemon dch(0, true);
+    burstAt(state, dch);
+}
+BENCHMARK(BM_BurstAtZevdchdUnprivileged)
     ->Iterations(1)
     ->UseManualTime()
     ->Unit(benchmark::kMillisecond);

@@ -1,11 +1,17 @@
 // dp_online's round trip through zevdchd (the whole exported call; median
 // and p99 of 20,000), beside its floor from the same run: a plain UDP
-// ping-pong of the same sizes with an echo process.
+// ping-pong of the same sizes with an echo process. ZeroMQ and nng REQ/REP
+// round trips of the same sizes, over TCP and over Unix-domain sockets, are
+// the comparison rows.
+//
+// bench/report runs this program a second time with it and its children
+// (zevdchd, the echo process) on one CPU.
 #include <benchmark/benchmark.h>
 
 #include <vector>
 
 #include "daemon_peer.h"
+#include "mq_peers.h"
 #include "zevd610.h"
 
 namespace {
@@ -40,6 +46,18 @@ void BM_DpOnlineThroughZevdchd(benchmark::State &state) {
     reportPercentiles(state, micros, "round_trips");
 }
 BENCHMARK(BM_DpOnlineThroughZevdchd)->Iterations(kRoundTrips)->UseManualTime();
+
+void BM_ZeroMqReqRep(benchmark::State &state, MqTransport transport) {
+    mqRoundTrips(state, MqLibrary::zeroMq, transport);
+}
+BENCHMARK_CAPTURE(BM_ZeroMqReqRep, tcp, MqTransport::tcp)->Iterations(kRoundTrips)->UseManualTime();
+BENCHMARK_CAPTURE(BM_ZeroMqReqRep, ipc, MqTransport::ipc)->Iterations(kRoundTrips)->UseManualTime();
+
+void BM_NngReqRep(benchmark::State &state, MqTransport transport) {
+    mqRoundTrips(state, MqLibrary::nng, transport);
+}
+BENCHMARK_CAPTURE(BM_NngReqRep, tcp, MqTransport::tcp)->Iterations(kRoundTrips)->UseManualTime();
+BENCHMARK_CAPTURE(BM_NngReqRep, ipc, MqTransport::ipc)->Iterations(kRoundTrips)->UseManualTime();
 
 }  // namespace
 

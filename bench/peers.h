@@ -75,9 +75,11 @@ inline void adopt(pid_t pid) {
 
 // A server program on loopback (ZEVA_DCH_BIND=127.0.0.1), ended with this
 // program; its port is read from its ready line, of the form readyFormat.
-// The lines it prints before that one (at most 8) go to *before.
+// The lines it prints before that one (at most 8) go to *before; inChild,
+// when given, runs in the child just before the program starts.
 inline Child startServer(const std::string &path, const std::vector<std::string> &args,
-                         const char *readyFormat, std::vector<std::string> *before = nullptr) {
+                         const char *readyFormat, std::vector<std::string> *before = nullptr,
+                         void (*inChild)() = nullptr) {
     Child child;
     int out[2];
     if (pipe2(out, O_CLOEXEC) != 0) return child;
@@ -92,6 +94,7 @@ inline Child startServer(const std::string &path, const std::vector<std::string>
         int null = open("/dev/null", O_WRONLY);
         if (null >= 0) dup2(null, STDERR_FILENO);
         setenv("ZEVA_DCH_BIND", "127.0.0.1", 1);
+        if (inChild != nullptr) inChild();
         execv(path.c_str(), argv.data());
         _exit(127);
     }
