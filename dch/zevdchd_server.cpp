@@ -307,6 +307,16 @@ void Worker::applyReceiveBuffer(int fd) const {
     ZEVD_TRACE(trc, TRACE_ERROR,
                "Note: receive buffer of the DCH port: %d bytes (asked for %d through %s)\n", given,
                asked, how);
+    if (given >= 0 && given / 2 < asked) {
+        // Capped by net.core.rmem_max (no CAP_NET_ADMIN): a burst larger than
+        // the buffer holds while the worker catches up is dropped. Written
+        // once, at start, at the error level so that it is always written.
+        ZEVD_TRACE(trc, TRACE_ERROR,
+                   "Warning: the DCH port's receive buffer is %d bytes, not the %d asked for: "
+                   "raise the limit with sysctl -w net.core.rmem_max=%d (or start zevdchd with "
+                   "CAP_NET_ADMIN)\n",
+                   given / 2, asked, asked);
+    }
     trc.exit();
 }
 

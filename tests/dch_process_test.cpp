@@ -154,6 +154,35 @@ TEST(DchProcessTest, ReceiveBufferIsSetOnThePortAndTraced) {
     EXPECT_EQ(exitCode(environment.stop(SIGTERM)), 0);
 }
 
+// Without CAP_NET_ADMIN the buffer stops at net.core.rmem_max: one line at
+// start says what it got and how to raise it. As root the capability is
+// taken away from the daemon for the test.
+TEST(DchProcessTest, ReceiveBufferCappedByTheSystemLimitSaysHowToRaiseIt) {
+    DaemonProcess daemon({"--rcvbuf", "1073741824"});
+    if (geteuid() == 0) daemon.runUnder({"setpriv", "--bounding-set=-net_admin"});
+    ASSERT_TRUE(daemon.start()) << daemon.trace();
+    std::string trace = daemon.trace();
+    EXPECT_NE(trace.find("(asked for 1073741824 through SO_RCVBUF)"), std::string::npos) << trace;
+    size_t at = trace.find("Warning: the DCH port's receive buffer is ");
+    ASSERT_NE(at, std::string::npos) << trace;
+    EXPECT_NE(trace.find(" bytes, not the 1073741824 asked for: raise the limit with sysctl -w "
+                         "net.core.rmem_max=1073741824 (or start zevdchd with CAP_NET_ADMIN)\n",
+                         at),
+              std::string::npos)
+        << trace;
+    EXPECT_EQ(trace.find("Warning: the DCH port's receive buffer", at + 1), std::string::npos);
+    EXPECT_EQ(exitCode(daemon.stop(SIGTERM)), 0);
+}
+
+// A buffer the daemon got whole says nothing more than its start line.
+TEST(DchProcessTest, ReceiveBufferGotWholeWritesNoWarning) {
+    DaemonProcess daemon({"--rcvbuf", "65536"});
+    ASSERT_TRUE(daemon.start()) << daemon.trace();
+    EXPECT_EQ(daemon.trace().find("Warning: the DCH port's receive buffer"), std::string::npos)
+        << daemon.trace();
+    EXPECT_EQ(exitCode(daemon.stop(SIGTERM)), 0);
+}
+
 TEST(DchProcessTest, DefaultReceiveBufferIsAskedForWithoutTheOption) {
     DaemonProcess daemon;
     ASSERT_TRUE(daemon.start()) << daemon.trace();

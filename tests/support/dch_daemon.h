@@ -73,6 +73,7 @@ public:
         std::vector<std::string> argv = {program != nullptr ? program : ZEVD_DAEMON_PATH, "--port",
                                          std::to_string(port_), "--trace-file", tracePath_};
         argv.insert(argv.end(), args_.begin(), args_.end());
+        argv.insert(argv.begin(), prefix_.begin(), prefix_.end());
         argv = wrappedCommand(std::move(argv));
         std::vector<std::string> env;
         for (char **e = environ; *e != nullptr; ++e)
@@ -108,6 +109,10 @@ public:
     }
 
     bool start() { return spawn() && waitReady(); }
+
+    // A command the daemon runs under (its arguments, then the daemon's);
+    // set before spawn().
+    void runUnder(std::vector<std::string> prefix) { prefix_ = std::move(prefix); }
 
     // Sends sig and waits for the end; the wait status, or -1 after limit.
     int stop(int sig, std::chrono::milliseconds limit = std::chrono::seconds(20)) {
@@ -146,6 +151,7 @@ public:
 
 private:
     std::vector<std::string> args_;
+    std::vector<std::string> prefix_;
     std::vector<std::string> env_;
     uint16_t port_;
     std::string tracePath_;
