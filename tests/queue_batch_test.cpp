@@ -1,0 +1,178 @@
+// DCHipc::ipc_get_batch: every waiting entry in one hold of the lock, each
+// as ipc_get_data would take it.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <string>
+#include <thread>
+
+#include "ipc/zevdipc.h"
+#include "support/trace_capture.h"
+
+namespace {
+
+using zevd::test::TraceCapture;
+using namespace std::chrono_literals;
+
+class BatchQueue final : public DCHipc {
+public:
+    BatchQueue() : DCHipc(IPC_SERVICE_SERVER) { ipc_new_cb(); }
+    int32_t ipcRead(char ** /*buffer*/, int32_t /*wait*/) override { return 0; }
+    int32_t ipcWrite(const char * /*buffer*/, int32_t /*length*/, uint32_t /*fd*/) override {
+        return 0;
+    }
+    int32_t setClientAddr(const void * /*addr*/, int32_t /*addrLen*/) override { return 0; }
+    int32_t IPCServer() override { return 0; }
+    int32_t IPCClient(void * /*addr*/, int32_t /*connectTo*/, int32_t /*type*/) override {
+        return 0;
+    }
+    int32_t allocateIPC() override { return 0; }
+    int32_t releaseIPC() override { return 0; }
+    int32_t numFull() {
+        pthread_mutex_lock(&_ipcCircularBuffer->lock);
+        int32_t n = _ipcCircularBuffer->num_full;
+        pthread_mutex_unlock(&_ipcCircularBuffer->lock);
+        return n;
+    }
+};
+
+void put(DCHipc &q, const std::string &data, const char *name = "client-one", uint32_t fd = 0) {
+    const unsigned char addr[16] = {2, 0, 7, 0x7f, 0x7f, 0, 0, 1};
+    q.ipc_put_data(static_cast<int32_t>(data.size()), data.data(), addr, 16, name, fd);
+}
+
+// Four entries with their own buffers, names, addresses and descriptors.
+struct Batch {
+    static constexpr int32_t kCount = IPC_QSIZE - 1;
+    char names[kCount][IPC_CLIENT_NAME_SIZE] = {};
+    char addrs[kCount][IPC_CLIENT_ADDR_SIZE] = {};
+    int32_t addrLens[kCount] = {};
+    uint32_t fds[kCount] = {};
+    ipcEntry entries[kCount] = {};
+    Batch() {
+        for (int32_t i = 0; i < kCount; ++i)
+            entries[i] = ipcEntry{nullptr, 0, addrs[i], &addrLens[i], names[i], &fds[i]};
+    }
+    ~Batch() {
+        for (ipcEntry &e : entries) delete[] e.buffer;
+    }
+    Batch(const Batch &) = delete;
+    Batch &operator=(const Batch &) = delete;
+    std::string data(int32_t i) const { return entries[i].buffer; }
+};
+
+TEST(QueueBatchTest, TakesEveryWaitingEntryInOrderWithItsOwnFields) {
+    BatchQueue q;
+    put(q, "first", "client-one", 0);
+    put(q, "second", "client-two", 7);
+    put(q, "third", "client-three", 9);
+    Batch batch;
+    EXPECT_EQ(q.ipc_get_batch(batch.entries, Batch::kCount), 3);
+    EXPECT_EQ(q.ipcGetError(), 0);
+    EXPECT_EQ(q.numFull(), 0);
+    EXPECT_EQ(batch.data(0), "first");
+    EXPECT_EQ(batch.data(1), "second");
+    EXPECT_EQ(batch.data(2), "third");
+    EXPECT_STREQ(batch.names[1], "client-two");
+    EXPECT_EQ(batch.fds[1], 7u);
+    EXPECT_EQ(batch.fds[2], 9u);
+    EXPECT_EQ(batch.addrLens[0], 16);
+    EXPECT_EQ(batch.entries[0].bufferLen, IPC_BUFFER_STEP);
+    EXPECT_EQ(batch.entries[3].buffer, nullptr);  // nothing for it to take
+}
+
+TEST(QueueBatchTest, TakesNoMoreThanAskedAndLeavesTheRest) {
+    BatchQueue q;
+    for (int i = 0; i < 4; ++i) put(q, "message-" + std::to_string(i));
+    Batch batch;
+    EXPECT_EQ(q.ipc_get_batch(batch.entries, 2), 2);
+    EXPECT_EQ(q.numFull(), 2);
+    EXPECT_EQ(batch.data(1), "message-1");
+    EXPECT_EQ(q.ipc_get_batch(batch.entries, 4), 2);
+    EXPECT_EQ(batch.data(0), "message-2");
+    EXPECT_EQ(batch.data(1), "message-3");
+}
+
+// Each entry writes the lines ipc_get_data writes for it.
+TEST(QueueBatchTest, TracesEachEntryAsASingleGetWould) {
+    BatchQueue q;
+    put(q, "first");
+    put(q, "second");
+    TraceCapture capture("zevdipc=detail");
+    Batch batch;
+    ASSERT_EQ(q.ipc_get_batch(batch.entries, Batch::kCount), 2);
+    EXPECT_TRUE(capture.hasText("Entry: start_idx=0 and num_full=2\n")) << capture.joined();
+    EXPECT_TRUE(capture.hasText("Entry: start_idx=1 and num_full=1\n")) << capture.joined();
+    EXPECT_TRUE(capture.hasText("Exit: start_idx=1 and num_full=1\n")) << capture.joined();
+    EXPECT_TRUE(capture.hasText("Exit: start_idx=2 and num_full=0\n")) << capture.joined();
+    EXPECT_EQ(capture.count(">> clientName set to <client-one>"), 2u) << capture.joined();
+}
+
+// An entry whose name is too short stays at the head, as with ipc_get_data;
+// the entries before it are taken.
+TEST(QueueBatchTest, ShortNameStopsTheBatchAndStaysAtTheHead) {
+    BatchQueue q;
+    put(q, "good");
+    put(q, "stuck", "abcdef");
+    put(q, "behind");
+    TraceCapture capture("zevdipc=error");
+    Batch batch;
+    EXPECT_EQ(q.ipc_get_batch(batch.entries, Batch::kCount), 1);
+    EXPECT_EQ(q.ipcGetError(), 1);
+    EXPECT_EQ(batch.data(0), "good");
+    EXPECT_EQ(q.numFull(), 2);
+    EXPECT_EQ(capture.count("Error: ipcClientName ptr problem: @"), 1u) << capture.joined();
+    EXPECT_EQ(q.ipc_get_batch(batch.entries, Batch::kCount), 0);
+    EXPECT_EQ(q.numFull(), 2);
+}
+
+TEST(QueueBatchTest, NoEntriesToReceiveIntoIsRefused) {
+    BatchQueue q;
+    put(q, "waiting");
+    TraceCapture capture("zevdipc=error");
+    EXPECT_EQ(q.ipc_get_batch(nullptr, 4), 0);
+    EXPECT_EQ(q.ipcGetError(), 1);
+    Batch batch;
+    EXPECT_EQ(q.ipc_get_batch(batch.entries, 0), 0);
+    EXPECT_EQ(q.ipcGetError(), 1);
+    EXPECT_EQ(capture.count("Error: no entries to receive into"), 2u) << capture.joined();
+    EXPECT_EQ(q.numFull(), 1);
+}
+
+// A producer blocked on a full queue goes on once a batch has made room for
+// all it waits to put.
+TEST(QueueBatchTest, BlocksWhileEmptyAndFreesRoomForTheProducer) {
+    BatchQueue q;
+    Batch batch;
+    std::atomic<int32_t> taken{-1};
+    TraceCapture capture("zevdipc=detail");
+    std::thread consumer([&] { taken = q.ipc_get_batch(batch.entries, Batch::kCount); });
+    // The wait is seen through its line, then a put ends it.
+    bool waiting = capture.waitFor("Waiting for circular buffers to be populated.", 30s);
+    EXPECT_TRUE(waiting) << capture.joined();
+    EXPECT_EQ(taken.load(), -1);
+    put(q, "wakes");
+    consumer.join();
+    EXPECT_EQ(taken.load(), 1);
+    EXPECT_EQ(batch.data(0), "wakes");
+
+    for (int i = 0; i < 4; ++i) put(q, "full-" + std::to_string(i));
+    std::atomic<int> putsDone{0};
+    std::thread producer([&] {
+        for (int i = 4; i < 8; ++i) {
+            put(q, "full-" + std::to_string(i));
+            ++putsDone;
+        }
+    });
+    EXPECT_TRUE(capture.waitFor("Waiting for circular buffers to be freed.", 30s));
+    EXPECT_EQ(q.ipc_get_batch(batch.entries, Batch::kCount), 4);
+    producer.join();
+    EXPECT_EQ(putsDone.load(), 4);
+    EXPECT_EQ(q.ipc_get_batch(batch.entries, Batch::kCount), 4);
+    EXPECT_EQ(batch.data(0), "full-4");
+    EXPECT_EQ(batch.data(3), "full-7");
+}
+
+}  // namespace
