@@ -11,7 +11,11 @@
 
 namespace zevd::bench {
 
+// ZEVD_BENCH_DAEMON runs the benchmarks against another build of the daemon
+// (an older one, to measure what a change bought).
 inline std::string daemonPath() {
+    if (const char *other = getenv("ZEVD_BENCH_DAEMON"); other != nullptr && other[0] != '\0')
+        return other;
 #ifdef ZEVD_DAEMON_PATH
     return ZEVD_DAEMON_PATH;
 #else
