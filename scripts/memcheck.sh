@@ -24,6 +24,8 @@ tests=(
   "dch_daemon_test"
   "dch_metrics_http_test"
   "zevdctl_test"
+  "zevdctl_json_test"
+  "zevdctl_provider_test"
   "consumer_example_test"
   "provider_example_test"
   "client_provider_test"

@@ -4,11 +4,13 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-# build-essential, dpkg-dev, debhelper and lintian build and check the
+# nlohmann-json3-dev writes zevdctl's JSON lines (and reads them back in its
+# tests). build-essential, dpkg-dev, debhelper and lintian build and check the
 # Debian packages; systemd brings systemd-analyze (the units' check) and
 # systemd-socket-activate (a socket-activation test).
 packages=(cmake g++ make binutils pkg-config libgtest-dev libgmock-dev libbenchmark-dev python3
-  go-md2man valgrind libmicrohttpd-dev build-essential dpkg-dev debhelper lintian systemd)
+  go-md2man valgrind libmicrohttpd-dev nlohmann-json3-dev build-essential dpkg-dev debhelper
+  lintian systemd)
 missing=()
 for p in "${packages[@]}"; do
   dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")

@@ -1,10 +1,12 @@
 // zevdctl's argument parser and its formatting, without a DCH.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <climits>
 #include <cstdint>
 #include <cstring>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -86,9 +88,9 @@ TEST(ZevdctlPairTest, MalformedPairsSayWhatIsWrong) {
     };
     const Case cases[] = {
         {"x", "'x': not NAME=TYPE:VALUE"},
-        {"=A:1", "'=A:1': the name has to have 1 to 32 characters"},
-        {"a b=A:1", "'a b=A:1': the name has a blank, a comma or a control character"},
-        {"a,b=A:1", "'a,b=A:1': the name has a blank, a comma or a control character"},
+        {"=A:1", "'=A:1': NAME '' does not have 1 to 32 characters"},
+        {"a b=A:1", "'a b=A:1': NAME 'a b' has a blank, a comma or a control character"},
+        {"a,b=A:1", "'a,b=A:1': NAME 'a,b' has a blank, a comma or a control character"},
         {"x=", "'x=': no TYPE: after the '='"},
         {"x=A", "'x=A': no TYPE: after the '='"},
         {"x=AA:1", "'x=AA:1': no TYPE: after the '='"},
@@ -116,10 +118,152 @@ TEST(ZevdctlFormatTest, TableAlignsColumnsAndEndsLinesWithoutBlanks) {
     EXPECT_EQ(tableLine({"a", "b", "c"}, {3, 3, 3}), "a    b    c\n");
 }
 
-TEST(ZevdctlFormatTest, JsonStringsAreEscaped) {
-    EXPECT_EQ(jsonString("plain"), "\"plain\"");
-    EXPECT_EQ(jsonString("q\"b\\n\nt\tc\x01"), "\"q\\\"b\\\\n\\nt\\tc\\u0001\"");
-    EXPECT_EQ(jsonString("\xc3\xa9"), "\"\\u00c3\\u00a9\"");
+TEST(ZevdctlFormatTest, JsonLinesAreValidWhateverTheBytes) {
+    Json object = Json::object();
+    object["b"] = "q\"b\\n\nt\tc\x01\x1b";
+    object["a"] = "h\xc3\xa9llo";
+    object["bad"] = std::string("x\xff\xfey");
+    object["n"] = -7;
+    std::string line = jsonLine(object);
+    // Keys in the order given, one line, control characters escaped, UTF-8
+    // as it is, each bad byte as U+FFFD.
+    EXPECT_EQ(line,
+              "{\"b\":\"q\\\"b\\\\n\\nt\\tc\\u0001\\u001b\",\"a\":\"h\xc3\xa9llo\","
+              "\"bad\":\"x\xef\xbf\xbd\xef\xbf\xbdy\",\"n\":-7}\n");
+    Json back = Json::parse(line);
+    EXPECT_EQ(back["b"], "q\"b\\n\nt\tc\x01\x1b");
+    EXPECT_EQ(back["bad"], "x\xef\xbf\xbd\xef\xbf\xbdy");
+}
+
+TEST(ZevdctlFormatTest, IntegerLettersGiveNumbersAndEverythingElseStrings) {
+    EXPECT_EQ(jsonValue(std::string("\xff\xff\xff\xfe", 4), 'A'), Json(-2));
+    EXPECT_EQ(jsonValue(std::string("\x80\x00", 2), 'S'), Json(-32768));
+    EXPECT_EQ(jsonValue(std::string("007\0", 4), 'D'), Json("007"));
+    EXPECT_EQ(jsonValue(std::string("1-2\0", 4), 'T'), Json("1-2"));
+    // An integer letter with a value of another width: as read, a string.
+    EXPECT_TRUE(jsonValue(std::string("abc\0", 4), 'S').is_string());
+    EXPECT_TRUE(jsonValue(std::string("abc", 3), 'A').is_string());
+    // No type known: strings, whatever they hold.
+    EXPECT_EQ(jsonValue(std::string("007\0", 4), 0), Json("007"));
+    EXPECT_EQ(jsonValue(std::string("\0\0\0\x37", 4), 0), Json("55"));
+    EXPECT_EQ(jsonValue(std::string("h\xc3\xa9llo\0", 7), 0), Json("h\xc3\xa9llo"));
+    EXPECT_EQ(jsonValue(std::string("\x01\x02\x03", 3), 0), Json("010203"));
+    // 2 or 4 bytes ending in a zero: a text only when it reads as one.
+    EXPECT_EQ(jsonValue(std::string("a\nb\0", 4), 0), Json("a\nb"));
+    EXPECT_EQ(jsonValue(std::string("\xff\xff\xff\0", 4), 0), Json("-256"));
+    EXPECT_EQ(jsonValue(std::string("\x1b\0", 2), 0), Json("6912"));
+}
+
+TEST(ZevdctlFormatTest, TablesEscapeControlCharactersAndBytesThatAreNotUtf8) {
+    EXPECT_EQ(terminalText("plain h\xc3\xa9llo \xe2\x82\xac \\"),
+              "plain h\xc3\xa9llo \xe2\x82\xac \\");
+    EXPECT_EQ(terminalText("a\x1b[31mb\r\nc\x7f\td"), "a\\x1b[31mb\\x0d\\x0ac\\x7f\\x09d");
+    // Not UTF-8: a lone continuation byte, a cut sequence, an overlong form,
+    // a surrogate; and the C1 control U+009B.
+    EXPECT_EQ(terminalText("\x80|\xc3|\xc0\xaf|\xed\xa0\x80|\xc2\x9b"),
+              "\\x80|\\xc3|\\xc0\\xaf|\\xed\\xa0\\x80|\\xc2\\x9b");
+    EXPECT_EQ(displayWidth("h\xc3\xa9llo"), 5u);
+    EXPECT_EQ(table({"A", "B"}, {{"\xc3\xa9", "x"}, {"\x1b", "y"}}),
+              "A     B\n"
+              "\xc3\xa9     x\n"
+              "\\x1b  y\n");
+}
+
+TEST(ZevdctlFormatTest, NamesKeepTheirLengthsAndHaveNoBlankCommaOrControl) {
+    std::string why;
+    EXPECT_TRUE(checkName(NameKind::application, std::string(20, 'a'), &why));
+    EXPECT_FALSE(checkName(NameKind::application, std::string(21, 'a'), &why));
+    EXPECT_EQ(why, "APPL '" + std::string(21, 'a') + "' does not have 1 to 20 characters");
+    EXPECT_TRUE(checkName(NameKind::group, std::string(32, 'g'), &why));
+    EXPECT_FALSE(checkName(NameKind::source, std::string(33, 's'), &why));
+    EXPECT_FALSE(checkName(NameKind::application, "", &why));
+    EXPECT_EQ(why, "APPL '' does not have 1 to 20 characters");
+    EXPECT_TRUE(checkName(NameKind::group, "h\xc3\xa9-1.x_y", &why));
+    for (const char *bad : {"a b", "a,b", "a\tb", "a\x1b", "a\x7f", "\n"}) {
+        EXPECT_FALSE(checkName(NameKind::group, bad, &why)) << bad;
+        EXPECT_NE(why.find("has a blank, a comma or a control character"), std::string::npos);
+    }
+}
+
+Pair pair(const std::string &text) {
+    Pair p;
+    std::string why;
+    EXPECT_TRUE(parsePair(text, p, &why)) << why;
+    return p;
+}
+
+TEST(ZevdctlFormatTest, ARowFitsUpToTheLastByteOfItsBuffer) {
+    // Header 30 bytes; a pair with a one-letter name is 8 + 6 + its value.
+    std::string why;
+    size_t room = 4096 - 30 - 8 - 6;  // the value of one pair that ends at byte 4096
+    EXPECT_TRUE(rowFits({pair("t=D:" + std::string(room - 1, 'v'))}, &why)) << why;
+    EXPECT_TRUE(rowFits({pair("n=A:1"), pair("t=D:" + std::string(room - 19, 'v'))}, &why)) << why;
+    EXPECT_FALSE(rowFits({pair("n=A:1"), pair("t=D:" + std::string(room - 18, 'v'))}, &why));
+    EXPECT_EQ(why, "the row does not fit 4096 bytes from pair 2 (t) on");
+    EXPECT_FALSE(rowFits({pair("a=D:" + std::string(3000, 'a')),
+                          pair("b=D:" + std::string(1100, 'b')), pair("c=A:1")},
+                         &why));
+    EXPECT_EQ(why, "the row does not fit 4096 bytes from pair 2 (b) on");
+    EXPECT_TRUE(rowFits({}, &why));
+}
+
+TEST(ZevdctlFormatTest, ActionTextsFitTheRequestOrNot) {
+    std::string parameters(3000, 'p');
+    EXPECT_TRUE(actionFits("me", "node-1", "restart", nullptr));
+    EXPECT_TRUE(actionFits("me", "node-1", "restart", &parameters));
+    std::string more(1100, 'p');
+    EXPECT_FALSE(actionFits("me", more, "restart", &parameters));
+}
+
+TEST(ZevdctlFormatTest, RegistrationTextsAreCheckedByTheBuilderAndNamedForTheirApplication) {
+    std::string text, why;
+    ASSERT_TRUE(prepareRegistration("demo", "GROUP disk Disk;ATTR used A 4 Used", text, &why))
+        << why;
+    EXPECT_EQ(text, "APPL demo\nGROUP disk Disk;ATTR used A 4 Used");
+    ASSERT_TRUE(prepareRegistration("demo", " APPL demo Help;GROUP g;ATTR a S 2", text, &why))
+        << why;
+    EXPECT_EQ(text, " APPL demo Help;GROUP g;ATTR a S 2");
+    struct Case {
+        const char *appl;
+        const char *text;
+        const char *why;
+    };
+    const Case cases[] = {
+        {"demo", "APPL other;GROUP g;ATTR a A 4", "the text registers 'other', not 'demo'"},
+        {"demo", "GROUP g;ATTR a A 8",
+         "the registration text does not read: statement 2: ATTR <a>: type A takes size 2 or 4, "
+         "not 8"},
+        {"demo", "APPL demo;GROUP g",
+         "the registration text does not read: statement 2: GROUP <g> "
+         "has no ATTR"},
+        {"demo", "GROUP g,h;ATTR a A 4", "GROUP 'g,h' has a blank, a comma or a control character"},
+        {"demo", "GROUP g;ATTR a,b A 4", "ATTR 'a,b' has a blank, a comma or a control character"},
+        {"a b", "GROUP g;ATTR a A 4", "APPL 'a b' has a blank, a comma or a control character"},
+        {"demo", "@", "no file name after '@'"},
+        {"demo", "@/nonexistent/registration",
+         "cannot read /nonexistent/registration: No such file "
+         "or directory"},
+    };
+    for (const Case &c : cases) {
+        EXPECT_FALSE(prepareRegistration(c.appl, c.text, text, &why)) << c.text;
+        EXPECT_EQ(why, c.why);
+    }
+}
+
+TEST(ZevdctlFormatTest, RegistrationFromAFile) {
+    char path[] = "/tmp/zevdctl-registration-XXXXXX";
+    int fd = mkstemp(path);
+    ASSERT_GE(fd, 0);
+    const std::string content = "# not a statement either\nGROUP g Its group\nATTR a A 4\n";
+    ASSERT_EQ(write(fd, content.data(), content.size()), static_cast<ssize_t>(content.size()));
+    close(fd);
+    std::string text, why;
+    EXPECT_FALSE(prepareRegistration("f", std::string("@") + path, text, &why));
+    EXPECT_EQ(why, "the registration text does not read: statement 1: unknown keyword <#>");
+    std::ofstream(path) << "GROUP g Its group\nATTR a A 4\n";
+    ASSERT_TRUE(prepareRegistration("f", std::string("@") + path, text, &why)) << why;
+    EXPECT_EQ(text, "APPL f\nGROUP g Its group\nATTR a A 4\n");
+    unlink(path);
 }
 
 TEST(ZevdctlFormatTest, CatalogueTextsSplitIntoTheirColumns) {

@@ -5,12 +5,12 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <string>
 #include <vector>
 
 #include "support/child_program.h"
 #include "support/dch_daemon.h"
+#include "support/zevdctl_run.h"
 #include "zevd610.h"
 
 namespace zevd::test {
@@ -31,39 +31,10 @@ DaemonProcess &theDaemon() {
     return DaemonEnvironment::daemon();
 }
 
-struct Result {
-    int code;
-    std::string out;
-    std::string err;
-};
+using Result = ZevdctlResult;
 
 Result zevdctl(std::vector<std::string> args, const std::vector<std::string> &env = {}) {
-    args.insert(args.begin(), ZEVDCTL_PATH);
-    ChildProgram program(args, env);
-    EXPECT_TRUE(program.started());
-    int status = program.wait();
-    return {exitCode(status), program.output(), program.errors()};
-}
-
-// True when every line of text is one JSON value (checked by python3).
-bool jsonLines(const std::string &text, std::string *problem) {
-    char path[] = "/tmp/zevdctl-json-XXXXXX";
-    int fd = mkstemp(path);
-    if (fd < 0) return false;
-    close(fd);
-    std::ofstream(path) << text;
-    std::string command = std::string(
-                              "python3 -c 'import json,sys\n"
-                              "for l in open(sys.argv[1]): json.loads(l)' ") +
-                          path + " 2>&1";
-    FILE *p = popen(command.c_str(), "r");
-    std::string out;
-    char chunk[256];
-    while (p != nullptr && fgets(chunk, sizeof chunk, p) != nullptr) out += chunk;
-    int rc = p != nullptr ? pclose(p) : -1;
-    unlink(path);
-    *problem = out;
-    return rc == 0;
+    return runZevdctl(std::move(args), env);
 }
 
 long sendRow(long handle, int32_t count, const char *name, int16_t level) {
@@ -156,25 +127,22 @@ TEST(ZevdctlTest, CatalogueCommandsAsTablesAndAsJson) {
 }
 
 TEST(ZevdctlTest, FailedRequestsEndWithStatusOne) {
-    Result unknown = zevdctl({"attrs", "nosuch"});
-    EXPECT_EQ(unknown.code, 1);
-    EXPECT_TRUE(unknown.out.empty());
-    EXPECT_EQ(unknown.err, "zevdctl: no application nosuch at the DCH (127.0.0.1 port " +
-                               std::to_string(theDaemon().port()) + "), or no answer\n");
     Result notRegistered = zevdctl({"send", "nosuch", "g", "s", "x=A:1"});
     EXPECT_EQ(notRegistered.code, 1);
-    EXPECT_EQ(notRegistered.err, "zevdctl: dp_online failed with status 17\n");
+    EXPECT_EQ(notRegistered.err,
+              "zevdctl: dp_online failed with status 17 (the application is not registered)\n");
     // --port and --timeout override the environment: nobody answers there.
     uint16_t nobody = freeLoopbackPort();
     Result silent = zevdctl({"apps", "--port", std::to_string(nobody), "--timeout", "1"});
     EXPECT_EQ(silent.code, 1);
-    EXPECT_EQ(silent.err, "zevdctl: no applications at the DCH (127.0.0.1 port " +
-                              std::to_string(nobody) + "), or no answer\n");
+    EXPECT_EQ(silent.err, "zevdctl: no answer from the DCH at 127.0.0.1:" + std::to_string(nobody) +
+                              " within 1 s\n");
     // ... and --port to the right one works whatever the environment says.
     Result overridden = zevdctl(
         {"--port", std::to_string(theDaemon().port()), "--addr", "127.0.0.1", "apps", "ctl"},
         {"ZEVA_DCH_PORT=1", "ZEVA_DCH_ADDR=192.0.2.1"});
     EXPECT_EQ(overridden.code, 0) << overridden.err;
+    EXPECT_EQ(overridden.out, "APPLICATION\nctl\n");
 }
 
 TEST(ZevdctlTest, SendBringsOneRowOnlineAndOffline) {
@@ -192,7 +160,9 @@ TEST(ZevdctlTest, SendBringsOneRowOnlineAndOffline) {
     EXPECT_NE(json.out.find("\"dp_online\":0,\"dp_data\":0,\"dp_offline\":0}"), std::string::npos);
     Result unknownAttribute = zevdctl({"send", "ctl", "grp", "cli", "other=A:7"});
     EXPECT_EQ(unknownAttribute.code, 1);
-    EXPECT_EQ(unknownAttribute.err, "zevdctl: dp_data failed with status 20\n");
+    EXPECT_EQ(unknownAttribute.err,
+              "zevdctl: dp_data failed with status 20 (an attribute the group does not have, or a "
+              "value of the wrong size)\n");
 }
 
 TEST(ZevdctlTest, ActionIsHandedOverAndItsResultShown) {

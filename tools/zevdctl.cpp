@@ -2,21 +2,27 @@
 //
 // Exit status: 0 done, 1 a request failed, 2 bad usage. Every failure
 // writes one line on standard error; standard output carries only the
-// command's own output (a table, or JSON lines with --json).
+// command's own output (a table, or JSON lines with --json). Every argument
+// is checked before the first request, so bad usage sends nothing.
 #include <getopt.h>
+#include <netinet/in.h>
 #include <pthread.h>
 #include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
 
+#include "zev0.h"
 #include "zevd610.h"
 #include "zevdctl_format.h"
+#include "zevdctl_trace.h"
 
 namespace zevdctl {
 namespace {
@@ -25,9 +31,18 @@ constexpr int kOk = 0;
 constexpr int kFailed = 1;
 constexpr int kUsage = 2;
 
+// Seconds every wait for an answer takes at most, unless --timeout or
+// ZEVA_DCH_TIMEOUT says otherwise: a command line should not hang for the
+// library's half minute.
+constexpr int kDefaultTimeout = 5;
+constexpr int kDefaultPort = 1919;
+constexpr size_t kHostMax = 255;  // what the library keeps of a host name
+
 struct Options {
     bool json = false;
-    int timeout = 0;  // 0: the DCH time-out's own default
+    int timeout = 0;  // seconds; 0 until settled: --timeout, ZEVA_DCH_TIMEOUT, else 5
+    std::string host;
+    int port = 0;
 };
 
 using Arguments = std::vector<std::string>;
@@ -39,6 +54,8 @@ int help(const Options &, const Arguments &);
 int watch(const Options &, const Arguments &);
 int status(const Options &, const Arguments &);
 int send(const Options &, const Arguments &);
+int registerAppl(const Options &, const Arguments &);
+int unregisterAppl(const Options &, const Arguments &);
 int action(const Options &, const Arguments &);
 
 // The commands: --help is made from this table.
@@ -52,8 +69,8 @@ struct CommandEntry {
 };
 
 const CommandEntry kCommands[] = {
-    {"apps", "[APPL]", 0, 1, "the registered applications (or whether APPL is one)", "zevdctl apps",
-     apps},
+    {"apps", "[APPL]", 0, 1, "the registered applications (or APPL, when it is one)",
+     "zevdctl apps", apps},
     {"attrs", "APPL", 1, 1, "the attributes of APPL: group, attribute, type, size",
      "zevdctl attrs demo", attrs},
     {"help", "APPL", 1, 1, "the help texts of APPL, its groups and its attributes",
@@ -63,9 +80,14 @@ const CommandEntry kCommands[] = {
     {"status", "", 0, 0,
      "provider status lines as they come (the wait cannot be interrupted: Ctrl-C kills it)",
      "zevdctl status --json", status},
+    {"register", "APPL TEXT|@FILE", 2, 2,
+     "register APPL with a registration text (APPL, GROUP and ATTR statements) or a file's",
+     "zevdctl register demo 'GROUP disk Disk usage;ATTR usedPct A 4 Percent used'", registerAppl},
     {"send", "APPL GROUP SOURCE NAME=TYPE:VALUE...", 4, 1000,
      "online, one row, offline; prints the handle and each status",
-     "zevdctl send demo disk node-9 mount=D:/srv usedPct=A:55", send},
+     "zevdctl send demo disk node-9 usedPct=A:55", send},
+    {"unregister", "APPL", 1, 1, "withdraw APPL and everything online under it",
+     "zevdctl unregister demo", unregisterAppl},
     {"action", "ID NODE NAME [PARAMETERS]", 3, 4,
      "hand action NAME (number ID) to NODE, wait for its result",
      "zevdctl action 7 node-1 restart --timeout 10", action},
@@ -76,7 +98,8 @@ const char kVersion[] = ZEVD_VERSION;
 void printHelp() {
     printf("usage: zevdctl [OPTIONS] COMMAND [ARGUMENTS]\n\n");
     printf("Looks at a DCH from a shell: what is registered, what providers send, who comes\n");
-    printf("and goes. Options may stand before or after the command.\n\nCommands:\n");
+    printf("and goes; registers, sends and withdraws as a provider would.\n");
+    printf("Options may stand before or after the command.\n\nCommands:\n");
     for (const CommandEntry &c : kCommands)
         printf("  %s%s%s\n      %s\n      e.g. %s\n", c.name, *c.arguments ? " " : "", c.arguments,
                c.summary, c.example);
@@ -84,109 +107,215 @@ void printHelp() {
         "\nOptions:\n"
         "  --addr HOST     the DCH's host (default: ZEVA_DCH_ADDR, else this host)\n"
         "  --port N        the DCH's port (default: ZEVA_DCH_PORT, else 1919)\n"
-        "  --timeout S     seconds to wait for an answer (default: ZEVA_DCH_TIMEOUT, else 30)\n"
+        "  --timeout S     seconds to wait for an answer (default: ZEVA_DCH_TIMEOUT, else 5)\n"
         "  --json          one JSON object per line instead of a table\n"
-        "  --help          this text\n"
-        "  --version       the version\n"
-        "\nTYPE in NAME=TYPE:VALUE is the attribute's type letter: A C G L N take a 32-bit\n"
-        "integer, I S a 16-bit integer, any other letter a text.\n"
+        "  -h, --help      this text\n"
+        "  -V, --version   the version\n"
+        "\nAPPL has 1 to 20 characters, GROUP, SOURCE and NAME 1 to 32, none of them a\n"
+        "blank, a comma or a control character. TYPE in NAME=TYPE:VALUE is the\n"
+        "attribute's type letter: A C G L N take a 32-bit integer, I S a 16-bit integer,\n"
+        "any other letter a text. A row has to fit 4096 bytes.\n"
+        "\nTables show each control character and each byte that is not UTF-8 as \\xHH.\n"
         "\nThe library's trace goes to standard error, at the levels of ZEVA_TRACE (none\n"
         "when it is not set).\n"
-        "\nExit status: 0 done, 1 a request failed, 2 bad usage.\n");
+        "\nExit status: 0 done (an empty answer too), 1 a request failed or was not\n"
+        "answered, 2 bad usage (nothing was sent).\n");
 }
 
 int usage(const std::string &what) {
-    fprintf(stderr, "zevdctl: %s\nTry 'zevdctl --help'.\n", what.c_str());
+    fprintf(stderr, "zevdctl: %s\nTry 'zevdctl --help'.\n", terminalText(what).c_str());
     return kUsage;
 }
 
 int failed(const std::string &what) {
-    fprintf(stderr, "zevdctl: %s\n", what.c_str());
+    fprintf(stderr, "zevdctl: %s\n", terminalText(what).c_str());
     return kFailed;
 }
 
-// Seconds a catalogue query waits.
-int queryWait(const Options &options) {
-    if (options.timeout > 0) return options.timeout;
-    const char *configured = getenv("ZEVA_DCH_TIMEOUT");
-    int value = configured != nullptr ? atoi(configured) : 0;
-    return value > 0 ? value : 30;
+std::string dchName(const Options &options) {
+    return options.host + ":" + std::to_string(options.port);
 }
 
-std::string dchName() {
-    const char *addr = getenv("ZEVA_DCH_ADDR");
+int noAnswer(const Options &options) {
+    return failed("no answer from the DCH at " + dchName(options) + " within " +
+                  std::to_string(options.timeout) + " s");
+}
+
+// A request's status word as a failure line: "dp_online failed with status
+// 17 (the application is not registered)", or the no-answer line.
+int refused(const Options &options, const char *request, long status) {
+    if (status == ZEVD_STATUS_NO_RESPONSE) return noAnswer(options);
+    std::string meaning = statusMeaning(status);
+    return failed(std::string(request) + " failed with status " + std::to_string(status) +
+                  (meaning.empty() ? "" : " (" + meaning + ")"));
+}
+
+// A number of the whole text within [low, high].
+bool parseNumber(const char *text, long low, long high, long &out) {
+    if (text == nullptr || *text == '\0') return false;
+    for (const char *c = text; *c != '\0'; ++c)
+        if (*c < '0' || *c > '9') return false;
+    char *end = nullptr;
+    errno = 0;
+    long value = strtol(text, &end, 10);
+    if (errno != 0 || *end != '\0' || value < low || value > high) return false;
+    out = value;
+    return true;
+}
+
+// Settles the DCH's host, port and time-out from the options and the
+// library's own variables, and hands the time-out to the library (which
+// reads its configuration once, at the first request). Bad usage when one
+// of them would not work: the library would read a port or a time-out that
+// is not a number as 0, and a time-out of 0 as "wait for ever".
+int settleTarget(Options &options) {
+    long number = 0;
+    if (options.timeout == 0) {
+        const char *configured = getenv("ZEVA_DCH_TIMEOUT");
+        if (configured == nullptr)
+            number = kDefaultTimeout;
+        else if (!parseNumber(configured, 1, 32767, number))
+            return usage(std::string("ZEVA_DCH_TIMEOUT takes 1 to 32767 seconds, not '") +
+                         configured + "'");
+        options.timeout = static_cast<int>(number);
+    }
+    setenv("ZEVA_DCH_TIMEOUT", std::to_string(options.timeout).c_str(), 1);
+
     const char *port = getenv("ZEVA_DCH_PORT");
-    return std::string(addr != nullptr ? addr : "this host") + " port " +
-           (port != nullptr ? port : "1919");
+    const char *portFrom = "ZEVA_DCH_PORT";
+    if (port == nullptr) {
+        port = ZEV0_QueryProductSpec(21);
+        portFrom = "settings item 21";
+    }
+    if (port == nullptr)
+        number = kDefaultPort;
+    else if (!parseNumber(port, 1, 65535, number))
+        return usage(std::string(portFrom) + " takes a port from 1 to 65535, not '" + port + "'");
+    options.port = static_cast<int>(number);
+
+    const char *host = getenv("ZEVA_DCH_ADDR");
+    if (host == nullptr) host = ZEV0_LocalHostNameString();
+    if (host == nullptr || *host == '\0') return usage("no DCH host: ZEVA_DCH_ADDR is empty");
+    options.host = host;
+    if (options.host.size() > kHostMax)
+        return usage("the DCH host has more than " + std::to_string(kHostMax) + " characters");
+    struct sockaddr_in address;
+    if (ZEV0_ConvertNameToAddr(host, static_cast<unsigned short>(options.port), &address) == 0)
+        return usage("the DCH host '" + options.host + "' does not resolve");
+    return kOk;
 }
 
-// One catalogue query; false with a line on standard error.
+using Clock = std::chrono::steady_clock;
+
+// True once a wait that started at start has used up the time-out: a
+// request that failed by then was not answered.
+bool waitedOut(Clock::time_point start, const Options &options) {
+    return Clock::now() - start + std::chrono::milliseconds(250) >=
+           std::chrono::seconds(options.timeout);
+}
+
+// ---------------------------------------------------------------------------
+// Catalogue queries
+// ---------------------------------------------------------------------------
+
 using Query = int (*)(int *, char **, const char *, int);
-bool ask(Query query, const Options &options, const char *appl, std::string &text) {
+struct QueryEntry {
+    Query query;
+    const char *method;   // its trace name
+    const char *storage;  // its line when it keeps the answer's text
+};
+const QueryEntry kApplications = {dc_getApplications, "DCHclient::dc_getApplications",
+                                  "Allocated applInfo buffer"};
+const QueryEntry kAttributes = {dc_getApplAttributes, "DCHclient::dc_getApplAttributes",
+                                "Allocated attrInfo buffer"};
+const QueryEntry kHelp = {dc_getApplHelp, "DCHclient::dc_getApplHelp", "Allocated helpInfo buffer"};
+
+enum class Answer { text, empty, none, notSent, unreadable };
+
+// One catalogue query. The library fails an empty text as it fails a
+// missing answer (status 1 both), so its trace tells them apart: the query
+// keeps the text of any answer it reads (its storage line), an empty one
+// included, and writes its failures at the error level.
+Answer ask(const QueryEntry &entry, const Options &options, const char *appl, std::string &text) {
+    TraceWatch trace(std::string(entry.method) + "=error+storage");
     int length = 0;
     char *answer = nullptr;
-    int result = query(&length, &answer, appl, queryWait(options));
-    if (result != 0 || answer == nullptr) {
+    int result = entry.query(&length, &answer, appl, options.timeout);
+    if (result == 0 && answer != nullptr) {
+        text.assign(answer, static_cast<size_t>(length));
         free(answer);
-        return false;
+        return Answer::text;
     }
-    text.assign(answer, static_cast<size_t>(length));
     free(answer);
-    return true;
+    if (trace.saw(entry.storage)) return Answer::empty;
+    if (trace.saw("dataType of DCH_response missing")) return Answer::unreadable;
+    if (trace.saw("message to DCHserver")) return Answer::notSent;
+    // Kept with a length and no text: the text could not be allocated.
+    if (result == 0) return Answer::unreadable;
+    return Answer::none;
+}
+
+// The failure line of an answer that is neither a text nor empty.
+int askFailed(Answer answer, const Options &options) {
+    switch (answer) {
+        case Answer::none: return noAnswer(options);
+        case Answer::notSent:
+            return failed("the request could not be sent to the DCH at " + dchName(options));
+        default:
+            return failed("the answer of the DCH at " + dchName(options) +
+                          " is not a catalogue text");
+    }
 }
 
 void writeJson(const std::vector<std::string> &keys, const std::vector<std::string> &values,
                const std::vector<bool> &numeric) {
-    std::string line = "{";
+    Json object = Json::object();
     for (size_t i = 0; i < keys.size(); ++i) {
-        if (i > 0) line += ",";
-        line += jsonString(keys[i]) + ":" + (numeric[i] ? values[i] : jsonString(values[i]));
+        if (numeric[i])
+            object[keys[i]] = atol(values[i].c_str());
+        else
+            object[keys[i]] = values[i];
     }
-    printf("%s}\n", line.c_str());
+    fputs(jsonLine(object).c_str(), stdout);
 }
 
-// Prints a catalogue text as a table or as JSON lines.
-void printCatalogue(const Options &options, const std::vector<std::string> &header,
-                    const std::vector<std::string> &keys, const std::vector<bool> &numeric,
-                    const std::string &text) {
+// Prints a catalogue text as a table or as JSON lines; an empty answer
+// prints nothing.
+int catalogue(const QueryEntry &entry, const Options &options, const char *appl,
+              const std::vector<std::string> &header, const std::vector<std::string> &keys,
+              const std::vector<bool> &numeric) {
+    std::string text;
+    Answer answer = ask(entry, options, appl, text);
+    if (answer == Answer::empty) return kOk;
+    if (answer != Answer::text) return askFailed(answer, options);
     std::vector<std::vector<std::string>> rows = splitLines(text, header.size());
     if (options.json) {
         for (const auto &row : rows) writeJson(keys, row, numeric);
     } else {
         fputs(table(header, rows).c_str(), stdout);
     }
+    return kOk;
 }
 
 int apps(const Options &options, const Arguments &args) {
-    const char *appl = args.empty() ? nullptr : args[0].c_str();
-    std::string text;
-    if (!ask(dc_getApplications, options, appl, text))
-        return failed(appl != nullptr
-                          ? "no application " + args[0] + " at the DCH (" + dchName() +
-                                "), or no answer"
-                          : "no applications at the DCH (" + dchName() + "), or no answer");
-    printCatalogue(options, {"APPLICATION"}, {"application"}, {false}, text);
-    return kOk;
+    std::string why;
+    if (!args.empty() && !checkName(NameKind::application, args[0], &why)) return usage(why);
+    return catalogue(kApplications, options, args.empty() ? nullptr : args[0].c_str(),
+                     {"APPLICATION"}, {"application"}, {false});
 }
 
 int attrs(const Options &options, const Arguments &args) {
-    std::string text;
-    if (!ask(dc_getApplAttributes, options, args[0].c_str(), text))
-        return failed("no application " + args[0] + " at the DCH (" + dchName() +
-                      "), or no answer");
-    printCatalogue(options, {"GROUP", "ATTRIBUTE", "TYPE", "SIZE"},
-                   {"group", "attribute", "type", "size"}, {false, false, false, true}, text);
-    return kOk;
+    std::string why;
+    if (!checkName(NameKind::application, args[0], &why)) return usage(why);
+    return catalogue(kAttributes, options, args[0].c_str(), {"GROUP", "ATTRIBUTE", "TYPE", "SIZE"},
+                     {"group", "attribute", "type", "size"}, {false, false, false, true});
 }
 
 int help(const Options &options, const Arguments &args) {
-    std::string text;
-    if (!ask(dc_getApplHelp, options, args[0].c_str(), text))
-        return failed("no application " + args[0] + " at the DCH (" + dchName() +
-                      "), or no answer");
-    printCatalogue(options, {"GROUP", "ATTRIBUTE", "HELP"}, {"group", "attribute", "help"},
-                   {false, false, false}, text);
-    return kOk;
+    std::string why;
+    if (!checkName(NameKind::application, args[0], &why)) return usage(why);
+    return catalogue(kHelp, options, args[0].c_str(), {"GROUP", "ATTRIBUTE", "HELP"},
+                     {"group", "attribute", "help"}, {false, false, false});
 }
 
 // ---------------------------------------------------------------------------
@@ -204,36 +333,19 @@ void *cancelOnSignal(void *signals) {
     return nullptr;
 }
 
-// How a value is shown when the catalogue does not know its attribute: text
-// when it reads as text, a number when it has 2 or 4 bytes, else hex.
-std::string guessValue(const std::string &bytes) {
-    size_t end = strnlen(bytes.data(), bytes.size());
-    bool text = end > 0 && end < bytes.size();
-    for (size_t i = 0; text && i < end; ++i)
-        text = static_cast<unsigned char>(bytes[i]) >= 0x20 &&
-               static_cast<unsigned char>(bytes[i]) < 0x7f;
-    if (text) return bytes.substr(0, end);
-    if (bytes.size() == 2 || bytes.size() == 4) return decodeValue(bytes, 'A');
-    std::string hex;
-    char byte[4];
-    for (unsigned char c : bytes) {
-        snprintf(byte, sizeof byte, "%02x", c);
-        hex += byte;
-    }
-    return hex;
-}
-
 int watch(const Options &options, const Arguments &args) {
     const std::string &appl = args[0];
     const std::string &group = args[1];
-    if (appl.empty() || appl.size() > 20 || group.empty() || group.size() > 32)
-        return usage("APPL has 1 to 20 characters, GROUP 1 to 32");
+    std::string why;
+    if (!checkName(NameKind::application, appl, &why) || !checkName(NameKind::group, group, &why))
+        return usage(why);
     // The columns and their types from the catalogue, when it knows the group.
     std::vector<CatalogueAttribute> columns;
     std::string text;
-    if (ask(dc_getApplAttributes, options, appl.c_str(), text))
-        for (const CatalogueAttribute &a : parseAttributes(text))
-            if (a.group == group) columns.push_back(a);
+    Answer answer = ask(kAttributes, options, appl.c_str(), text);
+    if (answer != Answer::text && answer != Answer::empty) return askFailed(answer, options);
+    for (const CatalogueAttribute &a : parseAttributes(text))
+        if (a.group == group) columns.push_back(a);
     if (columns.empty())
         fprintf(stderr,
                 "zevdctl: %s %s is not in the catalogue yet; columns come from the first row\n",
@@ -259,42 +371,14 @@ int watch(const Options &options, const Arguments &args) {
             fprintf(stderr, "zevdctl: a message that is not a row was skipped\n");
             continue;
         }
+        // Without the catalogue the first row names the columns; their
+        // types stay unknown, so their values are shown as read and
+        // written to JSON as strings.
         if (columns.empty())
             for (const auto &[name, value] : row.values)
                 columns.push_back({group, name, 0, static_cast<int>(value.size())});
-        auto valueOf = [&](const CatalogueAttribute &column, bool &found) {
-            found = false;
-            for (const auto &[name, value] : row.values)
-                if (name == column.attribute) {
-                    found = true;
-                    return column.type != 0 ? decodeValue(value, column.type) : guessValue(value);
-                }
-            return std::string();
-        };
         if (options.json) {
-            std::vector<std::string> keys = {"application", "group", "source", "handle", "flag"};
-            std::vector<std::string> values = {row.application, row.group, row.source,
-                                               std::to_string(row.handle),
-                                               std::to_string(row.flag)};
-            std::string line = "{";
-            for (size_t i = 0; i < keys.size(); ++i)
-                line += (i > 0 ? "," : "") + jsonString(keys[i]) + ":" +
-                        (i >= 3 ? values[i] : jsonString(values[i]));
-            line += ",\"values\":{";
-            bool first = true;
-            for (const CatalogueAttribute &column : columns) {
-                bool found = false;
-                std::string value = valueOf(column, found);
-                if (!found) continue;
-                bool number = column.type != 0
-                                  ? isIntegerType(column.type)
-                                  : !value.empty() && value != "-" &&
-                                        value.find_first_not_of("-0123456789") == std::string::npos;
-                line += (first ? "" : ",") + jsonString(column.attribute) + ":" +
-                        (number ? value : jsonString(value));
-                first = false;
-            }
-            printf("%s}}\n", line.c_str());
+            fputs(jsonLine(rowJson(row, columns)).c_str(), stdout);
         } else {
             if (!headerDone) {
                 std::vector<std::string> header = {"SOURCE", "HANDLE"};
@@ -305,16 +389,18 @@ int watch(const Options &options, const Arguments &args) {
                                      : column.size > 0
                                          ? std::min<size_t>(static_cast<size_t>(column.size), 24)
                                          : 12;
-                    widths.push_back(std::max(column.attribute.size(), natural));
+                    widths.push_back(
+                        std::max(displayWidth(terminalText(column.attribute)), natural));
                 }
                 fputs(tableLine(header, widths).c_str(), stdout);
                 headerDone = true;
             }
             std::vector<std::string> cells = {row.source, std::to_string(row.handle)};
             for (const CatalogueAttribute &column : columns) {
-                bool found = false;
-                cells.push_back(valueOf(column, found));
-                if (!found) cells.back() = "-";
+                std::string cell = "-";
+                for (const auto &[name, value] : row.values)
+                    if (name == column.attribute) cell = decodeValue(value, column.type);
+                cells.push_back(cell);
             }
             fputs(tableLine(cells, widths).c_str(), stdout);
         }
@@ -327,10 +413,15 @@ int watch(const Options &options, const Arguments &args) {
 }
 
 // ---------------------------------------------------------------------------
-// status, send, action
+// status
 // ---------------------------------------------------------------------------
 
 int status(const Options &options, const Arguments &) {
+    // The status wait reads no answer and waits for ever: first make sure
+    // that a DCH answers there at all.
+    std::string text;
+    Answer answer = ask(kApplications, options, nullptr, text);
+    if (answer != Answer::text && answer != Answer::empty) return askFailed(answer, options);
     void *client = dc_waitForDPStatusInitialize();
     if (client == nullptr) return failed("the status wait could not be registered");
     // Kept: the wait has no cancel, so Ctrl-C ends the program by the
@@ -339,11 +430,12 @@ int status(const Options &options, const Arguments &) {
         const char *line = dc_waitForDPStatus(client);
         if (line == nullptr) return failed("the status wait failed");
         if (!options.json) {
-            printf("%s\n", line);
+            printf("%s\n", terminalText(line).c_str());
         } else {
             StatusLine s;
             if (!parseStatusLine(line, s)) {
-                fprintf(stderr, "zevdctl: a status line that does not read: %s\n", line);
+                fprintf(stderr, "zevdctl: a status line that does not read: %s\n",
+                        terminalText(line).c_str());
                 continue;
             }
             writeJson({"application", "group", "source", "host", "info", "request", "event"},
@@ -355,84 +447,137 @@ int status(const Options &options, const Arguments &) {
     }
 }
 
+// ---------------------------------------------------------------------------
+// The provider's side: register, send, unregister
+// ---------------------------------------------------------------------------
+
+// A row that could not be formatted whole: kept reachable, never sent.
+char *unsentRow = nullptr;
+
+// Prints the steps of a provider's requests: as STEP RESULT lines, or as
+// one JSON object.
+void printSteps(const Options &options, const std::vector<std::pair<std::string, long>> &steps) {
+    if (options.json) {
+        Json object = Json::object();
+        for (const auto &[step, value] : steps) object[step] = value;
+        fputs(jsonLine(object).c_str(), stdout);
+    } else {
+        std::vector<std::vector<std::string>> rows;
+        rows.reserve(steps.size());
+        for (const auto &[step, value] : steps)
+            rows.push_back({step, step == "handle" ? std::to_string(value)
+                                                   : "status " + std::to_string(value)});
+        fputs(table({"STEP", "RESULT"}, rows).c_str(), stdout);
+    }
+    fflush(stdout);
+}
+
+int registerAppl(const Options &options, const Arguments &args) {
+    std::string text, why;
+    if (!prepareRegistration(args[0], args[1], text, &why)) return usage(why);
+    long result = -1;
+    dp_register(&result, text.c_str());
+    printSteps(options, {{"dp_register", result}});
+    return result == 0 ? kOk : refused(options, "dp_register", result);
+}
+
+int unregisterAppl(const Options &options, const Arguments &args) {
+    std::string why;
+    if (!checkName(NameKind::application, args[0], &why)) return usage(why);
+    long result = -1;
+    dp_unregister(&result, args[0].c_str());
+    printSteps(options, {{"dp_unregister", result}});
+    return result == 0 ? kOk : refused(options, "dp_unregister", result);
+}
+
 int send(const Options &options, const Arguments &args) {
     const std::string &appl = args[0];
     const std::string &group = args[1];
     const std::string &source = args[2];
+    std::string why;
+    if (!checkName(NameKind::application, appl, &why) || !checkName(NameKind::group, group, &why) ||
+        !checkName(NameKind::source, source, &why))
+        return usage(why);
     std::vector<Pair> pairs;
     for (size_t i = 3; i < args.size(); ++i) {
         Pair pair;
-        std::string why;
         if (!parsePair(args[i], pair, &why)) return usage(why);
         pairs.push_back(std::move(pair));
     }
-    if (appl.empty() || appl.size() > 20 || group.empty() || group.size() > 32 || source.empty() ||
-        source.size() > 32)
-        return usage("APPL has 1 to 20 characters, GROUP and SOURCE 1 to 32");
+    // Nothing goes online for a row that could not be sent whole.
+    if (!rowFits(pairs, &why)) return usage(why);
 
     long handle = 0;
     long onlineStatus = -1, dataStatus = -1, offlineStatus = -1;
-    int result = dp_online(&onlineStatus, &handle, appl.c_str(), group.c_str(), source.c_str());
-    bool online = result == 0 && onlineStatus == 0;
-    if (online) {
-        char *row = nullptr;
-        long size = 0;
+    Clock::time_point start = Clock::now();
+    dp_online(&onlineStatus, &handle, appl.c_str(), group.c_str(), source.c_str());
+    if (onlineStatus != 0) {
+        printSteps(options, {{"dp_online", onlineStatus}});
+        return refused(options, "dp_online", onlineStatus);
+    }
+    char *row = nullptr;
+    long size = 0;
+    for (const Pair &pair : pairs) {
         long formatStatus = 0;
-        for (const Pair &pair : pairs) {
-            dp_formatData(&formatStatus, &row, &size, pair.name.c_str(), pair.value.data(),
-                          static_cast<long>(pair.value.size()), pair.type);
-            if (formatStatus != 0) break;
-        }
-        if (formatStatus != 0) {
-            dataStatus = formatStatus;
-            dp_data(&formatStatus, handle, 0, &row);  // frees the row
-        } else {
-            dp_data(&dataStatus, handle, 0, &row);
-        }
-        dp_offline(&offlineStatus, handle);
+        dp_formatData(&formatStatus, &row, &size, pair.name.c_str(), pair.value.data(),
+                      static_cast<long>(pair.value.size()), pair.type);
+        if (formatStatus != 0 && dataStatus == -1) dataStatus = formatStatus;
     }
-    if (options.json) {
-        printf("{\"handle\":%ld,\"dp_online\":%ld", online ? handle : 0, onlineStatus);
-        if (online) printf(",\"dp_data\":%ld,\"dp_offline\":%ld", dataStatus, offlineStatus);
-        printf("}\n");
+    if (dataStatus != -1) {
+        // Not reached after rowFits, which encoded the same pairs. Only
+        // dp_data frees a row, and it would send this one half: the buffer
+        // is left to the end of the process instead.
+        unsentRow = row;
     } else {
-        std::vector<std::vector<std::string>> rows = {
-            {"handle", online ? std::to_string(handle) : "-"},
-            {"dp_online", "status " + std::to_string(onlineStatus)}};
-        if (online) {
-            rows.push_back({"dp_data", "status " + std::to_string(dataStatus)});
-            rows.push_back({"dp_offline", "status " + std::to_string(offlineStatus)});
-        }
-        fputs(table({"STEP", "RESULT"}, rows).c_str(), stdout);
+        // The row waits only for what is left of the time-out.
+        auto used = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - start);
+        auto left = static_cast<short>(std::max<long>(1, options.timeout - used.count()));
+        dp_actionData(&dataStatus, handle, 0, &row, left, 0);
     }
-    fflush(stdout);
-    if (!online) return failed("dp_online failed with status " + std::to_string(onlineStatus));
-    if (dataStatus != 0) return failed("dp_data failed with status " + std::to_string(dataStatus));
-    if (offlineStatus != 0)
-        return failed("dp_offline failed with status " + std::to_string(offlineStatus));
+    // A DCH that stopped answering is not asked again.
+    if (dataStatus != ZEVD_STATUS_NO_RESPONSE) dp_offline(&offlineStatus, handle);
+    std::vector<std::pair<std::string, long>> steps = {
+        {"handle", handle}, {"dp_online", onlineStatus}, {"dp_data", dataStatus}};
+    if (dataStatus != ZEVD_STATUS_NO_RESPONSE) steps.emplace_back("dp_offline", offlineStatus);
+    printSteps(options, steps);
+    if (dataStatus != 0) return refused(options, "dp_data", dataStatus);
+    if (offlineStatus != 0) return refused(options, "dp_offline", offlineStatus);
     return kOk;
 }
 
+// ---------------------------------------------------------------------------
+// action
+// ---------------------------------------------------------------------------
+
 int action(const Options &options, const Arguments &args) {
     char *end = nullptr;
+    errno = 0;
     long id = strtol(args[0].c_str(), &end, 10);
-    if (args[0].empty() || *end != '\0' || id < INT32_MIN || id > INT32_MAX)
+    if (args[0].empty() || *end != '\0' || errno != 0 || id < INT32_MIN || id > INT32_MAX)
         return usage("ID '" + args[0] + "' is not a 32-bit integer");
-    const char *parameters = args.size() > 3 ? args[3].c_str() : nullptr;
-    const char *owner = getenv("USER");
-    if (dc_provideAction(1, owner != nullptr ? owner : "zevdctl", args[1].c_str(), "",
-                         args[2].c_str(), id, 1, parameters) != 0)
-        return failed("the action could not be sent");
+    if (args[1].empty() || args[2].empty()) return usage("NODE and NAME take at least a character");
+    const std::string *parameters = args.size() > 3 ? &args[3] : nullptr;
+    const char *user = getenv("USER");
+    std::string owner = user != nullptr ? user : "zevdctl";
+    if (!actionFits(owner, args[1], args[2], parameters))
+        return usage("the action's texts do not fit the library's 4096-byte request");
+    if (dc_provideAction(1, owner.c_str(), args[1].c_str(), "", args[2].c_str(), id, 1,
+                         parameters != nullptr ? parameters->c_str() : nullptr) != 0)
+        return failed("the action could not be sent to the DCH at " + dchName(options));
+    Clock::time_point start = Clock::now();
     int result = dc_waitForActionResults(id);
-    if (options.json)
-        printf("{\"id\":%ld,\"status\":%d}\n", id, result);
-    else
+    if (result == -1 && waitedOut(start, options)) return noAnswer(options);
+    if (options.json) {
+        Json object = Json::object();
+        object["id"] = id;
+        object["status"] = result;
+        fputs(jsonLine(object).c_str(), stdout);
+    } else {
         fputs(table({"ACTION", "STATUS"}, {{std::to_string(id), std::to_string(result)}}).c_str(),
               stdout);
+    }
     fflush(stdout);
-    return result == 0
-               ? kOk
-               : failed("action " + args[0] + " ended with status " + std::to_string(result));
+    return result == 0 ? kOk : refused(options, ("action " + args[0]).c_str(), result);
 }
 
 }  // namespace
@@ -454,27 +599,24 @@ int run(int argc, char **argv) {
     opterr = 0;
     int option = 0;
     // GNU getopt moves the options after the command to the front.
-    while ((option = getopt_long(argc, argv, ":", kOptions, nullptr)) != -1) {
+    while ((option = getopt_long(argc, argv, ":hV", kOptions, nullptr)) != -1) {
         switch (option) {
             case 'a':
                 if (*optarg == '\0') return usage("--addr needs a host");
                 setenv("ZEVA_DCH_ADDR", optarg, 1);
                 break;
             case 'p': {
-                char *end = nullptr;
-                long port = strtol(optarg, &end, 10);
-                if (*optarg == '\0' || *end != '\0' || port < 1 || port > 65535)
+                long port = 0;
+                if (!parseNumber(optarg, 1, 65535, port))
                     return usage(std::string("--port takes 1 to 65535, not '") + optarg + "'");
                 setenv("ZEVA_DCH_PORT", optarg, 1);
                 break;
             }
             case 't': {
-                char *end = nullptr;
-                long seconds = strtol(optarg, &end, 10);
-                if (*optarg == '\0' || *end != '\0' || seconds < 1 || seconds > 32767)
+                long seconds = 0;
+                if (!parseNumber(optarg, 1, 32767, seconds))
                     return usage(std::string("--timeout takes 1 to 32767 seconds, not '") + optarg +
                                  "'");
-                setenv("ZEVA_DCH_TIMEOUT", optarg, 1);
                 options.timeout = static_cast<int>(seconds);
                 break;
             }
@@ -482,7 +624,11 @@ int run(int argc, char **argv) {
             case 'h': printHelp(); return kOk;
             case 'V': printf("zevdctl %s\n", kVersion); return kOk;
             case ':': return usage(std::string(argv[optind - 1]) + " needs a value");
-            default: return usage(std::string("unknown option '") + argv[optind - 1] + "'");
+            default:
+                if (optopt != 0)
+                    return usage(std::string("unknown option '-") + static_cast<char>(optopt) +
+                                 "'");
+                return usage(std::string("unknown option '") + argv[optind - 1] + "'");
         }
     }
     if (optind >= argc) return usage("no command");
@@ -493,6 +639,8 @@ int run(int argc, char **argv) {
         if (args.size() < c.least || args.size() > c.most)
             return usage(std::string("usage: zevdctl ") + c.name + (*c.arguments ? " " : "") +
                          c.arguments);
+        int settled = settleTarget(options);
+        if (settled != kOk) return settled;
         return c.run(options, args);
     }
     return usage("unknown command '" + name + "'");
