@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "ipc/zevdipc.h"
+#include "support/server_queue.h"
 #include "support/trace_capture.h"
 
 namespace {
@@ -16,27 +17,7 @@ namespace {
 using zevd::test::TraceCapture;
 using namespace std::chrono_literals;
 
-class BatchQueue final : public DCHipc {
-public:
-    BatchQueue() : DCHipc(IPC_SERVICE_SERVER) { ipc_new_cb(); }
-    int32_t ipcRead(char ** /*buffer*/, int32_t /*wait*/) override { return 0; }
-    int32_t ipcWrite(const char * /*buffer*/, int32_t /*length*/, uint32_t /*fd*/) override {
-        return 0;
-    }
-    int32_t setClientAddr(const void * /*addr*/, int32_t /*addrLen*/) override { return 0; }
-    int32_t IPCServer() override { return 0; }
-    int32_t IPCClient(void * /*addr*/, int32_t /*connectTo*/, int32_t /*type*/) override {
-        return 0;
-    }
-    int32_t allocateIPC() override { return 0; }
-    int32_t releaseIPC() override { return 0; }
-    int32_t numFull() {
-        pthread_mutex_lock(&_ipcCircularBuffer->lock);
-        int32_t n = _ipcCircularBuffer->num_full;
-        pthread_mutex_unlock(&_ipcCircularBuffer->lock);
-        return n;
-    }
-};
+using BatchQueue = zevd::test::ServerQueue;
 
 void put(DCHipc &q, const std::string &data, const char *name = "client-one", uint32_t fd = 0) {
     const unsigned char addr[16] = {2, 0, 7, 0x7f, 0x7f, 0, 0, 1};

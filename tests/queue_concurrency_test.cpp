@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "ipc/zevdipc.h"
+#include "support/server_queue.h"
 
 namespace {
 
@@ -30,35 +31,7 @@ constexpr int kMaxLength = 20000;
 constexpr int kCheckEvery = 1000;
 constexpr auto kWaitLimit = 30s;
 
-class QueueTransport final : public DCHipc {
-public:
-    QueueTransport() : DCHipc(IPC_SERVICE_SERVER) { ipc_new_cb(); }
-    int32_t ipcRead(char ** /*buffer*/, int32_t /*wait*/) override { return 0; }
-    int32_t ipcWrite(const char * /*buffer*/, int32_t /*length*/, uint32_t /*fd*/) override {
-        return 0;
-    }
-    int32_t setClientAddr(const void * /*addr*/, int32_t /*addrLen*/) override { return 0; }
-    int32_t IPCServer() override { return 0; }
-    int32_t IPCClient(void * /*addr*/, int32_t /*connectTo*/, int32_t /*type*/) override {
-        return 0;
-    }
-    int32_t allocateIPC() override { return 0; }
-    int32_t releaseIPC() override { return 0; }
-
-    int32_t numFull() {
-        pthread_mutex_lock(&_ipcCircularBuffer->lock);
-        int32_t n = _ipcCircularBuffer->num_full;
-        pthread_mutex_unlock(&_ipcCircularBuffer->lock);
-        return n;
-    }
-    // Runs f while holding the queue lock.
-    template <typename F>
-    void underQueueLock(F f) {
-        pthread_mutex_lock(&_ipcCircularBuffer->lock);
-        f(_ipcCircularBuffer->num_full);
-        pthread_mutex_unlock(&_ipcCircularBuffer->lock);
-    }
-};
+using QueueTransport = zevd::test::ServerQueue;
 
 // What message n carries besides its bytes, drawn once from a fixed seed.
 struct Plan {
