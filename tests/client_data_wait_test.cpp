@@ -374,7 +374,7 @@ int waitSignalled(TraceCapture &capture, void *client, std::vector<char> &buffer
     });
     bool waiting =
         capture.waitFor("Waiting for dc_waitOnData response message", kLimit) &&
-        zevd::test::waitBlockedInSelect(
+        zevd::test::waitBlockedInSocketWait(
             zevd::test::tracedThread(capture, "Waiting for dc_waitOnData response"), kLimit);
     pthread_kill(waiter.native_handle(), SIGUSR1);
     bool ended = waiting && result.wait_for(kLimit) == std::future_status::ready;

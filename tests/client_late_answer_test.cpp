@@ -328,8 +328,8 @@ TEST_F(ClientLateAnswerTest, SignalDuringTheReadEndsTheCallWithinItsTimeOut) {
     std::thread caller([&] { done.set_value(dp_offline(&status, 7)); });
     uint16_t port = zevd::test::waitingReadPort(capture);
     ASSERT_NE(port, 0);
-    // Signalled once it sits in select, not a moment before.
-    ASSERT_TRUE(zevd::test::waitBlockedInSelect(
+    // Signalled once it sits in its wait, not a moment before.
+    ASSERT_TRUE(zevd::test::waitBlockedInSocketWait(
         zevd::test::tracedThread(capture, "Waiting on SELECT: UDP["), std::chrono::seconds(10)));
     auto signalled = std::chrono::steady_clock::now();
     pthread_kill(caller.native_handle(), SIGUSR1);
