@@ -95,13 +95,10 @@ protected:
         static std::set<uint16_t> ports;
         return ports;
     }
-    // Sends bytes to the waiting client in datagrams of at most 8192 bytes.
+    // Sends bytes to the waiting client in datagrams of at most 8192 bytes,
+    // from the DCH's port.
     void forward(const std::vector<char> &bytes) {
-        zevd::test::RawSender sender(dataPort_);
-        for (size_t at = 0; at < bytes.size(); at += 8192)
-            ASSERT_TRUE(sender.send(std::vector<char>(
-                bytes.begin() + static_cast<long>(at),
-                bytes.begin() + static_cast<long>(std::min(bytes.size(), at + 8192)))));
+        ASSERT_TRUE(dch().sendFromPort(dataPort_, bytes));
     }
 
     uint16_t dataPort_ = 0;

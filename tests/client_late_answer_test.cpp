@@ -48,9 +48,10 @@ std::vector<char> statusOnly(int32_t status) {
     return DchMessage().int32(DCH_status, status).bytes();
 }
 
-// A datagram to a client's socket, sent the way the DCH would answer.
+// A datagram to a client's socket, sent the way the DCH would answer: from
+// its port.
 void sendTo(const struct sockaddr_in &to, const std::vector<char> &bytes) {
-    zevd::test::RawSender(ntohs(to.sin_port)).send(bytes);
+    zevd::test::FakeDch::instance().sendFromPort(ntohs(to.sin_port), bytes);
 }
 
 // The value of the first string field of type wanted; empty when none.
@@ -334,7 +335,8 @@ TEST_F(ClientLateAnswerTest, SignalDuringTheReadEndsTheCallWithinItsTimeOut) {
     auto signalled = std::chrono::steady_clock::now();
     pthread_kill(caller.native_handle(), SIGUSR1);
     bool ended = result.wait_for(std::chrono::seconds(1 + 2)) == std::future_status::ready;
-    if (!ended) zevd::test::RawSender(port).send(statusOnly(0));  // frees the caller
+    if (!ended)
+        zevd::test::FakeDch::instance().sendFromPort(port, statusOnly(0));  // frees the caller
     caller.join();
     sigaction(SIGUSR1, &previous, nullptr);
     EXPECT_TRUE(ended) << "still blocked after the signal";

@@ -47,6 +47,7 @@ int32_t ipcSock::IPCClient(void * /*addr*/, int32_t connectTo, int32_t typeOfSer
                 } else {
                     _sockAddress = _envDCHaddress;
                     _sockAddress.sin_port = htons(_envPortNo.load());
+                    _sockDCHport = _sockAddress.sin_port;
                 }
             }
         }
