@@ -121,16 +121,19 @@ void DCHclient::readData(zevd::TraceFrame &trc, char *buffer, short buflen) {
 }
 
 bool DCHclient::isOwnCancel(const struct sockaddr_in &sender) const {
-    // The cancel is sent from the interrupt socket to itself. No other
-    // socket of this host can send from that port, and no other host can
-    // send from a loopback address or, short of forging, from this host's.
-    if (sender.sin_family != AF_INET || ntohs(sender.sin_port) != _interruptPort) return false;
-    if ((ntohl(sender.sin_addr.s_addr) >> 24) == IN_LOOPBACKNET) return true;
-    struct sockaddr_in own;
-    memset(&own, 0, sizeof own);
-    const char *host = ZEV0_LocalHostNameString();
-    return host != nullptr && ZEV0_ConvertNameToAddr(host, _interruptPort, &own) != 0 &&
-           own.sin_addr.s_addr == sender.sin_addr.s_addr;
+    // The cancel is sent from the interrupt socket to itself, at the address
+    // the cancel recorded: no name is resolved here, however many strangers
+    // write to the socket. While the interrupt socket holds its port on
+    // every address, no other socket of this host can send from that port,
+    // and no other host can send from a loopback address or, short of
+    // forging, from this host's.
+    int64_t sentTo = _cancelSentTo.load();
+    if (sentTo < 0 || sender.sin_family != AF_INET || ntohs(sender.sin_port) != _interruptPort)
+        return false;
+    auto to = static_cast<in_addr_t>(sentTo);
+    if (sender.sin_addr.s_addr == to) return true;
+    auto isLoopback = [](in_addr_t address) { return (ntohl(address) >> 24) == IN_LOOPBACKNET; };
+    return isLoopback(to) && isLoopback(sender.sin_addr.s_addr);
 }
 
 int DCHclient::dc_waitOnData(char *buffer, short buflen) {
@@ -275,6 +278,9 @@ int DCHclient::dc_waitOnDataCancel() {
             request.clear();
             request.addString(DCH_sourceName, kTerminate);
             uint32_t length = request.length();
+            // Recorded first: the waiting thread checks the datagram's
+            // sender against it as soon as it arrives.
+            _cancelSentTo.store(static_cast<int64_t>(address.sin_addr.s_addr));
             ssize_t sent =
                 sendto(_interruptFD, _message, length, MSG_NOSIGNAL,
                        reinterpret_cast<const struct sockaddr *>(&address), sizeof address);
