@@ -140,6 +140,9 @@ public:
     int32_t allocateDCHport();
 
     int32_t sockUDP() const { return _sockUDP; }
+    // Why the client set-up failed, in words for a person ("the DCH address
+    // X does not resolve ..."); empty while it has not failed.
+    const char *sockFailure() const { return _sockFailure; }
     // The errno of the select that ended the server loop, 0 while it runs.
     int32_t sockEndErrno() const { return _sockEndErrno.load(); }
     // Only the DCH may answer: true when sender is the DCH's port on the
@@ -241,6 +244,8 @@ protected:
     // host.
     bool _sockReadsFromDCH = false;
     in_port_t _sockDCHport = 0;
+    // Set by IPCClient when it fails: see sockFailure.
+    char _sockFailure[IPC_DCH_NAME_SIZE + 128] = {};
     // Held around every send on a client connection (ipcWrite) and around
     // the server loop's closing of one, so that a worker's answer is never
     // sent on a descriptor while the loop closes it.
