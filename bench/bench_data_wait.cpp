@@ -3,7 +3,8 @@
 // to the address the consumer's register came from, while the benchmark's
 // thread waits for it in dc_waitOnData. Beside it, its floor: the same
 // messages from one plain UDP socket to another, taken with a blocking
-// select and recvfrom, in the same two threads, measured in the same run.
+// poll and recvfrom (the wait's own calls), in the same two threads,
+// measured in the same run.
 //
 // One message is in flight at a time: the consumer asks for the next one
 // only after it has taken the last, so each figure is one message's latency,
@@ -15,7 +16,6 @@
 #include <benchmark/benchmark.h>
 #include <netinet/in.h>
 #include <poll.h>
-#include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -141,10 +141,8 @@ void BM_RawUdpOneWayFloor(benchmark::State &state) {
     int at = bindLoopback(SOCK_DGRAM, 0);
     if (from >= 0 && at >= 0) {
         oneWay(state, from, loopbackAddress(boundPort(at)), [at](char *buffer, size_t capacity) {
-            fd_set mask;
-            FD_ZERO(&mask);
-            FD_SET(at, &mask);
-            if (select(at + 1, &mask, nullptr, nullptr, nullptr) != 1) return ssize_t{-1};
+            struct pollfd ready = {at, POLLIN, 0};
+            if (poll(&ready, 1, -1) != 1) return ssize_t{-1};
             return recvfrom(at, buffer, capacity, 0, nullptr, nullptr);
         });
     } else {

@@ -16,6 +16,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 #include <vector>
 
 #include "client/zevdchcl.h"
@@ -76,8 +77,35 @@ private:
     DCHipc *own_ = nullptr;
 };
 
-// The data wait: one client and a sender, kept across inputs; a client that
-// failed is replaced.
+// The DCH the data wait takes its datagrams from: a socket on 127.0.0.1
+// whose port becomes ZEVA_DCH_PORT before the configuration is read (a
+// client takes datagrams from the DCH's port only).
+int dchSocket() {
+    static int fd = [] {
+        int sock = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        struct sockaddr_in self;
+        memset(&self, 0, sizeof self);
+        self.sin_family = AF_INET;
+        self.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof self;
+        if (sock < 0 || bind(sock, reinterpret_cast<struct sockaddr *>(&self), sizeof self) != 0 ||
+            getsockname(sock, reinterpret_cast<struct sockaddr *>(&self), &length) != 0)
+            abort();
+        return sock;
+    }();
+    return fd;
+}
+
+uint16_t dchPort() {
+    struct sockaddr_in self;
+    memset(&self, 0, sizeof self);
+    socklen_t length = sizeof self;
+    getsockname(dchSocket(), reinterpret_cast<struct sockaddr *>(&self), &length);
+    return ntohs(self.sin_port);
+}
+
+// The data wait: one client, kept across inputs; a client that failed is
+// replaced.
 struct DataWait {
     FuzzClient *client = nullptr;
     int sender = -1;
@@ -85,7 +113,7 @@ struct DataWait {
 
 DataWait &dataWait() {
     static DataWait wait;
-    if (wait.sender < 0) wait.sender = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (wait.sender < 0) wait.sender = dchSocket();
     if (wait.client == nullptr || wait.client->failed()) {
         delete wait.client;
         wait.client = new FuzzClient(1, nullptr);
@@ -133,6 +161,7 @@ extern "C" int LLVMFuzzerInitialize(int * /*argc*/, char *** /*argv*/) {
     // nothing, and the data wait's client only receives.
     setenv("ZEVA_TRACE", "none", 1);
     setenv("ZEVA_DCH_ADDR", "127.0.0.1", 1);
+    setenv("ZEVA_DCH_PORT", std::to_string(dchPort()).c_str(), 1);
     setenv("ZEVA_DCH_TIMEOUT", "1", 1);
     return 0;
 }

@@ -7,7 +7,10 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
@@ -27,6 +30,7 @@
 #include "support/sock_pair.h"
 #include "support/trace_capture.h"
 #include "support/wait_for.h"
+#include "zev0.h"
 #include "zevd610.h"
 
 namespace {
@@ -95,13 +99,10 @@ protected:
         static std::set<uint16_t> ports;
         return ports;
     }
-    // Sends bytes to the waiting client in datagrams of at most 8192 bytes.
+    // Sends bytes to the waiting client in datagrams of at most 8192 bytes,
+    // from the DCH's port.
     void forward(const std::vector<char> &bytes) {
-        zevd::test::RawSender sender(dataPort_);
-        for (size_t at = 0; at < bytes.size(); at += 8192)
-            ASSERT_TRUE(sender.send(std::vector<char>(
-                bytes.begin() + static_cast<long>(at),
-                bytes.begin() + static_cast<long>(std::min(bytes.size(), at + 8192)))));
+        ASSERT_TRUE(dch().sendFromPort(dataPort_, bytes));
     }
 
     uint16_t dataPort_ = 0;
@@ -313,6 +314,54 @@ TEST_F(ClientDataWaitTest, StrangersNeitherEndNorBreakTheWait) {
     EXPECT_EQ(dc_waitOnDataDestroy(client), -1);
 }
 
+TEST_F(ClientDataWaitTest, CancelFromAnotherSocketLeavesTheWaitToTheClientsOwn) {
+    TraceCapture capture("zevdchcl=error+storage+detail");
+    void *client = start();
+    uint16_t interruptPort = 0;
+    for (const std::string &text : capture.texts())
+        if (text.rfind("_interruptFD socket[", 0) == 0)
+            interruptPort = static_cast<uint16_t>(atoi(text.c_str() + text.find("port[") + 5));
+    ASSERT_NE(interruptPort, 0) << capture.joined();
+    // A cancel of the client's own first, so that the wait knows where its
+    // cancels come from.
+    std::vector<char> buffer(4096, '#');
+    ASSERT_EQ(dc_waitOnDataCancel(client), 0);
+    ASSERT_EQ(dc_waitOnData(client, buffer.data(), static_cast<int>(buffer.size())), -1);
+
+    // Where dc_waitOnDataCancel sends: the local host's address at the
+    // interrupt port. A socket of this host that sends the same datagram
+    // there leaves from the same address, but from a port of its own.
+    struct sockaddr_in to;
+    memset(&to, 0, sizeof to);
+    const char *host = ZEV0_LocalHostNameString();
+    ASSERT_NE(host, nullptr);
+    ASSERT_NE(ZEV0_ConvertNameToAddr(host, interruptPort, &to), 0);
+    int other = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    ASSERT_GE(other, 0);
+
+    capture.clear();
+    auto wait = std::async(std::launch::async, [&] {
+        return dc_waitOnData(client, buffer.data(), static_cast<int>(buffer.size()));
+    });
+    ASSERT_TRUE(capture.waitFor("Waiting for dc_waitOnData response message", kLimit));
+    EXPECT_EQ(sendto(other, kCancel.data(), kCancel.size(), 0,
+                     reinterpret_cast<const struct sockaddr *>(&to), sizeof to),
+              static_cast<ssize_t>(kCancel.size()));
+    const std::string dropped = " port " + std::to_string(zevd::test::boundPort(other)) +
+                                ": only dc_waitOnDataCancel may end the wait\n";
+    EXPECT_TRUE(capture.waitFor(dropped, kLimit)) << capture.joined();
+    EXPECT_EQ(wait.wait_for(std::chrono::milliseconds(200)), std::future_status::timeout);
+    close(other);
+
+    // The flag of a client cancelled before, which the cancel returns.
+    EXPECT_EQ(dc_waitOnDataCancel(client), -1);
+    ASSERT_EQ(wait.wait_for(kLimit), std::future_status::ready);
+    EXPECT_EQ(wait.get(), -1);
+    EXPECT_TRUE(std::equal(kCancel.begin(), kCancel.end(), buffer.begin()));
+    EXPECT_EQ(capture.count("only dc_waitOnDataCancel may end the wait"), 1u) << capture.joined();
+    EXPECT_EQ(dc_waitOnDataDestroy(client), -1);
+}
+
 TEST_F(ClientDataWaitTest, CancelWithNoWaiterIsReturnedByTheNextWait) {
     void *client = start();
     EXPECT_EQ(dc_waitOnDataCancel(client), 0);
@@ -374,7 +423,7 @@ int waitSignalled(TraceCapture &capture, void *client, std::vector<char> &buffer
     });
     bool waiting =
         capture.waitFor("Waiting for dc_waitOnData response message", kLimit) &&
-        zevd::test::waitBlockedInSelect(
+        zevd::test::waitBlockedInSocketWait(
             zevd::test::tracedThread(capture, "Waiting for dc_waitOnData response"), kLimit);
     pthread_kill(waiter.native_handle(), SIGUSR1);
     bool ended = waiting && result.wait_for(kLimit) == std::future_status::ready;

@@ -363,6 +363,44 @@ TEST_F(ClientFrameTest, UnknownIpcTypeEndsTheCallingProcessFromAnyRequest) {
         ::testing::ExitedWithCode(1), "Error: Unrecognized IPC type 0, exiting\\.\\.\\.\n");
 }
 
+// With the trace off, the reason still reaches standard error, as the one
+// line there.
+void traceOff() {
+    unsetenv("ZEVA_TRACE_FILE");
+    setenv("ZEVA_TRACE", "none", 1);
+    TLG1_Configure(nullptr);
+}
+
+TEST_F(ClientFrameTest, UnresolvableDchAddressEndsTheProcessSayingWhyWithTheTraceOff) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            setenv("ZEVA_DCH_ADDR", "no-such-host.invalid", 1);
+            traceOff();
+            long status = 0;
+            long handle = 0;
+            dp_online(&status, &handle, "appl", "group", "source");
+        },
+        ::testing::ExitedWithCode(1),
+        "^[^\n]+: libzevd610: the transport to the DCH cannot start: the DCH address "
+        "\"no-such-host\\.invalid\" does not resolve \\(ZEVA_DCH_ADDR, or the local host name "
+        "when it is not set\\), exiting\n$");
+}
+
+TEST_F(ClientFrameTest, UnknownIpcTypeEndsTheProcessSayingWhyWithTheTraceOff) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            setenv("ZEVA_DCH_IPCTYPE", "7", 1);
+            traceOff();
+            long status = 0;
+            dp_offline(&status, 1);
+        },
+        ::testing::ExitedWithCode(1),
+        "^[^\n]+: libzevd610: unknown IPC type 7 \\(ZEVA_DCH_IPCTYPE: 1 for sockets, 2 for "
+        "LPC\\), exiting\n$");
+}
+
 TEST_F(ClientFrameTest, TransportThatCannotStartEndsTheProcess) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(

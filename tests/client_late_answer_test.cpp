@@ -48,9 +48,10 @@ std::vector<char> statusOnly(int32_t status) {
     return DchMessage().int32(DCH_status, status).bytes();
 }
 
-// A datagram to a client's socket, sent the way the DCH would answer.
+// A datagram to a client's socket, sent the way the DCH would answer: from
+// its port.
 void sendTo(const struct sockaddr_in &to, const std::vector<char> &bytes) {
-    zevd::test::RawSender(ntohs(to.sin_port)).send(bytes);
+    zevd::test::FakeDch::instance().sendFromPort(ntohs(to.sin_port), bytes);
 }
 
 // The value of the first string field of type wanted; empty when none.
@@ -328,13 +329,14 @@ TEST_F(ClientLateAnswerTest, SignalDuringTheReadEndsTheCallWithinItsTimeOut) {
     std::thread caller([&] { done.set_value(dp_offline(&status, 7)); });
     uint16_t port = zevd::test::waitingReadPort(capture);
     ASSERT_NE(port, 0);
-    // Signalled once it sits in select, not a moment before.
-    ASSERT_TRUE(zevd::test::waitBlockedInSelect(
+    // Signalled once it sits in its wait, not a moment before.
+    ASSERT_TRUE(zevd::test::waitBlockedInSocketWait(
         zevd::test::tracedThread(capture, "Waiting on SELECT: UDP["), std::chrono::seconds(10)));
     auto signalled = std::chrono::steady_clock::now();
     pthread_kill(caller.native_handle(), SIGUSR1);
     bool ended = result.wait_for(std::chrono::seconds(1 + 2)) == std::future_status::ready;
-    if (!ended) zevd::test::RawSender(port).send(statusOnly(0));  // frees the caller
+    if (!ended)
+        zevd::test::FakeDch::instance().sendFromPort(port, statusOnly(0));  // frees the caller
     caller.join();
     sigaction(SIGUSR1, &previous, nullptr);
     EXPECT_TRUE(ended) << "still blocked after the signal";

@@ -84,9 +84,7 @@ protected:
         static std::set<uint16_t> ports;
         return ports;
     }
-    void send(const std::vector<char> &bytes) {
-        ASSERT_TRUE(zevd::test::RawSender(port_).send(bytes));
-    }
+    void send(const std::vector<char> &bytes) { ASSERT_TRUE(dch().sendFromPort(port_, bytes)); }
     // The line of one report sent before the wait, or "(null)".
     std::string lineOf(void *client, const std::vector<char> &bytes) {
         send(bytes);
@@ -159,6 +157,23 @@ TEST_F(ClientStatusWaitTest, ReportFromAnotherHostIsDroppedAndTheDchsRead) {
                                 " bytes from 127.0.0.2 port " + std::to_string(stranger.port()) +
                                 ": only the DCH may answer\n"))
         << capture.joined();
+    EXPECT_EQ(dc_waitForDPStatusDestroy(client), 0);
+}
+
+TEST_F(ClientStatusWaitTest, ReportFromAnotherPortOfTheDchsHostIsDroppedAndTheDchsRead) {
+    TraceCapture capture("error");
+    void *client = start();
+    zevd::test::Stranger neighbour(htonl(INADDR_LOOPBACK));
+    ASSERT_TRUE(neighbour.ready());
+    std::vector<char> forged = report("evil", "g", "s", "127.0.0.1", "", 1);
+    ASSERT_TRUE(neighbour.sendTo(port_, forged));
+    EXPECT_EQ(lineOf(client, report("appl", "group", "src", "127.0.0.1", "", 2)),
+              "appl,group,src,127.0.0.1,2");
+    EXPECT_TRUE(capture.hasText("Error: dropped a datagram of " + std::to_string(forged.size()) +
+                                " bytes from 127.0.0.1 port " + std::to_string(neighbour.port()) +
+                                ": only the DCH may answer\n"))
+        << capture.joined();
+    EXPECT_EQ(capture.count("only the DCH may answer"), 1u);
     EXPECT_EQ(dc_waitForDPStatusDestroy(client), 0);
 }
 

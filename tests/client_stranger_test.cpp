@@ -1,17 +1,21 @@
 // Only the DCH may answer: a datagram that reaches a client's socket from
-// any host but the DCH's is dropped (one error line each) and never read as
-// the answer to a request, and a client of a DCH on loopback listens on the
-// loopback address only. The stranger is a socket on 127.0.0.2; the fake
-// DCH is on 127.0.0.1. The DCH time-out of this suite is 1 second.
+// anywhere but the DCH's port on the DCH's host is dropped (one error line
+// each) and never read as the answer to a request or as a row, and a
+// client of a DCH on loopback listens on the loopback address only. The
+// stranger is a socket on 127.0.0.2, the neighbour one on 127.0.0.1 beside
+// the fake DCH, which answers from its port on 127.0.0.1. The DCH time-out
+// of this suite is 1 second.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <future>
 #include <string>
 #include <thread>
 #include <vector>
@@ -46,9 +50,22 @@ int32_t handleFor(const DchRequest &request) {
     return -1;
 }
 
-std::string droppedLine(size_t bytes, const Stranger &stranger) {
-    return "Error: dropped a datagram of " + std::to_string(bytes) + " bytes from 127.0.0.2 port " +
-           std::to_string(stranger.port()) + ": only the DCH may answer\n";
+std::string droppedLine(size_t bytes, const Stranger &stranger,
+                        const std::string &address = "127.0.0.2") {
+    return "Error: dropped a datagram of " + std::to_string(bytes) + " bytes from " + address +
+           " port " + std::to_string(stranger.port()) + ": only the DCH may answer\n";
+}
+
+// A row as the DCH forwards it to a data wait, for the source of handle.
+std::vector<char> forwardedRow(int32_t handle) {
+    return DchMessage()
+        .int16(DCH_requestType, ZEVD_REQ_DP_DATA)
+        .string(DCH_applName, "appl")
+        .string(DCH_attrGroup, "group")
+        .string(DCH_sourceName, "s" + std::to_string(handle))
+        .int32(DCH_handle, handle)
+        .int16(DCH_dataFlag, 0)
+        .bytes();
 }
 
 class ClientStrangerTest : public zevd::test::FakeDchClientTest {
@@ -89,6 +106,70 @@ TEST_F(ClientStrangerTest, ForgedAnswerFromAnotherHostIsDroppedAndTheDchsAnswerR
     EXPECT_TRUE(capture.hasText(droppedLine(forged.size(), stranger_))) << capture.joined();
     EXPECT_EQ(capture.count("only the DCH may answer"), 1u);
     waitForgeries(1);
+}
+
+TEST_F(ClientStrangerTest, AnswerFromAnotherPortOfTheDchsHostIsDroppedAndTheDchsAnswerRead) {
+    TraceCapture capture("error");
+    Stranger neighbour(htonl(INADDR_LOOPBACK));
+    ASSERT_TRUE(neighbour.ready());
+    const std::vector<char> forged = statusAndHandle(0, 666);
+    dch().setResponder([&](const DchRequest &request) -> DchReply {
+        // The DCH's host answers first from another of its ports; the DCH's
+        // own answer, from its port, follows.
+        EXPECT_TRUE(neighbour.sendTo(ntohs(request.from.sin_port), forged));
+        ++forgeries_;
+        return statusAndHandle(0, 7);
+    });
+    long status = -1;
+    long handle = -1;
+    EXPECT_EQ(dp_online(&status, &handle, "appl", "group", "s7"), 0);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(handle, 7);
+    EXPECT_TRUE(capture.hasText(droppedLine(forged.size(), neighbour, "127.0.0.1")))
+        << capture.joined();
+    EXPECT_EQ(capture.count("only the DCH may answer"), 1u);
+    waitForgeries(1);
+}
+
+TEST_F(ClientStrangerTest, RowFromAnotherPortOfTheDchsHostIsDroppedAndTheDchsRowRead) {
+    constexpr auto kLimit = std::chrono::seconds(10);
+    TraceCapture capture("error,zevdchcl=error+detail");
+    Stranger neighbour(htonl(INADDR_LOOPBACK));
+    ASSERT_TRUE(neighbour.ready());
+    void *client = dc_waitOnDataInitialize("appl", "group");
+    ASSERT_NE(client, nullptr);
+    // The wait's register came from the socket the DCH sends its rows to.
+    uint16_t dataPort = 0;
+    ASSERT_TRUE(zevd::test::waitFor(
+        [&] {
+            for (const DchRequest &request : dch().received())
+                if (request.requestType() == ZEVD_REQ_DC_WAIT_ON_DATA)
+                    dataPort = ntohs(request.from.sin_port);
+            return dataPort != 0;
+        },
+        kLimit));
+
+    std::vector<char> buffer(4096, '#');
+    auto wait = std::async(std::launch::async, [&] {
+        return dc_waitOnData(client, buffer.data(), static_cast<int>(buffer.size()));
+    });
+    ASSERT_TRUE(capture.waitFor("Waiting for dc_waitOnData response message", kLimit));
+    const std::vector<char> forged = forwardedRow(666);
+    ASSERT_TRUE(neighbour.sendTo(dataPort, forged));
+    ASSERT_TRUE(capture.waitFor(": only the DCH may answer", kLimit)) << capture.joined();
+    // Dropped, and the wait goes on.
+    EXPECT_EQ(wait.wait_for(std::chrono::milliseconds(200)), std::future_status::timeout);
+
+    const std::vector<char> row = forwardedRow(7);
+    ASSERT_TRUE(dch().sendFromPort(dataPort, row));
+    ASSERT_EQ(wait.wait_for(kLimit), std::future_status::ready);
+    EXPECT_EQ(wait.get(), 0);
+    EXPECT_TRUE(std::equal(row.begin(), row.end(), buffer.begin()));
+    EXPECT_EQ(buffer[row.size()], '#');
+    EXPECT_TRUE(capture.hasText(droppedLine(forged.size(), neighbour, "127.0.0.1")))
+        << capture.joined();
+    EXPECT_EQ(capture.count("only the DCH may answer"), 1u);
+    EXPECT_EQ(dc_waitOnDataDestroy(client), 0);
 }
 
 TEST_F(ClientStrangerTest, StrangersAloneLeaveTheCallToItsTimeOutWithStatus5) {

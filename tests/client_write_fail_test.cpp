@@ -6,7 +6,9 @@
 
 #include <cstdint>
 #include <cstdlib>
+#include <future>
 #include <string>
+#include <vector>
 
 #include "support/client_probe.h"
 #include "support/sock_pair.h"
@@ -77,17 +79,28 @@ TEST_F(ClientWriteFailTest, OnlineStillWaitsAfterAFailedWrite) {
     EXPECT_GT(readLines(capture), 0u);
 }
 
-TEST_F(ClientWriteFailTest, OnlineAfterAFailedWriteTakesTheStatusOfAnAnswerThatComes) {
-    TraceCapture capture("zevdchcl=all,zevdsock=detail");
+TEST_F(ClientWriteFailTest, OnlineAfterAFailedWriteTakesNoAnswerFromAnotherPort) {
+    // The wait after the failed write reads the DCH's port only, and no
+    // socket can send from port 0: an answer from any port of this host is
+    // a stranger's, dropped, and the wait ends with nothing (5).
+    TraceCapture capture("zevdchcl=all,zevdsock=error+detail");
     long status = kUntouched;
     long handle = kUntouched;
     std::vector<char> answer =
         zevd::test::hexBytes("00000018 0011 00000004 00000000 0080 00000004 00000009");
-    int result = zevd::test::answerWhileWaiting(
-        capture, answer, [&] { return dp_online(&status, &handle, "appl", "group", "source"); });
-    EXPECT_EQ(result, 1);
-    EXPECT_EQ(status, 0);
+    std::future<int> result = std::async(
+        std::launch::async, [&] { return dp_online(&status, &handle, "appl", "group", "source"); });
+    uint16_t port = zevd::test::waitingReadPort(capture);
+    ASSERT_NE(port, 0) << capture.joined();
+    zevd::test::RawSender sender(port);
+    ASSERT_TRUE(sender.send(answer));
+    EXPECT_EQ(result.get(), 1);
+    EXPECT_EQ(status, 5);
     EXPECT_EQ(handle, kUntouched);
+    EXPECT_TRUE(capture.contains("Error: dropped a datagram of 24 bytes from 127.0.0.1 port " +
+                                 std::to_string(sender.port()) + ": only the DCH may answer\n"))
+        << capture.joined();
+    EXPECT_TRUE(capture.hasText("Error: ipcRead with wait[1 second] failed\n")) << capture.joined();
 }
 
 TEST_F(ClientWriteFailTest, RegisterStillWaitsAfterAFailedWrite) {

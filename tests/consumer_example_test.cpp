@@ -122,15 +122,14 @@ TEST(ConsumerExampleTest, PrintsStatusLinesAndRowsAndEndsCleanlyOnSigint) {
     ASSERT_NE(dataPort, 0);
     ASSERT_NE(statusPort, 0);
 
-    zevd::test::RawSender(statusPort)
-        .send(DchMessage()
-                  .string(DCH_applName, "demo")
-                  .string(DCH_attrGroup, "disk")
-                  .string(DCH_sourceName, "host1")
-                  .string(DCH_hostAddr, "127.0.0.1")
-                  .string(DCH_hostInfo, "40000")
-                  .int16(DCH_requestType, ZEVD_REQ_DP_ONLINE)
-                  .bytes());
+    dch.sendFromPort(statusPort, DchMessage()
+                                     .string(DCH_applName, "demo")
+                                     .string(DCH_attrGroup, "disk")
+                                     .string(DCH_sourceName, "host1")
+                                     .string(DCH_hostAddr, "127.0.0.1")
+                                     .string(DCH_hostInfo, "40000")
+                                     .int16(DCH_requestType, ZEVD_REQ_DP_ONLINE)
+                                     .bytes());
     EXPECT_TRUE(output.waitFor("status demo,disk,host1,127.0.0.1,40000,4117\n", kLimit))
         << output.text();
 
@@ -138,20 +137,20 @@ TEST(ConsumerExampleTest, PrintsStatusLinesAndRowsAndEndsCleanlyOnSigint) {
     // two numbers.
     std::vector<char> mount(64, '\0');
     mount[0] = '/';
-    zevd::test::RawSender(dataPort).send(DchMessage()
-                                             .int16(DCH_requestType, ZEVD_REQ_DP_DATA)
-                                             .string(DCH_applName, "demo")
-                                             .string(DCH_attrGroup, "disk")
-                                             .string(DCH_sourceName, "host1")
-                                             .int32(DCH_handle, 1)
-                                             .int16(DCH_dataFlag, 0)
-                                             .string(DCH_attrName, "mount")
-                                             .raw(DCH_attrValue, mount)
-                                             .string(DCH_attrName, "usedPct")
-                                             .raw(DCH_attrValue, zevd::test::be32(42))
-                                             .string(DCH_attrName, "state")
-                                             .raw(DCH_attrValue, zevd::test::be16(0xFFFF))
-                                             .bytes());
+    dch.sendFromPort(dataPort, DchMessage()
+                                   .int16(DCH_requestType, ZEVD_REQ_DP_DATA)
+                                   .string(DCH_applName, "demo")
+                                   .string(DCH_attrGroup, "disk")
+                                   .string(DCH_sourceName, "host1")
+                                   .int32(DCH_handle, 1)
+                                   .int16(DCH_dataFlag, 0)
+                                   .string(DCH_attrName, "mount")
+                                   .raw(DCH_attrValue, mount)
+                                   .string(DCH_attrName, "usedPct")
+                                   .raw(DCH_attrValue, zevd::test::be32(42))
+                                   .string(DCH_attrName, "state")
+                                   .raw(DCH_attrValue, zevd::test::be16(0xFFFF))
+                                   .bytes());
     const std::string row =
         "row\n"
         "  requestType = 4144\n"

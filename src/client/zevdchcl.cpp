@@ -12,6 +12,7 @@
 #include <new>
 #include <string>
 
+#include "common/process_end.h"
 #include "ipc/zevdlpc.h"
 #include "ipc/zevdsock.h"
 #include "zev0.h"
@@ -29,14 +30,9 @@ namespace {
 // once per process.
 int16_t locksInitialized = 0;
 
-// Ends the process after the transport could not be had: both streams are
-// flushed and the trace has a second to reach its file.
-[[noreturn]] void endProcess() {
-    fflush(stderr);
-    fflush(stdout);
-    OSV1_Sleep(1);
-    exit(1);
-}
+// After the transport could not be had, the trace has a second to reach
+// its file before the process ends.
+constexpr int kEndPauseSeconds = 1;
 
 }  // namespace
 
@@ -94,12 +90,16 @@ DCHclient::DCHclient(int interrupt, int useFromSockPool) {
         _ipcReadTimeout = _DCHtimeout;
     } else {
         ZEVD_TRACE(trc, TRACE_ERROR, "Error: Unrecognized IPC type %d, exiting...\n", _ipcType);
-        endProcess();
+        zevd::endProcess(kEndPauseSeconds,
+                         "unknown IPC type %d (ZEVA_DCH_IPCTYPE: 1 for sockets, 2 for LPC)",
+                         _ipcType);
     }
     if (_ipcClient != nullptr && _ipcClient->ipcGetError() > 0) {
         ZEVD_TRACE(trc, TRACE_ERROR,
                    "Error: DCH Client cannot continue. IPC initialization failed, exiting...\n");
-        endProcess();
+        const char *reason = _ipcType == 1 ? static_cast<ipcSock *>(_ipcClient)->sockFailure() : "";
+        zevd::endProcess(kEndPauseSeconds, "the transport to the DCH cannot start: %s",
+                         reason[0] != '\0' ? reason : "its set-up failed");
     }
     ZEVD_TRACE(trc, TRACE_DETAIL, "Allocated DCH Client object @%p, _interruptFD[%d]\n",
                static_cast<void *>(this), _interruptFD);

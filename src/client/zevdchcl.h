@@ -149,8 +149,11 @@ protected:
     // A data wait's read of the message the DCH forwarded, copied into
     // buffer when it fits; sets _error on failure.
     void readData(zevd::TraceFrame &trc, char *buffer, short buflen);
-    // True when sender is this client's interrupt socket, from which
-    // dc_waitOnDataCancel sends.
+    // True when sender is this client's interrupt socket as the cancel's
+    // datagram shows it: the interrupt port, on the address the last
+    // dc_waitOnDataCancel sent to (for a loopback address, any loopback
+    // address: the kernel sends to 127.0.1.1 from 127.0.0.1). False before
+    // any cancel was sent.
     bool isOwnCancel(const struct sockaddr_in &sender) const;
     // The body the three catalogue queries share.
     int catalogueQuery(zevd::TraceFrame &trc, const DCHqueryTexts &texts, char **buffer,
@@ -180,6 +183,10 @@ protected:
     int32_t _ipcReadTimeout = 30;
     DCHerrorFlag _error = 0;
     uint16_t _interruptPort = 0;
+    // The address (network order) dc_waitOnDataCancel last sent its
+    // datagram to, written before the datagram leaves; -1 until then. The
+    // waiting thread reads it when the datagram arrives.
+    std::atomic<int64_t> _cancelSentTo{-1};
 };
 
 namespace zevd {

@@ -2,10 +2,9 @@
 // dc_waitOnDataCancel and dc_waitOnDataDestroy. One client lives from
 // Initialize to Destroy; the caller holds it as an opaque pointer.
 #include <arpa/inet.h>
-#include <sys/select.h>
+#include <poll.h>
 #include <sys/socket.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <mutex>
@@ -122,16 +121,19 @@ void DCHclient::readData(zevd::TraceFrame &trc, char *buffer, short buflen) {
 }
 
 bool DCHclient::isOwnCancel(const struct sockaddr_in &sender) const {
-    // The cancel is sent from the interrupt socket to itself. No other
-    // socket of this host can send from that port, and no other host can
-    // send from a loopback address or, short of forging, from this host's.
-    if (sender.sin_family != AF_INET || ntohs(sender.sin_port) != _interruptPort) return false;
-    if ((ntohl(sender.sin_addr.s_addr) >> 24) == IN_LOOPBACKNET) return true;
-    struct sockaddr_in own;
-    memset(&own, 0, sizeof own);
-    const char *host = ZEV0_LocalHostNameString();
-    return host != nullptr && ZEV0_ConvertNameToAddr(host, _interruptPort, &own) != 0 &&
-           own.sin_addr.s_addr == sender.sin_addr.s_addr;
+    // The cancel is sent from the interrupt socket to itself, at the address
+    // the cancel recorded: no name is resolved here, however many strangers
+    // write to the socket. While the interrupt socket holds its port on
+    // every address, no other socket of this host can send from that port,
+    // and no other host can send from a loopback address or, short of
+    // forging, from this host's.
+    int64_t sentTo = _cancelSentTo.load();
+    if (sentTo < 0 || sender.sin_family != AF_INET || ntohs(sender.sin_port) != _interruptPort)
+        return false;
+    auto to = static_cast<in_addr_t>(sentTo);
+    if (sender.sin_addr.s_addr == to) return true;
+    auto isLoopback = [](in_addr_t address) { return (ntohl(address) >> 24) == IN_LOOPBACKNET; };
+    return isLoopback(to) && isLoopback(sender.sin_addr.s_addr);
 }
 
 int DCHclient::dc_waitOnData(char *buffer, short buflen) {
@@ -163,19 +165,20 @@ int DCHclient::dc_waitOnData(char *buffer, short buflen) {
     // Bounded only by what arrives: each pass receives at least one
     // stranger's datagram, or ends the wait.
     for (;;) {
-        fd_set readMask;
-        FD_ZERO(&readMask);
+        // Any descriptor number will do: poll, not select.
+        struct pollfd watched[2] = {{dataFD, POLLIN, 0}, {_interruptFD, POLLIN, 0}};
         int count = -1;
         int selectErrno = EBADF;
-        // A descriptor that select cannot watch fails like a failed select.
-        if (dataFD >= 0 && dataFD < FD_SETSIZE && _interruptFD >= 0 && _interruptFD < FD_SETSIZE) {
-            FD_SET(dataFD, &readMask);
-            FD_SET(_interruptFD, &readMask);
+        // A missing socket fails like a failed wait, and so does a closed one.
+        if (dataFD >= 0 && _interruptFD >= 0) {
             // Kept: no time limit. Only data, a cancel, a signal or a
             // failure ends the wait.
-            count =
-                select(std::max(dataFD, _interruptFD) + 1, &readMask, nullptr, nullptr, nullptr);
+            count = poll(watched, 2, -1);
             selectErrno = errno;
+            if (count > 0 && ((watched[0].revents | watched[1].revents) & POLLNVAL) != 0) {
+                count = -1;
+                selectErrno = EBADF;
+            }
         }
         if (count < 0) {
             if (selectErrno == EINTR) {
@@ -192,8 +195,9 @@ int DCHclient::dc_waitOnData(char *buffer, short buflen) {
             _error = 1;
             return trc.exit(static_cast<int>(_error));
         }
-        bool dataReady = count > 0 && FD_ISSET(dataFD, &readMask);
-        bool cancelReady = count > 0 && FD_ISSET(_interruptFD, &readMask);
+        // An error or a hang-up counts as ready, as it did for select.
+        bool dataReady = count > 0 && watched[0].revents != 0;
+        bool cancelReady = count > 0 && watched[1].revents != 0;
         // Only the DCH may answer: strangers' datagrams are dropped first,
         // and a wait woken by nothing else goes on waiting.
         if (dataReady && !sock->dchDatagramWaiting()) {
@@ -219,7 +223,7 @@ int DCHclient::dc_waitOnData(char *buffer, short buflen) {
                 recvfrom(_interruptFD, &first, sizeof first, MSG_PEEK | MSG_DONTWAIT | MSG_TRUNC,
                          reinterpret_cast<struct sockaddr *>(&sender), &senderLength);
             // Ready, yet nothing to take (a datagram the kernel dropped
-            // after select): back to the wait, not into a blocking receive.
+            // after poll): back to the wait, not into a blocking receive.
             if (got < 0) continue;
             if (!isOwnCancel(sender)) {
                 recv(_interruptFD, &first, sizeof first, MSG_DONTWAIT);
@@ -274,6 +278,9 @@ int DCHclient::dc_waitOnDataCancel() {
             request.clear();
             request.addString(DCH_sourceName, kTerminate);
             uint32_t length = request.length();
+            // Recorded first: the waiting thread checks the datagram's
+            // sender against it as soon as it arrives.
+            _cancelSentTo.store(static_cast<int64_t>(address.sin_addr.s_addr));
             ssize_t sent =
                 sendto(_interruptFD, _message, length, MSG_NOSIGNAL,
                        reinterpret_cast<const struct sockaddr *>(&address), sizeof address);

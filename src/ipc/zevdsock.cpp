@@ -300,8 +300,11 @@ void ipcSock::findDCHhost(uint16_t port) {
         _envDCHplace.store(kDCHlocal);
 }
 
-bool ipcSock::senderIsDCH(const struct sockaddr_in &sender) {
+bool ipcSock::senderIsDCH(const struct sockaddr_in &sender) const {
     if (sender.sin_family != AF_INET || _envDCHresolved.load() == 0) return false;
+    // The DCH sends from its port's own socket; another socket of its host
+    // is not the DCH, whoever owns it.
+    if (sender.sin_port != _sockDCHport) return false;
     in_addr_t from = sender.sin_addr.s_addr;
     if (from == _envDCHaddress.sin_addr.s_addr) return true;
     // A DCH on this host that listens on every address answers from the

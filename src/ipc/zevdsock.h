@@ -75,8 +75,8 @@ public:
     // length word is 0, smaller than what came, or more than 32 datagrams
     // can carry, is such a failure. Nothing received is read or written
     // outside the bytes that arrived. On an object that talks to the DCH,
-    // a datagram from any other host (senderIsDCH) is dropped with an
-    // error line and the wait goes on with what is left of it.
+    // a datagram from anywhere but the DCH's port (senderIsDCH) is dropped
+    // with an error line and the wait goes on with what is left of it.
     int32_t ipcRead(char **buffer, int32_t wait) override;
     // connectedSockFD 0: sends over UDP to the peer address, in datagrams of
     // at most 8192 bytes with a one-second pause between them. Otherwise
@@ -151,14 +151,18 @@ public:
     int32_t allocateDCHport();
 
     int32_t sockUDP() const { return _sockUDP; }
+    // Why the client set-up failed, in words for a person ("the DCH address
+    // X does not resolve ..."); empty while it has not failed.
+    const char *sockFailure() const { return _sockFailure; }
     // The errno of the select that ended the server loop, 0 while it runs.
     int32_t sockEndErrno() const { return _sockEndErrno.load(); }
-    // Only the DCH may answer: true when sender is the DCH's host as this
-    // process sees it. That is the DCH's address and, for a DCH on this
-    // host, also the address this host sends to it from and 127.0.0.1.
-    // Any other sender is a stranger, whatever its port (the DCH may send
-    // from sockets other than its port).
-    static bool senderIsDCH(const struct sockaddr_in &sender);
+    // Only the DCH may answer: true when sender is the DCH's port on the
+    // DCH's host as this process sees it. The host is the DCH's address
+    // and, for a DCH on this host, also the address this host sends to it
+    // from and 127.0.0.1; the port is the one this object's requests go to,
+    // from which the DCH sends everything (answers, rows, status reports).
+    // Any other sender is a stranger, another port of the DCH's host too.
+    bool senderIsDCH(const struct sockaddr_in &sender) const;
     // For a wait that watches _sockUDP itself: receives and drops, without
     // blocking, every datagram at the head of the socket that a stranger
     // sent (each traced), and tells whether one from the DCH is waiting.
@@ -250,8 +254,12 @@ protected:
     // answer may still arrive, so the socket is not lent again as it is.
     bool _sockReadIncomplete = false;
     // True for an object that talks to the DCH: its reads take datagrams
-    // from the DCH's host only.
+    // from the DCH's port only, _sockDCHport (network order) on the DCH's
+    // host.
     bool _sockReadsFromDCH = false;
+    in_port_t _sockDCHport = 0;
+    // Set by IPCClient when it fails: see sockFailure.
+    char _sockFailure[IPC_DCH_NAME_SIZE + 128] = {};
     // Held around every send on a client connection (ipcWrite) and around
     // the server loop's closing of one, so that a worker's answer is never
     // sent on a descriptor while the loop closes it.

@@ -11,22 +11,12 @@
 #include <cstring>
 #include <new>
 
+#include "common/process_end.h"
 #include "common/trace.h"
 
 ZEVD_TRACE_UNIT(unitZevdsock);
 
 namespace zevd {
-
-namespace {
-
-// The resource exits of the DCH side: both standard streams flushed, status 1.
-[[noreturn]] void exitProcess() {
-    fflush(stderr);
-    fflush(stdout);
-    exit(1);
-}
-
-}  // namespace
 
 TcpAssembly::~TcpAssembly() {
     delete[] completeBuffer_;
@@ -91,7 +81,7 @@ void TcpAssembly::keep(const char *buffer, int32_t bytesRead) {
                        "Error: allocating %d bytes for ipcBuffer, current ipcBufCount: %d.  "
                        "Exiting...\n\n",
                        kPieceSize, ipcBufCount_);
-            exitProcess();
+            endProcess(0, "no memory for %d more bytes of a TCP message", kPieceSize);
         }
         ZEVD_TRACE(trc, TRACE_STORAGE,
                    "Allocated ipcBuffer @%p, storing in ipcBufArray at index: %d\n",
@@ -149,7 +139,7 @@ const char *TcpAssembly::joined() {
     if (completeBuffer_ == nullptr) {
         ZEVD_TRACE(trc, TRACE_ERROR,
                    "Error: allocating %d bytes for completeBuffer.  Exiting...\n\n", totalRead_);
-        exitProcess();
+        endProcess(0, "no memory to join a TCP message of %d bytes", totalRead_);
     }
     ZEVD_TRACE(trc, TRACE_STORAGE, "Allocated <%d> bytes for completeBuffer<@%p>\n", totalRead_,
                static_cast<void *>(completeBuffer_));

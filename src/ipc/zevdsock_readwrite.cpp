@@ -2,13 +2,13 @@
 // UDP datagrams and TCP connections).
 #include <arpa/inet.h>
 #include <linux/sockios.h>
+#include <poll.h>
 #include <sys/ioctl.h>
-#include <sys/select.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <new>
 
@@ -20,8 +20,10 @@ ZEVD_TRACE_UNIT(unitZevdsock);
 
 namespace {
 
-using zevd::fitsSelectSet;
+using zevd::pollOne;
 using zevd::sentDatagramRefused;
+
+using Clock = std::chrono::steady_clock;
 
 // Every datagram after a message's first is waited for this long.
 constexpr int kNextDatagramWait = 10;
@@ -59,17 +61,18 @@ int32_t ipcSock::ipcRead(char **buffer, int32_t wait) {
     ZEVD_TRACE(trc, TRACE_DETAIL, "[@%p] Passed parms: buffer @%p, initial wait=%d\n",
                static_cast<void *>(this), static_cast<void *>(*buffer), wait);
 
-    // Filled once: a retry of the first wait runs with what select has left
-    // of it, which on Linux is nothing, so the retries end at once.
-    struct timeval timeOut = {wait, 0};
-    struct timeval *timeOutRecord = wait >= 1 ? &timeOut : nullptr;
+    // Set once: a retry of the first wait, or a wait after a stranger's
+    // datagram, runs with what is left of it (nothing after a time-out, so
+    // the retries end at once), as a select's time-out record would.
+    bool limited = wait >= 1;
+    Clock::time_point deadline = Clock::now() + std::chrono::seconds(limited ? wait : 0);
     int32_t currentWait = wait;
     // Further waits after a wait that timed out; once used up, a time-out
     // ends the read.
     int32_t retriesLeft = std::max(ipcGetRetryRead(), 0);
     // Until a complete message is handed over, its answer may still come.
     _sockReadIncomplete = true;
-    // After a failed select (a signal, say) the receive must not block.
+    // After a failed wait (a signal, say) the receive must not block.
     int receiveFlags = 0;
 
     // Set when a datagram of the message was kept: only then does the wait
@@ -88,30 +91,24 @@ int32_t ipcSock::ipcRead(char **buffer, int32_t wait) {
         if (pieceKept) {
             pieceKept = false;
             currentWait = kNextDatagramWait;
-            timeOut = {kNextDatagramWait, 0};
-            timeOutRecord = &timeOut;
+            limited = true;
+            deadline = Clock::now() + std::chrono::seconds(kNextDatagramWait);
         }
 
-        fd_set readMask;
-        FD_ZERO(&readMask);
-        int count = -1;
-        int selectErrno = EBADF;
+        // The trace keeps the words of the select this wait once was.
         ZEVD_TRACE(trc, TRACE_DETAIL,
                    "Waiting on SELECT: UDP[%d] Port[%d] MaxFD[%d] WaitTime[%d]\n", _sockUDP,
                    sockPortUDP(), _sockUDP + 1, currentWait);
-        if (fitsSelectSet(_sockUDP)) {
-            FD_SET(_sockUDP, &readMask);
-            count = select(_sockUDP + 1, &readMask, nullptr, nullptr, timeOutRecord);
-            selectErrno = errno;
-        }
+        int count = pollOne(_sockUDP, POLLIN, limited ? &deadline : nullptr);
+        int selectErrno = errno;
         ZEVD_TRACE(trc, TRACE_DETAIL, "[@%p] Select returned - count=%d errno=%d\n",
                    static_cast<void *>(this), count, selectErrno);
         if (count == -1) {
             ZEVD_TRACE(trc, TRACE_ERROR, "Error: [@%p] select - wait=%d count=%d errno=%d\n",
                        static_cast<void *>(this), currentWait, count, selectErrno);
             bytesRead = -1;
-            // A socket that select cannot watch is not received from either.
-            if (!fitsSelectSet(_sockUDP)) break;
+            // A missing socket is not received from either.
+            if (_sockUDP < 0) break;
             // Otherwise the receive is attempted all the same, but without
             // waiting: a signal must not turn a bounded read into an endless
             // one.
@@ -318,14 +315,11 @@ int32_t ipcSock::ipcWrite(const char *buffer, int32_t length, uint32_t connected
             int32_t timeout = _envDCHtimeout.load();
             ZEVD_TRACE(trc, TRACE_DETAIL, "SEND would block - waiting on Select for %d seconds.\n",
                        timeout);
-            fd_set writeMask;
-            FD_ZERO(&writeMask);
             int count = -1;
-            int selectErrno = EBADF;
-            if (fitsSelectSet(_sockTCP)) {
-                FD_SET(_sockTCP, &writeMask);
-                struct timeval timeOut = {timeout, 0};
-                count = select(_sockTCP + 1, nullptr, &writeMask, nullptr, &timeOut);
+            int selectErrno = EINVAL;  // a negative time-out fails, as select failed it
+            if (timeout >= 0) {
+                Clock::time_point deadline = Clock::now() + std::chrono::seconds(timeout);
+                count = pollOne(_sockTCP, POLLOUT, &deadline);
                 selectErrno = errno;
             }
             if (count <= 0) {
@@ -497,7 +491,7 @@ void ipcSock::dropStranger(const struct sockaddr_in &sender, int32_t length) {
 
 bool ipcSock::dchDatagramWaiting() {
     // Bounded: a flood of strangers hands the wait back to its caller's
-    // select rather than holding it here.
+    // poll rather than holding it here.
     for (int i = 0; i < IPC_MAX_DATAGRAMS; ++i) {
         char first = 0;
         struct sockaddr_in sender;

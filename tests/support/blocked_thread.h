@@ -1,5 +1,6 @@
-// Finds out whether a thread of this process is blocked in select, so that
-// a test signals it there and not a moment before.
+// Finds out whether a thread of this process is blocked in a wait for its
+// sockets (poll, or the server loop's select), so that a test signals it
+// there and not a moment before.
 #ifndef ZEVD_TESTS_SUPPORT_BLOCKED_THREAD_H
 #define ZEVD_TESTS_SUPPORT_BLOCKED_THREAD_H
 
@@ -29,16 +30,17 @@ inline pid_t tracedThread(const TraceCapture &capture, const std::string &part) 
     return 0;
 }
 
-// True once thread tid of this process sits in select (or pselect6), false
-// after limit.
-inline bool waitBlockedInSelect(pid_t tid, std::chrono::milliseconds limit) {
+// True once thread tid of this process sits in poll or select (ppoll,
+// pselect6 too), false after limit.
+inline bool waitBlockedInSocketWait(pid_t tid, std::chrono::milliseconds limit) {
     const std::string path = "/proc/self/task/" + std::to_string(tid) + "/syscall";
     return waitFor(
         [&] {
             std::ifstream in(path);
             long number = -1;
             in >> number;
-            return number == SYS_select || number == SYS_pselect6;
+            return number == SYS_poll || number == SYS_ppoll || number == SYS_select ||
+                   number == SYS_pselect6;
         },
         limit);
 }

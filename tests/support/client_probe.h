@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "client/zevdchcl.h"
+#include "support/fake_dch.h"
 #include "support/loopback.h"
 #include "support/sock_pair.h"
 #include "support/sock_probe.h"
@@ -172,8 +173,9 @@ inline uint16_t waitingReadPort(const TraceCapture &capture,
 }
 
 // Runs call on a thread of its own and, once its read waits on a socket,
-// sends answer there as the DCH would. Returns call's result (-100 when the
-// read never started, after call has ended).
+// sends answer there from the fake DCH's port, as the DCH would answer.
+// Returns call's result (-100 when the read never started, after call has
+// ended).
 template <typename Call>
 int answerWhileWaiting(const TraceCapture &capture, const std::vector<char> &answer, Call call) {
     std::future<int> result = std::async(std::launch::async, call);
@@ -182,7 +184,7 @@ int answerWhileWaiting(const TraceCapture &capture, const std::vector<char> &ans
         result.wait();
         return -100;
     }
-    RawSender(port).send(answer);
+    FakeDch::instance().sendFromPort(port, answer);
     return result.get();
 }
 

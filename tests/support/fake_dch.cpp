@@ -2,7 +2,9 @@
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -108,6 +110,25 @@ void FakeDch::noReply() {
 void FakeDch::setResponder(std::function<DchReply(const DchRequest &)> responder) {
     std::lock_guard<std::mutex> guard(lock_);
     responder_ = std::move(responder);
+}
+
+bool FakeDch::sendFromPort(uint16_t port, const std::vector<char> &bytes) const {
+    struct sockaddr_in to;
+    memset(&to, 0, sizeof to);
+    to.sin_family = AF_INET;
+    to.sin_port = htons(port);
+    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    // The server's socket is shared with its receive loop, which only reads
+    // it, and with the worker's answers: each sendto is one datagram whole.
+    size_t at = 0;
+    do {
+        size_t chunk = std::min(bytes.size() - at, static_cast<size_t>(IPC_DATAGRAM_SIZE));
+        ssize_t sent = sendto(server_->sockUDP(), bytes.data() + at, chunk, 0,
+                              reinterpret_cast<const struct sockaddr *>(&to), sizeof to);
+        if (sent != static_cast<ssize_t>(chunk)) return false;
+        at += chunk;
+    } while (at < bytes.size());
+    return true;
 }
 
 std::vector<DchRequest> FakeDch::received() const {

@@ -2,7 +2,8 @@
 // (ipcSock with service 2: the port allocation, the server loop and the
 // receive queue) served by one worker thread that records each request (it
 // counts them all and keeps the most recent) and answers it with scripted
-// bytes, or not at all.
+// bytes, or not at all. Answers leave from the DCH port's own UDP socket,
+// the only sender a client takes datagrams from.
 //
 // The server's receive thread is never joined, so the harness is started
 // once per process and lives until the process ends; register the suites
@@ -79,6 +80,13 @@ public:
     void noReply();
     // Computes the answer of every request the script does not cover.
     void setResponder(std::function<DchReply(const DchRequest &)> responder);
+
+    // Sends bytes to 127.0.0.1:port from the DCH port's own UDP socket, in
+    // datagrams of at most 8192 bytes back to back: what the DCH sends
+    // unasked (a row to a data wait, a status report), or an answer to a
+    // request that never reached it. A client takes datagrams from the
+    // DCH's port only. True when every datagram went whole.
+    bool sendFromPort(uint16_t port, const std::vector<char> &bytes) const;
 
     // How many requests, and how many control texts, the harness keeps: the
     // most recent ones. Older ones are dropped, so that a long run (the

@@ -39,14 +39,17 @@ inline bool sendDatagram(int fd, const struct sockaddr_in &to, const std::vector
     return n == static_cast<ssize_t>(datagram.size());
 }
 
-// A sender on another host as far as the DCH's clients are concerned: a
-// UDP socket on 127.0.0.2, which reaches this host's sockets as any other
-// host on the network would, but is not the DCH's address.
+// A sender that is not the DCH: a UDP socket on a port of its own. By
+// default on 127.0.0.2, another host as far as the DCH's clients are
+// concerned (it reaches this host's sockets as any other host on the
+// network would, but is not the DCH's address); given 127.0.0.1, another
+// socket of the DCH's own host.
 class Stranger {
 public:
-    Stranger() : fd_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+    explicit Stranger(in_addr_t address = htonl(INADDR_LOOPBACK + 1))
+        : fd_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
         struct sockaddr_in self = loopbackAddress(0);
-        self.sin_addr.s_addr = htonl(INADDR_LOOPBACK + 1);
+        self.sin_addr.s_addr = address;
         if (fd_ >= 0 && bind(fd_, reinterpret_cast<struct sockaddr *>(&self), sizeof self) != 0) {
             close(fd_);
             fd_ = -1;

@@ -77,6 +77,8 @@ public:
     RawSender(const RawSender &) = delete;
     RawSender &operator=(const RawSender &) = delete;
     bool send(const std::vector<char> &datagram) const { return sendDatagram(fd_, to_, datagram); }
+    // The port it sends from (host order), once it has sent; 0 before.
+    uint16_t port() const { return boundPort(fd_); }
 
 private:
     int fd_;
