@@ -67,6 +67,11 @@ TEST(DchProcessTest, PortThatIsTakenEndsItWithStatusOneAndItsLines) {
     EXPECT_NE(trace.find("Determine if another copy of zevd is already active on this system.  "
                          "Exiting..."),
               std::string::npos);
+    // Said on standard error too, whatever the trace levels and its file.
+    EXPECT_NE(trace.find("zevdchd: libzevd610: DCH port " + std::to_string(daemon.port()) +
+                         " is in use (another copy of zevd may be active), exiting\n"),
+              std::string::npos)
+        << trace;
     EXPECT_EQ(daemon.output().find("ready"), std::string::npos);
 }
 

@@ -14,6 +14,7 @@
 #include <memory>
 #include <new>
 
+#include "common/process_end.h"
 #include "common/trace.h"
 #include "ipc/zevdsock.h"
 #include "ipc/zevdsock_assembly.h"
@@ -104,14 +105,6 @@ constexpr char kServerReady[] = "IPC-SERVER_READY";
 constexpr char kDisconnect[] = "DP-DISCONNECT";
 constexpr char kResend[] = "RESEND_MESSAGE";
 constexpr int32_t kQueuedAddressLength = sizeof(struct sockaddr_in);
-
-// Flushes both standard streams and ends the process with status 1: the
-// resource exits of the DCH side.
-[[noreturn]] void exitProcess() {
-    fflush(stderr);
-    fflush(stdout);
-    exit(1);
-}
 
 // Each accepted connection's send buffer: the DCH sends an answer or a row
 // to a connection whole at once or not at all, so the buffer must hold the
@@ -205,7 +198,11 @@ int32_t ipcSock::allocateDCHport() {
                            "Errno: %d, TCP Errno: %d.  Exiting...\n",
                            productName, port, udpError, tcpError);
             }
-            exitProcess();
+            if (udpError == EADDRINUSE || tcpError == EADDRINUSE)
+                zevd::endProcess(0, "DCH port %d is in use (another copy of %s may be active)",
+                                 port, productName);
+            zevd::endProcess(0, "could not open DCH port %d (UDP errno %d, TCP errno %d)", port,
+                             udpError, tcpError);
         }
         ZEVD_TRACE(trc, TRACE_DETAIL, "Opened DCH port %d _sockUDP[%d] _sockTCP[%d] for %s\n", port,
                    _sockUDP, _sockTCP, productName);
@@ -297,7 +294,7 @@ int32_t ipcSock::allocateDCHport() {
                        productName);
             ZEVD_TRACE(trc, TRACE_ERROR,
                        "All candidate DCH ports are unavailable.  Exiting...\n\n");
-            exitProcess();
+            zevd::endProcess(0, "all candidate DCH ports are unavailable");
         }
     }
     // At the error level so that it is always written.
