@@ -1,7 +1,6 @@
 #include "zevdchd_server.h"
 
 #include <arpa/inet.h>
-#include <linux/errqueue.h>
 #include <linux/sock_diag.h>
 #include <netinet/in.h>
 #include <signal.h>
@@ -37,8 +36,6 @@ namespace {
 
 // Refusals kept at most; beyond, the oldest knowledge is dropped whole.
 constexpr size_t kMaxRefusals = 4096;
-// Refusals read from the error queue in one go.
-constexpr int kRefusalsPerCollect = 256;
 // Answers collect the refusals no more often than this: they would
 // otherwise take room in the port's receive buffer until the next delivery.
 constexpr auto kCollectEvery = std::chrono::milliseconds(100);
@@ -56,29 +53,9 @@ void SocketTransport::collectRefusals() {
     if (!reporting_) return;
     lastCollected_ = std::chrono::steady_clock::now();
     deliveredSinceCollect_ = false;
-    for (int i = 0; i < kRefusalsPerCollect; ++i) {
-        sockaddr_in offender{};
-        char control[512];
-        char data[1];
-        iovec io{data, sizeof data};
-        msghdr header{};
-        header.msg_name = &offender;
-        header.msg_namelen = sizeof offender;
-        header.msg_iov = &io;
-        header.msg_iovlen = 1;
-        header.msg_control = control;
-        header.msg_controllen = sizeof control;
-        if (recvmsg(sock_->sockUDP(), &header, MSG_ERRQUEUE | MSG_DONTWAIT) < 0) break;
-        bool refusal = false;
-        for (cmsghdr *c = CMSG_FIRSTHDR(&header); c != nullptr; c = CMSG_NXTHDR(&header, c)) {
-            if (c->cmsg_level != IPPROTO_IP || c->cmsg_type != IP_RECVERR) continue;
-            sock_extended_err error{};
-            memcpy(&error, CMSG_DATA(c), sizeof error);
-            refusal = error.ee_origin == SO_EE_ORIGIN_ICMP;
-        }
-        // The name is where the refused datagram went.
-        if (!refusal || header.msg_namelen < sizeof offender || offender.sin_family != AF_INET)
-            continue;
+    offenders_.clear();
+    sock_->takeRefusals(offenders_);
+    for (const sockaddr_in &offender : offenders_) {
         if (refused_.size() >= kMaxRefusals) refused_.clear();
         ++refused_[std::make_pair(offender.sin_addr.s_addr, offender.sin_port)];
     }

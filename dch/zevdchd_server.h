@@ -81,6 +81,7 @@ private:
     // Refused sends by destination (address, port), not yet charged to a
     // subscriber.
     std::map<std::pair<uint32_t, uint16_t>, int> refused_;
+    std::vector<sockaddr_in> offenders_;  // of one collect, kept for its capacity
     std::chrono::steady_clock::time_point lastCollected_{};
 };
 

@@ -410,6 +410,43 @@ TEST(DchPeersTest, ThousandsOfSubscribersTakeNoDescriptorEachAndTcpIsStillServed
     EXPECT_GT(recv(client.fd(), answer, sizeof answer, 0), 4);
 }
 
+// A client that is gone before its answer lands leaves a report of the
+// refused datagram in the port's error queue, which makes select report the
+// port ready until it is read: the loop reads it and goes back to waiting
+// instead of turning round on it, and answers the next client.
+TEST(DchPeersTest, AnswerToAClientThatIsGoneDoesNotKeepTheLoopTurning) {
+    DaemonProcess daemon({"--trace", "error,ipcSock::IPCServer=error+detail"});
+    ASSERT_TRUE(daemon.start()) << daemon.trace();
+    {
+        UdpPeer gone(daemon.port());
+        gone.send(applicationsQuery());
+    }  // closed before the answer can be read: the answer is refused
+    const std::string refused = "Note: UDP - a datagram sent from the port was refused <111>";
+    auto deadline = Clock::now() + 20s;
+    while (daemon.trace().find(refused) == std::string::npos && Clock::now() < deadline)
+        std::this_thread::sleep_for(10ms);
+    ASSERT_NE(daemon.trace().find(refused), std::string::npos) << daemon.trace();
+    // Nothing comes now: a loop that turned on the report would trace a
+    // select for each turn, thousands of them.
+    auto passes = [&daemon] {
+        std::string trace = daemon.trace();
+        size_t n = 0;
+        for (size_t at = trace.find("Waiting on SELECT"); at != std::string::npos;
+             at = trace.find("Waiting on SELECT", at + 1))
+            ++n;
+        return n;
+    };
+    size_t before = passes();
+    std::this_thread::sleep_for(500ms);
+    size_t after = passes();
+    EXPECT_LE(after, before + 2) << after - before << " passes of the loop with nothing to read";
+    Asker asker(daemon.port());
+    std::vector<char> answer;
+    EXPECT_LT(asker.ask(applicationsQuery(), 5s, &answer), 5s);
+    EXPECT_FALSE(answer.empty());
+    EXPECT_EQ(exitCode(daemon.stop(SIGTERM)), 0);
+}
+
 TEST(DchPeersTest, ReceiveLoopThatEndsEndsTheDaemonWithStatusOne) {
     DaemonProcess daemon({}, {"ZEVDCHD_TEST_BREAK_LOOP=1"});
     ASSERT_TRUE(daemon.start()) << daemon.trace();

@@ -11,6 +11,8 @@
 
 #include <atomic>
 #include <cstdint>
+#include <mutex>
+#include <vector>
 
 #include "ipc/zevdipc.h"
 #include "ipc/zevdsock_assembly.h"
@@ -156,6 +158,11 @@ public:
     const char *sockFailure() const { return _sockFailure; }
     // The errno of the select that ended the server loop, 0 while it runs.
     int32_t sockEndErrno() const { return _sockEndErrno.load(); }
+    // Where the datagrams the DCH port sent and that were refused went (the
+    // port's error queue, filled once its owner sets IP_RECVERR): what the
+    // server loop has read of it, then what is left in it, up to a bound.
+    // Added to refused, oldest first.
+    void takeRefusals(std::vector<struct sockaddr_in> &refused);
     // Only the DCH may answer: true when sender is the DCH's port on the
     // DCH's host as this process sees it. The host is the DCH's address
     // and, for a DCH on this host, also the address this host sends to it
@@ -196,6 +203,8 @@ protected:
     // A receive on the UDP port that gave no datagram: a refusal of one
     // the port sent is a note, anything else a level-1 error.
     void sockNoteFailedReceive(int32_t bytesRead, int recvErrno);
+    // Reads the port's error queue into what takeRefusals hands over.
+    void sockKeepRefusals();
     void sockServeListener(ipcServerState &state);
     // sockServeClient reads what the client has ready into its slot's
     // message, never waiting for more.
@@ -241,6 +250,12 @@ protected:
     // atomic accesses.
     int32_t _sockError = 0;
     std::atomic<int32_t> _sockEndErrno{0};
+    // Reads up to limit entries of the UDP port's error queue into refused.
+    // Returns how many entries it read (refusals or not).
+    int readErrorQueue(std::vector<struct sockaddr_in> &refused, int limit);
+    // What the server loop read of the error queue for takeRefusals.
+    std::mutex _refusalLock;
+    std::vector<struct sockaddr_in> _refusals;
     uint16_t _portTCP = 0;
     uint16_t _portUDP = 0;
     int32_t _sockTCP = IPC_NO_SOCKET;

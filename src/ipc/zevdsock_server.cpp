@@ -1,6 +1,7 @@
 // ipcSock: the DCH side: the select masks over the client slots, the DCH
 // port's allocation and the server loop.
 #include <arpa/inet.h>
+#include <linux/errqueue.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -442,7 +443,13 @@ void ipcSock::sockServeUDP(ipcServerState &state) {
     // joins datagrams.
     int count = recvmmsg(_sockUDP, headers, kUdpBatch, MSG_DONTWAIT, nullptr);
     int recvErrno = errno;
-    if (count < 0 && (recvErrno == EAGAIN || recvErrno == EWOULDBLOCK)) return;
+    if (count < 0 && (recvErrno == EAGAIN || recvErrno == EWOULDBLOCK)) {
+        // Ready with no datagram: reports of refused datagrams wait in the
+        // error queue, and select would say so again at once until they are
+        // read. They are kept for the port's owner (takeRefusals).
+        sockKeepRefusals();
+        return;
+    }
     if (count <= 0) {
         ZEVD_TRACE(trc, TRACE_DETAIL, "_sockUDP[%d] SET for reading, clearing workBuffer @%p\n",
                    _sockUDP, static_cast<void *>(state.datagrams[0]));
@@ -467,6 +474,64 @@ void ipcSock::sockServeUDP(ipcServerState &state) {
         ipc_put_data(bytesRead, state.datagrams[i], &state.sockClientAddr, kQueuedAddressLength,
                      state.clientName, 0);
     }
+}
+
+namespace {
+
+// Refusals kept for the port's owner at most; past it the oldest go.
+constexpr size_t kRefusalsKept = 4096;
+// Error-queue entries read in one go.
+constexpr int kRefusalsPerRead = 256;
+
+}  // namespace
+
+void ipcSock::sockKeepRefusals() {
+    std::vector<struct sockaddr_in> read;
+    if (readErrorQueue(read, kRefusalsPerRead) == 0) return;
+    std::lock_guard<std::mutex> guard(_refusalLock);
+    if (_refusals.size() + read.size() > kRefusalsKept) _refusals.clear();
+    _refusals.insert(_refusals.end(), read.begin(), read.end());
+}
+
+void ipcSock::takeRefusals(std::vector<struct sockaddr_in> &refused) {
+    {
+        std::lock_guard<std::mutex> guard(_refusalLock);
+        refused.insert(refused.end(), _refusals.begin(), _refusals.end());
+        _refusals.clear();
+    }
+    readErrorQueue(refused, kRefusalsPerRead);
+}
+
+int ipcSock::readErrorQueue(std::vector<struct sockaddr_in> &refused, int limit) {
+    int read = 0;
+    for (; read < limit; ++read) {
+        struct sockaddr_in offender;
+        memset(&offender, 0, sizeof offender);
+        char control[512];
+        char data[1];
+        struct iovec io = {data, sizeof data};
+        struct msghdr header;
+        memset(&header, 0, sizeof header);
+        header.msg_name = &offender;
+        header.msg_namelen = sizeof offender;
+        header.msg_iov = &io;
+        header.msg_iovlen = 1;
+        header.msg_control = control;
+        header.msg_controllen = sizeof control;
+        if (recvmsg(_sockUDP, &header, MSG_ERRQUEUE | MSG_DONTWAIT) < 0) break;
+        bool refusal = false;
+        for (struct cmsghdr *c = CMSG_FIRSTHDR(&header); c != nullptr;
+             c = CMSG_NXTHDR(&header, c)) {
+            if (c->cmsg_level != IPPROTO_IP || c->cmsg_type != IP_RECVERR) continue;
+            struct sock_extended_err error;
+            memcpy(&error, CMSG_DATA(c), sizeof error);
+            refusal = error.ee_origin == SO_EE_ORIGIN_ICMP;
+        }
+        // The name is where the refused datagram went.
+        if (refusal && header.msg_namelen >= sizeof offender && offender.sin_family == AF_INET)
+            refused.push_back(offender);
+    }
+    return read;
 }
 
 void ipcSock::sockNoteFailedReceive(int32_t bytesRead, int recvErrno) {
