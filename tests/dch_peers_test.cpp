@@ -4,6 +4,7 @@
 // receive loop that ends. Each case starts a daemon of its own and prints
 // the figures it measured ("figure: ...").
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/resource.h>
@@ -408,6 +409,53 @@ TEST(DchPeersTest, ThousandsOfSubscribersTakeNoDescriptorEachAndTcpIsStillServed
     ASSERT_EQ(poll(&t, 1, 5000), 1);
     char answer[4096];
     EXPECT_GT(recv(client.fd(), answer, sizeof answer, 0), 4);
+}
+
+// The loop waits with poll: a daemon whose port and connections have
+// descriptor numbers above select's limit serves them all.
+TEST(DchPeersTest, PortAndConnectionsNumberedAbove1023AreServed) {
+    rlimit limit{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    if (limit.rlim_max != RLIM_INFINITY && limit.rlim_max < 1400)
+        GTEST_SKIP() << "the hard descriptor limit is " << limit.rlim_max;
+    rlimit raised = limit;
+    raised.rlim_cur =
+        limit.rlim_max == RLIM_INFINITY ? 4096 : std::min<rlim_t>(limit.rlim_max, 4096);
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &raised), 0);
+    // Inherited by the daemon (no close-on-exec): its own sockets come after.
+    std::vector<int> held;
+    while (held.size() < 1100) {
+        int fd = open("/dev/null", O_RDONLY);
+        ASSERT_GE(fd, 0);
+        held.push_back(fd);
+    }
+    DaemonProcess daemon({"--trace", "error,ipcSock::allocateDCHport=error+detail"});
+    bool started = daemon.start();
+    for (int fd : held) close(fd);
+    setrlimit(RLIMIT_NOFILE, &limit);
+    ASSERT_TRUE(started) << daemon.trace();
+    std::string trace = daemon.trace();
+    size_t at = trace.find("_sockUDP[", trace.find("Opened DCH port "));
+    ASSERT_NE(at, std::string::npos) << trace;
+    EXPECT_GE(atoi(trace.c_str() + at + 9), 1024) << trace;
+
+    Asker asker(daemon.port());
+    std::vector<char> answer;
+    EXPECT_LT(asker.ask(applicationsQuery(), 5s, &answer), 5s);
+    EXPECT_FALSE(answer.empty());
+
+    int tcp = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in to = loopbackAddress(daemon.port());
+    ASSERT_EQ(connect(tcp, reinterpret_cast<sockaddr *>(&to), sizeof to), 0);
+    std::vector<char> query = applicationsQuery();
+    ASSERT_EQ(send(tcp, query.data(), query.size(), 0), static_cast<ssize_t>(query.size()));
+    pollfd p = {tcp, POLLIN, 0};
+    EXPECT_EQ(poll(&p, 1, 5000), 1) << "no answer over TCP";
+    char got[4096];
+    EXPECT_GE(recv(tcp, got, sizeof got, MSG_DONTWAIT), 4);
+    close(tcp);
+    EXPECT_EQ(daemon.trace().find("select limit"), std::string::npos);
+    EXPECT_EQ(exitCode(daemon.stop(SIGTERM)), 0);
 }
 
 // A client that is gone before its answer lands leaves a report of the

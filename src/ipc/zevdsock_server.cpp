@@ -2,6 +2,7 @@
 // port's allocation and the server loop.
 #include <arpa/inet.h>
 #include <linux/errqueue.h>
+#include <poll.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -339,45 +340,67 @@ int32_t ipcSock::IPCServer() {
         // The levels are looked up again on every pass: the loop runs for
         // the life of the process.
         ::zevd::TraceFrame pass(trc.record(), false);
-        fd_set readMask;
-        int32_t maxFD = sockSetSelectReadMask(&readMask);
+        // poll where the loop was once described with select (the same
+        // trace words and time-outs), so the DCH may hold descriptors of any
+        // number. Watched: the UDP port, the listener, then the client
+        // slots in order up to the last one ever filled (see
+        // sockAcceptIndex).
+        struct pollfd watched[2 + IPC_MAX_TCP_CLIENTS];
+        int32_t slotOf[2 + IPC_MAX_TCP_CLIENTS];
+        nfds_t watching = 0;
+        int32_t maxFD = std::max(_sockTCP, _sockUDP);
+        auto watch = [&](int32_t fd, int32_t slot) {
+            watched[watching] = {fd, POLLIN, 0};
+            slotOf[watching] = slot;
+            return static_cast<int>(watching++);
+        };
+        int udpAt = _sockUDP >= 0 ? watch(_sockUDP, -1) : -1;
+        bool listening = _sockTCP >= 0;
         if (state.listenerParked) {
             if (sockAcceptIndex() == -1) {
-                // A waiting connection would make select return at once on
+                // A waiting connection would make the wait return at once on
                 // every pass and starve the connected clients.
-                if (fitsSelectSet(_sockTCP)) FD_CLR(_sockTCP, &readMask);
+                listening = false;
             } else {
                 state.listenerParked = false;
                 ZEVD_TRACE(pass, TRACE_DETAIL,
                            "Note: a TCP client slot is free again, accepting connections.\n");
             }
         }
-        // select waits no longer than the first deadline of a message being
-        // assembled, or the listener's rest.
+        // The wait lasts no longer than the first deadline of a message
+        // being assembled, or the listener's rest.
         auto now = zevd::TcpAssembly::Clock::now();
         auto until = zevd::TcpAssembly::Clock::time_point::max();
         for (const zevd::TcpAssembly &assembly : state.assemblies)
             if (assembly.begun()) until = std::min(until, assembly.deadline());
         if (state.listenerResting) {
             state.listenerResting = false;
-            if (fitsSelectSet(_sockTCP)) FD_CLR(_sockTCP, &readMask);
+            listening = false;
             until = std::min(until, now + std::chrono::seconds(kAcceptRestSeconds));
         }
-        struct timeval wait = {0, 0};
-        struct timeval *timeOut = nullptr;
+        int tcpAt = listening ? watch(_sockTCP, -1) : -1;
+        for (int32_t slot = 0; slot < IPC_MAX_TCP_CLIENTS - 1; ++slot) {
+            int32_t fd = _sockClientFD[slot];
+            if (fd <= 0) continue;
+            watch(fd, slot);
+            maxFD = std::max(maxFD, fd);
+        }
+        int timeOut = -1;
         if (until != zevd::TcpAssembly::Clock::time_point::max()) {
-            auto left = std::chrono::ceil<std::chrono::microseconds>(until - now).count();
-            if (left < 0) left = 0;
-            wait.tv_sec = static_cast<time_t>(left / 1000000);
-            wait.tv_usec = static_cast<suseconds_t>(left % 1000000);
-            timeOut = &wait;
+            // Rounded up: waking before the deadline would only wait again.
+            auto left = std::chrono::ceil<std::chrono::milliseconds>(until - now).count();
+            timeOut = static_cast<int>(std::clamp<int64_t>(left, 0, INT32_MAX));
         }
 
         ZEVD_TRACE(pass, TRACE_DETAIL, "[@%p] Waiting on SELECT: UDP[%d] TCP[%d] MaxFD[%d]\n",
-                   static_cast<void *>(this), _sockUDP, _sockTCP, maxFD);
-        int count = select(maxFD, &readMask, nullptr, nullptr, timeOut);
+                   static_cast<void *>(this), _sockUDP, _sockTCP, maxFD + 1);
+        int count = poll(watched, watching, timeOut);
         int selectErrno = errno;
-        if (count == 0 && timeOut != nullptr) {
+        // A descriptor closed under the loop fails the wait as select
+        // failed on it, for good.
+        for (nfds_t i = 0; count > 0 && i < watching; ++i)
+            if ((watched[i].revents & POLLNVAL) != 0) count = -1, selectErrno = EBADF;
+        if (count == 0 && timeOut >= 0) {
             // A deadline or the listener's rest, with nothing to read.
             sockCutOffLate(state);
             continue;
@@ -398,17 +421,19 @@ int32_t ipcSock::IPCServer() {
 
         // One kind of event per pass: UDP first, then the listener, then
         // every ready client. Nothing here waits on a peer: a client's read
-        // takes what it has ready and the pass goes on.
-        if (fitsSelectSet(_sockUDP) && FD_ISSET(_sockUDP, &readMask)) {
+        // takes what it has ready and the pass goes on. Ready as select
+        // reads it: data, an error or the peer's end.
+        auto ready = [&watched](int at) {
+            return at >= 0 && (watched[at].revents & (POLLIN | POLLERR | POLLHUP)) != 0;
+        };
+        if (ready(udpAt)) {
             sockServeUDP(state);
-        } else if (fitsSelectSet(_sockTCP) && FD_ISSET(_sockTCP, &readMask)) {
+        } else if (ready(tcpAt)) {
             sockServeListener(state);
         } else {
-            sockResetIndex();
-            int32_t slot = -1;
-            int32_t fd;
-            while ((fd = sockCheckReadMask(&readMask, &slot)) != -1)
-                if (fd > 0) sockServeClient(state, fd, slot);
+            for (nfds_t i = 0; i < watching; ++i)
+                if (slotOf[i] >= 0 && ready(static_cast<int>(i)))
+                    sockServeClient(state, watched[i].fd, slotOf[i]);
         }
         // However busy the port, a message is cut off once its deadline
         // passed.
@@ -579,14 +604,6 @@ void ipcSock::sockServeListener(ipcServerState &state) {
         return;
     }
     _sockClientFD[slot] = fd;
-    if (!fitsSelectSet(fd)) {
-        // select could never watch it: refuse the connection, keep the slot.
-        ZEVD_TRACE(trc, TRACE_ERROR, "Error: accepted descriptor %d is above the select limit %d\n",
-                   fd, FD_SETSIZE);
-        ZEV0_CloseTheSocket(fd);
-        _sockClientFD[slot] = 0;
-        return;
-    }
     // SO_SNDBUFFORCE passes net.core.wmem_max where the process may.
     int sendBuffer = kClientSendBuffer;
     if (setsockopt(fd, SOL_SOCKET, SO_SNDBUFFORCE, &sendBuffer, sizeof sendBuffer) != 0)
