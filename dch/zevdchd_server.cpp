@@ -169,6 +169,7 @@ void Worker::run() {
         char name[IPC_CLIENT_NAME_SIZE] = {};
         int32_t addressLength = 0;
         uint32_t fd = 0;
+        int32_t held = 0;
     };
     Taken taken[kBatch];
     ipcEntry entries[kBatch];
@@ -177,12 +178,16 @@ void Worker::run() {
     while (!stopped) {
         for (int32_t i = 0; i < kBatch; ++i) {
             Taken &t = taken[i];
-            entries[i] = ipcEntry{t.buffer, t.capacity, t.address, &t.addressLength, t.name, &t.fd};
+            entries[i] =
+                ipcEntry{t.buffer, t.capacity, t.address, &t.addressLength, t.name, &t.fd, t.held};
         }
         int32_t count = sock_.ipc_get_batch(entries, kBatch);
         for (int32_t i = 0; i < kBatch; ++i) {
             taken[i].buffer = entries[i].buffer;
             taken[i].capacity = entries[i].bufferLen;
+            // The requests are read, never written: what the queue cleared
+            // stays clear.
+            taken[i].held = entries[i].held;
         }
         if (count <= 0) {
             // Not reached with the loop's entries; bounded so it cannot spin.

@@ -34,7 +34,7 @@ struct Batch {
     ipcEntry entries[kCount] = {};
     Batch() {
         for (int32_t i = 0; i < kCount; ++i)
-            entries[i] = ipcEntry{nullptr, 0, addrs[i], &addrLens[i], names[i], &fds[i]};
+            entries[i] = ipcEntry{nullptr, 0, addrs[i], &addrLens[i], names[i], &fds[i], 0};
     }
     ~Batch() {
         for (ipcEntry &e : entries) delete[] e.buffer;
@@ -62,6 +62,29 @@ TEST(QueueBatchTest, TakesEveryWaitingEntryInOrderWithItsOwnFields) {
     EXPECT_EQ(batch.addrLens[0], 16);
     EXPECT_EQ(batch.entries[0].bufferLen, IPC_BUFFER_STEP);
     EXPECT_EQ(batch.entries[3].buffer, nullptr);  // nothing for it to take
+}
+
+// Each entry's buffer is zero past its message, batch after batch: what a
+// longer message before left there is cleared.
+TEST(QueueBatchTest, BufferIsZeroPastTheMessageAfterALongerOne) {
+    BatchQueue q;
+    put(q, std::string(3000, 'l'));
+    Batch batch;
+    ASSERT_EQ(q.ipc_get_batch(batch.entries, 1), 1);
+    EXPECT_EQ(batch.entries[0].held, 3000);
+    put(q, "short");
+    ASSERT_EQ(q.ipc_get_batch(batch.entries, 1), 1);
+    EXPECT_EQ(batch.entries[0].held, 5);
+    const char *buffer = batch.entries[0].buffer;
+    ASSERT_EQ(batch.entries[0].bufferLen, IPC_BUFFER_STEP);
+    EXPECT_EQ(std::string(buffer, 5), "short");
+    for (int i = 5; i < IPC_BUFFER_STEP; ++i) ASSERT_EQ(buffer[i], '\0') << i;
+    // A buffer said to hold anything is cleared whole.
+    memset(batch.entries[0].buffer, 'x', IPC_BUFFER_STEP);
+    batch.entries[0].held = IPC_BUFFER_STEP;
+    put(q, "again");
+    ASSERT_EQ(q.ipc_get_batch(batch.entries, 1), 1);
+    for (int i = 5; i < IPC_BUFFER_STEP; ++i) ASSERT_EQ(buffer[i], '\0') << i;
 }
 
 TEST(QueueBatchTest, TakesNoMoreThanAskedAndLeavesTheRest) {

@@ -3,6 +3,7 @@
 // (consumer).
 #include "ipc/zevdipc.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <climits>
@@ -156,136 +157,174 @@ void DCHipc::ipc_delete_cb() {
 void DCHipc::ipc_put_data(int32_t length, const void *data, const void *clientAddr,
                           int32_t clientAddrLen, const char *clientName, uint32_t connectedSockFD) {
     ZEVD_TRACE_FUNCTION("DCHipc::ipc_put_data");
+    const ipcMessage message{length, data, clientAddr, clientAddrLen, clientName, connectedSockFD};
+    putMessages(trc, &message, 1);
+    trc.exit();
+}
+
+int32_t DCHipc::ipcQueueRoom() const {
+    if (_ipcCircularBuffer == nullptr) return 0;
+    return kQueueFull - loadIndex(_ipcCircularBuffer->num_full);
+}
+
+void DCHipc::ipc_put_batch(const ipcMessage *messages, int32_t count) {
+    ZEVD_TRACE_FUNCTION("DCHipc::ipc_put_data");
+    if (messages != nullptr && count > 0) putMessages(trc, messages, count);
+    trc.exit();
+}
+
+void DCHipc::putMessages(::zevd::TraceFrame &trc, const ipcMessage *messages, int32_t count) {
     // The consumer writes the same error word, so this side decides on its
     // own copy and stores each change into the word as it goes.
-    int32_t error = 0;
-    ipcSetError(error);
+    ipcSetError(0);
     ipcCircularBuffer *cb = _ipcCircularBuffer;
     if (cb == nullptr) {
         // Kept: the error word stays 0 here.
         ZEVD_TRACE(trc, TRACE_ERROR, "Error: ipcCircularBuffer has not been allocated\n");
-        return trc.exit();
+        return;
     }
-    if (length < 0 || length > kMaxPutLength || (data == nullptr && length > 0)) {
-        ZEVD_TRACE(trc, TRACE_ERROR, "Error: refusing to queue %d bytes from @%p\n", length, data);
-        ipcSetError(1);
-        return trc.exit();
-    }
-    ZEVD_TRACE(trc, TRACE_DETAIL, "start_idx=%d and num_full=%d\n", loadIndex(cb->start_idx),
-               loadIndex(cb->num_full));
-
-    if (ZEVA_GetLock(&cb->lock, this) != 0) {
-        ZEVD_TRACE(trc, TRACE_ERROR, "Error: unable to acquire ipcCircularBuffer lock\n");
-        ipcSetError(1);
-        return trc.exit();
-    }
-
-    while (error == 0 && loadIndex(cb->num_full) == kQueueFull) {
-        ZEVD_TRACE(trc, TRACE_DETAIL, "Waiting for circular buffers to be freed.\n");
-        int rc = pthread_cond_wait(&cb->slotFreed, &cb->lock);
-        if (rc != 0) {
-            ZEVD_TRACE(trc, TRACE_ERROR, "Error: pthread_cond_wait failed. rc=%d errno=%d\n", rc,
-                       errno);
-            error = 1;
-            ipcSetError(error);
+    // One hold of the lock for all of them; the consumer is signalled once
+    // they are in, or before this side waits for room, so that it never
+    // waits for an entry already stored.
+    bool locked = false;
+    bool unsignalled = false;
+    for (int32_t i = 0; i < count; ++i) {
+        const ipcMessage &m = messages[i];
+        if (m.length < 0 || m.length > kMaxPutLength || (m.data == nullptr && m.length > 0)) {
+            ZEVD_TRACE(trc, TRACE_ERROR, "Error: refusing to queue %d bytes from @%p\n", m.length,
+                       m.data);
+            ipcSetError(1);
+            if (count == 1) return;
+            continue;
         }
-    }
-
-    if (error == 0) {
-        int32_t slot = (loadIndex(cb->start_idx) + loadIndex(cb->num_full)) % IPC_QSIZE;
-        ZEVD_TRACE(trc, TRACE_DETAIL, "Saving @%p into data<%d>\n", data, slot);
-        // A kept buffer is zero past the message it holds: only that much
-        // needs clearing for the next.
-        int32_t held = cb->data[slot] != nullptr ? cb->dataLen[slot] : 0;
-        cb->dataLen[slot] = length;
-
-        if (cb->data[slot] == nullptr) {
-            int32_t size = length <= IPC_BUFFER_STEP - 1 ? IPC_BUFFER_STEP : length + 1;
-            cb->dataSize[slot] = size;
-            cb->data[slot] = new (std::nothrow) char[static_cast<size_t>(size)];
-            if (cb->data[slot] == nullptr) {
-                // Kept: the line names 4096 whatever size was asked for.
-                ZEVD_TRACE(trc, TRACE_ERROR, "Error: allocating %d bytes.\n", IPC_BUFFER_STEP);
+        ZEVD_TRACE(trc, TRACE_DETAIL, "start_idx=%d and num_full=%d\n", loadIndex(cb->start_idx),
+                   loadIndex(cb->num_full));
+        if (!locked && ZEVA_GetLock(&cb->lock, this) != 0) {
+            ZEVD_TRACE(trc, TRACE_ERROR, "Error: unable to acquire ipcCircularBuffer lock\n");
+            ipcSetError(1);
+            return;
+        }
+        locked = true;
+        int32_t error = 0;
+        while (error == 0 && loadIndex(cb->num_full) == kQueueFull) {
+            if (unsignalled) {
+                signalFilled(trc);
+                unsignalled = false;
+            }
+            ZEVD_TRACE(trc, TRACE_DETAIL, "Waiting for circular buffers to be freed.\n");
+            int rc = pthread_cond_wait(&cb->slotFreed, &cb->lock);
+            if (rc != 0) {
+                ZEVD_TRACE(trc, TRACE_ERROR, "Error: pthread_cond_wait failed. rc=%d errno=%d\n",
+                           rc, errno);
                 error = 1;
                 ipcSetError(error);
-            } else {
-                ZEVD_TRACE(trc, TRACE_STORAGE, "Allocated ipcCircularBuffer @%p for length %d\n",
-                           static_cast<void *>(cb->data[slot]), size);
-                memset(cb->data[slot], 0, static_cast<size_t>(size));
-                if (length > 0) memcpy(cb->data[slot], data, static_cast<size_t>(length));
-                ZEVD_TRACE(trc, TRACE_DETAIL, "Copied %d bytes into new buffer @%p\n", length,
-                           static_cast<void *>(cb->data[slot]));
-            }
-        } else {
-            int32_t size = cb->dataSize[slot];
-            bool reallocated = size <= length;
-            if (reallocated) {
-                // The first step of 4096 above size that is strictly greater
-                // than length, so a zero byte always follows the message.
-                int32_t steps = (length - size) / IPC_BUFFER_STEP + 1;
-                int32_t newSize = size + steps * IPC_BUFFER_STEP;
-                ZEVD_TRACE(trc, TRACE_DETAIL, "Note: reallocating buffer to %d bytes.\n", newSize);
-                ZEVD_TRACE(trc, TRACE_STORAGE, "Deleting ipcCircularBuffer @%p\n",
-                           static_cast<void *>(cb->data[slot]));
-                freeArray(cb->data[slot]);
-                cb->data[slot] = nullptr;
-                cb->dataSize[slot] = newSize;
-                cb->data[slot] = new (std::nothrow) char[static_cast<size_t>(newSize)];
-                if (cb->data[slot] == nullptr) {
-                    ZEVD_TRACE(trc, TRACE_ERROR, "Error: allocating %d bytes.\n", newSize);
-                    error = 1;
-                    ipcSetError(error);
-                }
-                // Kept: written whether or not the allocation succeeded.
-                ZEVD_TRACE(trc, TRACE_STORAGE, "Allocated ipcCircularBuffer @%p for length %d\n",
-                           static_cast<void *>(cb->data[slot]), newSize);
-            }
-            if (error == 0) {
-                ZEVD_TRACE(trc, TRACE_DETAIL,
-                           "Copying %d bytes into existing buffer @%p of size %d\n", length,
-                           static_cast<void *>(cb->data[slot]), cb->dataSize[slot]);
-                if (length > 0) memcpy(cb->data[slot], data, static_cast<size_t>(length));
-                if (reallocated)
-                    memset(cb->data[slot] + length, 0,
-                           static_cast<size_t>(cb->dataSize[slot] - length));
-                else if (held > length)
-                    memset(cb->data[slot] + length, 0, static_cast<size_t>(held - length));
             }
         }
-
-        if (error == 0) {
-            ipcClientSlot &entry = cb->slot[slot];
-            int32_t addrLen = boundedAddrLen(clientAddrLen);
-            ZEVD_TRACE(trc, TRACE_DETAIL, "%s: clientAddr <%d<%-*.*x>>\n", "Saving clientAddr ",
-                       addrLen, addrLen, addrLen, clientAddr);
-            memset(entry.clientAddr, 0, sizeof entry.clientAddr);
-            if (clientAddr != nullptr && addrLen > 0)
-                memcpy(entry.clientAddr, clientAddr, static_cast<size_t>(addrLen));
-            entry.clientAddrLen = addrLen;
-            if (clientName != nullptr) {
-                memset(entry.clientName, 0, sizeof entry.clientName);
-                strncpy(entry.clientName, clientName, sizeof entry.clientName - 1);
-            } else {
-                // An absent name reads as 255 blanks.
-                memset(entry.clientName, ' ', sizeof entry.clientName);
-                entry.clientName[sizeof entry.clientName - 1] = '\0';
-            }
-            entry.connectedSockFD = connectedSockFD;
-            storeIndex(cb->num_full, loadIndex(cb->num_full) + 1);
-        }
+        if (error == 0) storeMessage(trc, m);
+        // Signalled even when the message was not stored.
+        unsignalled = true;
+        if (error != 0) break;
     }
-
+    if (!locked) return;
     // Kept: the caller sees the release result alone; the failures above
     // and a failed signal below are traced, not returned. The signal comes
     // right after the release, so the woken consumer finds the lock free
     // instead of waking only to wait for it.
     ipcSetError(ZEVA_ReleaseLock(&cb->lock, this));
-    // Signalled even when the message was not stored.
-    int rc = pthread_cond_signal(&cb->slotFilled);
+    if (unsignalled) signalFilled(trc);
+}
+
+void DCHipc::signalFilled(::zevd::TraceFrame &trc) {
+    int rc = pthread_cond_signal(&_ipcCircularBuffer->slotFilled);
     if (rc != 0)
         ZEVD_TRACE(trc, TRACE_ERROR, "Error: pthread_cond_signal failed. rc=%d errno=%d\n", rc,
                    errno);
-    trc.exit();
+}
+
+void DCHipc::storeMessage(::zevd::TraceFrame &trc, const ipcMessage &m) {
+    ipcCircularBuffer *cb = _ipcCircularBuffer;
+    int32_t length = m.length;
+    const void *data = m.data;
+    int32_t error = 0;
+    int32_t slot = (loadIndex(cb->start_idx) + loadIndex(cb->num_full)) % IPC_QSIZE;
+    ZEVD_TRACE(trc, TRACE_DETAIL, "Saving @%p into data<%d>\n", data, slot);
+    // A kept buffer is zero past the message it holds: only that much
+    // needs clearing for the next.
+    int32_t held = cb->data[slot] != nullptr ? cb->dataLen[slot] : 0;
+    cb->dataLen[slot] = length;
+
+    if (cb->data[slot] == nullptr) {
+        int32_t size = length <= IPC_BUFFER_STEP - 1 ? IPC_BUFFER_STEP : length + 1;
+        cb->dataSize[slot] = size;
+        cb->data[slot] = new (std::nothrow) char[static_cast<size_t>(size)];
+        if (cb->data[slot] == nullptr) {
+            // Kept: the line names 4096 whatever size was asked for.
+            ZEVD_TRACE(trc, TRACE_ERROR, "Error: allocating %d bytes.\n", IPC_BUFFER_STEP);
+            error = 1;
+            ipcSetError(error);
+        } else {
+            ZEVD_TRACE(trc, TRACE_STORAGE, "Allocated ipcCircularBuffer @%p for length %d\n",
+                       static_cast<void *>(cb->data[slot]), size);
+            memset(cb->data[slot], 0, static_cast<size_t>(size));
+            if (length > 0) memcpy(cb->data[slot], data, static_cast<size_t>(length));
+            ZEVD_TRACE(trc, TRACE_DETAIL, "Copied %d bytes into new buffer @%p\n", length,
+                       static_cast<void *>(cb->data[slot]));
+        }
+    } else {
+        int32_t size = cb->dataSize[slot];
+        bool reallocated = size <= length;
+        if (reallocated) {
+            // The first step of 4096 above size that is strictly greater
+            // than length, so a zero byte always follows the message.
+            int32_t steps = (length - size) / IPC_BUFFER_STEP + 1;
+            int32_t newSize = size + steps * IPC_BUFFER_STEP;
+            ZEVD_TRACE(trc, TRACE_DETAIL, "Note: reallocating buffer to %d bytes.\n", newSize);
+            ZEVD_TRACE(trc, TRACE_STORAGE, "Deleting ipcCircularBuffer @%p\n",
+                       static_cast<void *>(cb->data[slot]));
+            freeArray(cb->data[slot]);
+            cb->data[slot] = nullptr;
+            cb->dataSize[slot] = newSize;
+            cb->data[slot] = new (std::nothrow) char[static_cast<size_t>(newSize)];
+            if (cb->data[slot] == nullptr) {
+                ZEVD_TRACE(trc, TRACE_ERROR, "Error: allocating %d bytes.\n", newSize);
+                error = 1;
+                ipcSetError(error);
+            }
+            // Kept: written whether or not the allocation succeeded.
+            ZEVD_TRACE(trc, TRACE_STORAGE, "Allocated ipcCircularBuffer @%p for length %d\n",
+                       static_cast<void *>(cb->data[slot]), newSize);
+        }
+        if (error == 0) {
+            ZEVD_TRACE(trc, TRACE_DETAIL, "Copying %d bytes into existing buffer @%p of size %d\n",
+                       length, static_cast<void *>(cb->data[slot]), cb->dataSize[slot]);
+            if (length > 0) memcpy(cb->data[slot], data, static_cast<size_t>(length));
+            if (reallocated)
+                memset(cb->data[slot] + length, 0,
+                       static_cast<size_t>(cb->dataSize[slot] - length));
+            else if (held > length)
+                memset(cb->data[slot] + length, 0, static_cast<size_t>(held - length));
+        }
+    }
+    if (error != 0) return;
+
+    ipcClientSlot &entry = cb->slot[slot];
+    int32_t addrLen = boundedAddrLen(m.clientAddrLen);
+    ZEVD_TRACE(trc, TRACE_DETAIL, "%s: clientAddr <%d<%-*.*x>>\n", "Saving clientAddr ", addrLen,
+               addrLen, addrLen, m.clientAddr);
+    memset(entry.clientAddr, 0, sizeof entry.clientAddr);
+    if (m.clientAddr != nullptr && addrLen > 0)
+        memcpy(entry.clientAddr, m.clientAddr, static_cast<size_t>(addrLen));
+    entry.clientAddrLen = addrLen;
+    if (m.clientName != nullptr) {
+        memset(entry.clientName, 0, sizeof entry.clientName);
+        strncpy(entry.clientName, m.clientName, sizeof entry.clientName - 1);
+    } else {
+        // An absent name reads as 255 blanks.
+        memset(entry.clientName, ' ', sizeof entry.clientName);
+        entry.clientName[sizeof entry.clientName - 1] = '\0';
+    }
+    entry.connectedSockFD = m.connectedSockFD;
+    storeIndex(cb->num_full, loadIndex(cb->num_full) + 1);
 }
 
 void DCHipc::ipc_get_data(char **buffer, int32_t *bufferLen, void *clientAddr,
@@ -303,7 +342,9 @@ void DCHipc::ipc_get_data(char **buffer, int32_t *bufferLen, void *clientAddr,
         ipcSetError(1);
         return trc.exit();
     }
-    ipcEntry entry{*buffer, *bufferLen, clientAddr, clientAddrLen, clientName, connectedSockFD};
+    // The caller's buffer may hold anything: cleared whole.
+    ipcEntry entry{*buffer,    *bufferLen,      clientAddr, clientAddrLen,
+                   clientName, connectedSockFD, *bufferLen};
     takeEntries(trc, &entry, 1);
     *buffer = entry.buffer;
     *bufferLen = entry.bufferLen;
@@ -384,10 +425,12 @@ int32_t DCHipc::takeHead(::zevd::TraceFrame &trc, ipcEntry &out) {
     char *data = cb->data[slot];
     int32_t dataLen = cb->dataLen[slot];
     int32_t dataSize = cb->dataSize[slot];
+    bool grown = false;  // the buffer is made here
     if (data == nullptr) {
         ZEVD_TRACE(trc, TRACE_ERROR, "Error: _ipcCircularBuffer->data<%d> was NULL\n", slot);
         error = 1;
     } else if (out.buffer == nullptr) {
+        grown = true;
         out.bufferLen = dataSize;
         out.buffer = new (std::nothrow) char[static_cast<size_t>(dataSize)];
         if (out.buffer == nullptr) {
@@ -398,6 +441,7 @@ int32_t DCHipc::takeHead(::zevd::TraceFrame &trc, ipcEntry &out) {
                        static_cast<void *>(out.buffer), out.bufferLen);
         }
     } else if (dataSize > out.bufferLen) {
+        grown = true;
         out.bufferLen = dataSize;
         ZEVD_TRACE(trc, TRACE_STORAGE, "Note: deleting and reallocating buffer @%p to %d bytes.\n",
                    static_cast<void *>(out.buffer), out.bufferLen);
@@ -413,15 +457,20 @@ int32_t DCHipc::takeHead(::zevd::TraceFrame &trc, ipcEntry &out) {
         }
     }
     if (error != 0) {
+        if (out.buffer == nullptr) out.held = 0;
         ipcSetError(error);
         return error;
     }
     // *bufferLen reports the buffer's capacity; the message carries its own
     // length.
-    memset(out.buffer, 0, static_cast<size_t>(out.bufferLen));
+    // The buffer ends up zero past the message: what may not be zero
+    // there is cleared (all of a buffer made here, whose bytes are unset).
+    int32_t dirty = grown ? out.bufferLen : std::clamp(out.held, 0, out.bufferLen);
     ZEVD_TRACE(trc, TRACE_DETAIL, "Copying %d bytes from @%p to @%p\n", dataLen,
                static_cast<void *>(data), static_cast<void *>(out.buffer));
     if (dataLen > 0) memcpy(out.buffer, data, static_cast<size_t>(dataLen));
+    if (dirty > dataLen) memset(out.buffer + dataLen, 0, static_cast<size_t>(dirty - dataLen));
+    out.held = dataLen;
 
     const ipcClientSlot &entry = cb->slot[slot];
     int nameLen = static_cast<int>(strnlen(entry.clientName, sizeof entry.clientName));

@@ -45,9 +45,24 @@ struct ipcCircularBuffer {
     char *data[IPC_QSIZE];        // kept and reused once allocated
 };
 
+// One message for ipc_put_batch: what ipc_put_data takes as arguments.
+struct ipcMessage {
+    int32_t length;
+    const void *data;
+    const void *clientAddr;
+    int32_t clientAddrLen;
+    const char *clientName;
+    uint32_t connectedSockFD;
+};
+
 // Where ipc_get_batch puts one entry: what ipc_get_data takes as arguments.
 // buffer (NULL or an array of bufferLen bytes that the caller owns) is grown
 // here like ipc_get_data's; the other pointers may be NULL to skip a field.
+// held: how many bytes at the start of buffer may not be zero; the rest
+// must be. 0 for no buffer; bufferLen for a buffer that may hold anything.
+// The entry sets it to the message's length, so that a caller that does not
+// write into the buffer passes it on to the next batch and only that much is
+// cleared again.
 struct ipcEntry {
     char *buffer;
     int32_t bufferLen;
@@ -55,6 +70,7 @@ struct ipcEntry {
     int32_t *clientAddrLen;
     char *clientName;
     uint32_t *connectedSockFD;
+    int32_t held;
 };
 
 namespace zevd {
@@ -113,6 +129,13 @@ public:
     // otherwise the error word ends as the result of releasing the lock.
     void ipc_put_data(int32_t length, const void *data, const void *clientAddr,
                       int32_t clientAddrLen, const char *clientName, uint32_t connectedSockFD);
+    // Producer side, for a producer that has several messages at once: each
+    // is queued exactly as ipc_put_data would queue it (the same trace
+    // lines, waiting while IPC_QSIZE - 1 entries wait), in order, in one
+    // hold of the lock; the consumer is signalled once they are in, or
+    // before the producer waits for room. A message refused for its length
+    // is skipped.
+    void ipc_put_batch(const ipcMessage *messages, int32_t count);
     // Consumer side: blocks while the queue is empty. *buffer (NULL or an
     // array of *bufferLen bytes that the caller owns) is replaced here by a
     // larger array when needed; *bufferLen reports its capacity, not the
@@ -129,6 +152,10 @@ public:
     // signals the producer once for all of them. Returns the entries taken.
     int32_t ipc_get_batch(ipcEntry *entries, int32_t count);
 
+    // Entries the queue takes now before its producer must wait (read
+    // without the lock: the consumer may free more meanwhile, never less).
+    int32_t ipcQueueRoom() const;
+
     int32_t ipcGetError() const { return _ipcError.load(std::memory_order_relaxed); }
     void ipcSetError(int32_t error) { _ipcError.store(error, std::memory_order_relaxed); }
     int32_t ipcTypeOfService() const { return _typeOfService; }
@@ -142,6 +169,12 @@ protected:
     // Takes the head entry into out, with the queue lock held. Returns 0, or
     // 1 when the entry stays at the head.
     int32_t takeHead(::zevd::TraceFrame &trc, ipcEntry &out);
+    // The producer's side of the lock for ipc_put_data and ipc_put_batch.
+    void putMessages(::zevd::TraceFrame &trc, const ipcMessage *messages, int32_t count);
+    // Stores m in the next free slot, with the queue lock held and room in
+    // the queue.
+    void storeMessage(::zevd::TraceFrame &trc, const ipcMessage &m);
+    void signalFilled(::zevd::TraceFrame &trc);
 
     // Shared by producer and consumer without a lock: last writer wins.
     std::atomic<int32_t> _ipcError;

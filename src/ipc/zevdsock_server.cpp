@@ -95,10 +95,10 @@ constexpr int kSearchPause = 1;
 
 // The server loop's receive size of UDP datagrams.
 constexpr int kServerBufferSize = 4096;
-// Datagrams received in one call while the port has them ready: the loop
-// selects once for all of them, and a busy port still lets the connections
-// in between batches.
-constexpr int kUdpBatch = 16;
+// Datagrams received in one call at most while the port has them ready (the
+// queue's room bounds it further): the loop waits once for all of them, and
+// a busy port still lets the connections in between batches.
+constexpr int kUdpBatch = IPC_QSIZE - 1;
 // While accept fails for want of resources, the listener rests this long.
 constexpr int kAcceptRestSeconds = 1;
 constexpr int kListenBacklog = 5;
@@ -127,6 +127,7 @@ struct ipcSock::ipcServerState {
     // The datagrams of one receive, and their senders.
     char datagrams[kUdpBatch][kServerBufferSize];
     struct sockaddr_in senders[kUdpBatch];
+    char senderNames[kUdpBatch][INET_ADDRSTRLEN];
     // Where the pieces of a TCP message after its first are received.
     char scratch[zevd::TcpAssembly::kPieceSize];
     struct sockaddr_in sockClientAddr;  // the last sender
@@ -466,7 +467,11 @@ void ipcSock::sockServeUDP(ipcServerState &state) {
     // Never waits: select said the port is ready, and a batch takes only
     // what has come. A longer datagram is cut to its buffer: the loop never
     // joins datagrams.
-    int count = recvmmsg(_sockUDP, headers, kUdpBatch, MSG_DONTWAIT, nullptr);
+    // Only as many as the queue takes now, one at least (which then waits
+    // for room): a full queue leaves the datagrams in the port's buffer, as
+    // one receive at a time did.
+    int batch = std::clamp(ipcQueueRoom(), 1, kUdpBatch);
+    int count = recvmmsg(_sockUDP, headers, static_cast<unsigned>(batch), MSG_DONTWAIT, nullptr);
     int recvErrno = errno;
     if (count < 0 && (recvErrno == EAGAIN || recvErrno == EWOULDBLOCK)) {
         // Ready with no datagram: reports of refused datagrams wait in the
@@ -482,6 +487,10 @@ void ipcSock::sockServeUDP(ipcServerState &state) {
         sockNoteFailedReceive(count, recvErrno);
         return;
     }
+    // Queued together: one hold of the queue's lock and one wake of the
+    // consumer for the batch, each datagram still one entry, in order.
+    ipcMessage messages[kUdpBatch];
+    int32_t queued = 0;
     for (int i = 0; i < count; ++i) {
         auto bytesRead = static_cast<int32_t>(headers[i].msg_len);
         ZEVD_TRACE(trc, TRACE_DETAIL, "_sockUDP[%d] SET for reading, clearing workBuffer @%p\n",
@@ -495,10 +504,15 @@ void ipcSock::sockServeUDP(ipcServerState &state) {
         ZEVD_TRACE(trc, TRACE_DETAIL, "%s: clientAddr <%d<%-*.*x>>\n", "sockClientAddr set to",
                    kQueuedAddressLength, kQueuedAddressLength, kQueuedAddressLength,
                    static_cast<void *>(&state.sockClientAddr));
-        dottedAddress(state.sockClientAddr, state.clientName, sizeof state.clientName);
-        ipc_put_data(bytesRead, state.datagrams[i], &state.sockClientAddr, kQueuedAddressLength,
-                     state.clientName, 0);
+        dottedAddress(state.senders[i], state.senderNames[i], sizeof state.senderNames[i]);
+        messages[queued++] = ipcMessage{bytesRead,
+                                        state.datagrams[i],
+                                        &state.senders[i],
+                                        kQueuedAddressLength,
+                                        state.senderNames[i],
+                                        0};
     }
+    if (queued > 0) ipc_put_batch(messages, queued);
 }
 
 namespace {
