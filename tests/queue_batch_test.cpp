@@ -7,6 +7,7 @@
 #include <cstring>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "ipc/zevdipc.h"
 #include "support/server_queue.h"
@@ -130,6 +131,35 @@ TEST(QueueBatchTest, ShortNameStopsTheBatchAndStaysAtTheHead) {
     EXPECT_EQ(capture.count("Error: ipcClientName ptr problem: @"), 1u) << capture.joined();
     EXPECT_EQ(q.ipc_get_batch(batch.entries, Batch::kCount), 0);
     EXPECT_EQ(q.numFull(), 2);
+}
+
+// More messages than the queue holds: the producer signals what it stored
+// before it waits for room, so a consumer asleep on the empty queue takes
+// them; all arrive in order, and one refused for its length is skipped.
+TEST(QueueBatchTest, PutBatchLargerThanTheQueueWakesTheConsumerBeforeItWaits) {
+    BatchQueue q;
+    std::vector<std::string> texts;
+    for (int i = 0; i < 7; ++i) texts.push_back("batch-" + std::to_string(i));
+    const unsigned char addr[16] = {2, 0, 7, 0x7f, 0x7f, 0, 0, 1};
+    std::vector<ipcMessage> messages;
+    for (const std::string &t : texts)
+        messages.push_back({static_cast<int32_t>(t.size()), t.data(), addr, 16, "client-one", 0});
+    messages.insert(messages.begin() + 2, ipcMessage{-1, nullptr, addr, 16, "client-one", 0});
+    TraceCapture capture("zevdipc=error+detail");
+    std::thread producer(
+        [&] { q.ipc_put_batch(messages.data(), static_cast<int32_t>(messages.size())); });
+    std::vector<std::string> got;
+    Batch batch;
+    for (int round = 0; round < 20 && got.size() < texts.size(); ++round) {
+        int32_t n = q.ipc_get_batch(batch.entries, Batch::kCount);
+        for (int32_t i = 0; i < n; ++i) got.push_back(batch.data(i));
+    }
+    producer.join();
+    EXPECT_EQ(got, texts);
+    EXPECT_TRUE(capture.hasText("Error: refusing to queue -1 bytes from @(nil)\n"))
+        << capture.joined();
+    EXPECT_GE(capture.count("Waiting for circular buffers to be freed."), 1u) << capture.joined();
+    EXPECT_EQ(capture.count("Saving @"), texts.size());
 }
 
 TEST(QueueBatchTest, NoEntriesToReceiveIntoIsRefused) {
