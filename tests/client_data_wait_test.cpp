@@ -70,19 +70,22 @@ protected:
     ClientDataWaitTest() : FakeDchClientTest("2") {}
 
     // Initializes a wait and returns it, with the address its register came
-    // from: where the DCH forwards its data. (A withdraw of an earlier case
-    // may still reach the DCH after this case began: the register is told
-    // by its bytes and its new port.)
+    // from: where the DCH forwards its data. The register is the first one
+    // received after the call began (a withdraw of an earlier case that
+    // reaches the DCH late has other bytes); its port may be one an earlier
+    // client had, which the system is free to give again.
     void *start(const char *appl = "appl", const char *group = "group") {
+        size_t mark = dch().received().size();
         void *client = dc_waitOnDataInitialize(appl, group);
         EXPECT_NE(client, nullptr);
         std::vector<char> expected = registerMessage(appl, group, 1);
         EXPECT_TRUE(zevd::test::waitFor(
             [&] {
-                for (const DchRequest &request : dch().received()) {
-                    uint16_t port = ntohs(request.from.sin_port);
-                    if (request.bytes == expected && usedPorts().insert(port).second) {
-                        dataPort_ = port;
+                std::vector<DchRequest> requests = dch().received();
+                for (size_t i = mark; i < requests.size(); ++i) {
+                    if (requests[i].bytes == expected) {
+                        dataPort_ = ntohs(requests[i].from.sin_port);
+                        mark_ = i;
                         return true;
                     }
                 }
@@ -93,11 +96,7 @@ protected:
     }
     // The requests that came from the client's socket, once count came.
     std::vector<DchRequest> fromClient(size_t count = 0) {
-        return dch().receivedFrom(dataPort_, count);
-    }
-    static std::set<uint16_t> &usedPorts() {
-        static std::set<uint16_t> ports;
-        return ports;
+        return dch().receivedFrom(dataPort_, count, std::chrono::milliseconds(10000), mark_);
     }
     // Sends bytes to the waiting client in datagrams of at most 8192 bytes,
     // from the DCH's port.
@@ -106,6 +105,7 @@ protected:
     }
 
     uint16_t dataPort_ = 0;
+    size_t mark_ = 0;  // where the current client's requests begin in received()
 };
 
 TEST_F(ClientDataWaitTest, InitializeRegistersAndDestroyWithdrawsWithoutReadingAnswers) {

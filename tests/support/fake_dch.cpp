@@ -142,12 +142,12 @@ size_t FakeDch::receivedCount() const {
 }
 
 std::vector<DchRequest> FakeDch::receivedFrom(uint16_t port, size_t count,
-                                              std::chrono::milliseconds limit) const {
+                                              std::chrono::milliseconds limit, size_t from) const {
     std::vector<DchRequest> out;
     auto fromPort = [&] {
         out.clear();
-        for (const DchRequest &request : received_)
-            if (ntohs(request.from.sin_port) == port) out.push_back(request);
+        for (size_t i = from; i < received_.size(); ++i)
+            if (ntohs(received_[i].from.sin_port) == port) out.push_back(received_[i]);
         return out.size() >= count;
     };
     std::unique_lock<std::mutex> guard(lock_);

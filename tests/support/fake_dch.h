@@ -100,9 +100,10 @@ public:
     std::vector<DchRequest> received() const;
     // The kept requests that came from the UDP port given, once at least
     // count of them came or limit has passed.
+    // Only the requests from index from of received() on are looked at.
     std::vector<DchRequest> receivedFrom(
         uint16_t port, size_t count = 0,
-        std::chrono::milliseconds limit = std::chrono::milliseconds(10000)) const;
+        std::chrono::milliseconds limit = std::chrono::milliseconds(10000), size_t from = 0) const;
     // How many requests were taken since reset(), the dropped ones included.
     size_t receivedCount() const;
     // Waits until receivedCount() is at least count; false after limit.
