@@ -81,13 +81,13 @@ void SocketTransport::flushAnswers(std::vector<Peer> &unsent) {
 
 void SocketTransport::sendHeld() {
     if (held_.empty()) return;
-    std::vector<ipcSock::Outgoing> outgoing;
-    outgoing.reserve(held_.size());
+    // Kept from flush to flush: a batch of answers allocates nothing.
+    outgoing_.clear();
     for (const Held &h : held_)
-        outgoing.push_back(
+        outgoing_.push_back(
             {heldBytes_.data() + h.offset, static_cast<int32_t>(h.length), h.peer.addr});
     bool sent[kMaxHeld] = {};
-    sock_->ipcSendBatch(outgoing.data(), static_cast<int32_t>(outgoing.size()), sent);
+    sock_->ipcSendBatch(outgoing_.data(), static_cast<int32_t>(outgoing_.size()), sent);
     for (size_t i = 0; i < held_.size(); ++i)
         if (!sent[i]) unsent_.push_back(held_[i].peer);
     held_.clear();

@@ -72,6 +72,7 @@ private:
     bool holding_ = false;
     std::vector<Held> held_;
     std::vector<char> heldBytes_;
+    std::vector<ipcSock::Outgoing> outgoing_;  // of sendHeld, kept for its capacity
     std::vector<Peer> unsent_;
 
     ipcSock *sock_ = nullptr;
