@@ -88,6 +88,9 @@ private:
 
 class Worker {
 public:
+    // The scheduler slice the worker's thread asks for (ns).
+    static constexpr uint64_t kSliceNs = 5'000'000;
+
     Worker(ipcSock &sock, Dch &dch) : sock_(sock), dch_(dch) {}
 
     // Serves the queue until the stop text comes. Prints the ready line when

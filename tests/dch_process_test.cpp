@@ -6,16 +6,20 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "common/message.h"
+#include "common/thread_slice.h"
 #include "support/dch_daemon.h"
 #include "support/dch_server.h"
 #include "support/loopback.h"
 #include "zevd610.h"
+#include "zevdchd_server.h"
 
 namespace zevd::test {
 namespace {
@@ -49,6 +53,26 @@ TEST(DchProcessTest, SigusrOneWritesTheCountersAndItServesOn) {
     kill(daemon.pid(), SIGUSR1);
     EXPECT_TRUE(daemon.waitTrace("counter requests{request=\"unknown\"} 1\n"));
     EXPECT_TRUE(daemon.waitTrace("counter drops{reason=\"malformed\"} 1\n"));
+    EXPECT_EQ(exitCode(daemon.stop(SIGTERM)), 0);
+}
+
+TEST(DchProcessTest, OnlyItsWorkerAsksForALongerSlice) {
+    // A thread of this test's own shows whether the kernel keeps such slices.
+    uint64_t kept = 0;
+    std::thread([&kept] {
+        if (setThreadSlice(0, 3'000'000) == 0) kept = threadSlice(0);
+    }).join();
+    if (kept != 3'000'000) GTEST_SKIP() << "this kernel keeps no slice of a thread's own";
+
+    DaemonProcess daemon;
+    ASSERT_TRUE(daemon.start()) << daemon.trace();
+    std::vector<uint64_t> slices;
+    for (const auto &task :
+         std::filesystem::directory_iterator("/proc/" + std::to_string(daemon.pid()) + "/task"))
+        slices.push_back(threadSlice(static_cast<pid_t>(std::stol(task.path().filename()))));
+    EXPECT_GE(slices.size(), 3u);  // the main thread, the loop and the worker
+    EXPECT_EQ(std::count(slices.begin(), slices.end(), dch::Worker::kSliceNs), 1)
+        << ::testing::PrintToString(slices);
     EXPECT_EQ(exitCode(daemon.stop(SIGTERM)), 0);
 }
 
