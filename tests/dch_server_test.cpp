@@ -22,6 +22,7 @@
 #include <thread>
 #include <vector>
 
+#include "ipc/zevdsock_internal.h"
 #include "support/dch_server.h"
 #include "support/loopback.h"
 #include "support/patterned_message.h"
@@ -115,6 +116,51 @@ TEST(DchServerTest, DatagramsFromSeveralSendersCarryTheirDottedAddresses) {
         EXPECT_EQ(entry.connectedSockFD, 0u);
     }
     EXPECT_EQ(capture.count("UDP: bytesRead="), peers.size());
+}
+
+TEST(DchServerTest, SenderNamesAreTheTextsInetNtopWrites) {
+    // Every octet value in every place, beside the others at 0, 7, 42 and 255.
+    const unsigned others[] = {0, 7, 42, 255};
+    int compared = 0;
+    for (int place = 0; place < 4; ++place) {
+        for (unsigned other : others) {
+            for (unsigned value = 0; value < 256; ++value) {
+                unsigned char octets[4] = {
+                    static_cast<unsigned char>(other), static_cast<unsigned char>(other),
+                    static_cast<unsigned char>(other), static_cast<unsigned char>(other)};
+                octets[place] = static_cast<unsigned char>(value);
+                struct sockaddr_in address = {};
+                memcpy(&address.sin_addr.s_addr, octets, sizeof octets);
+                char expected[INET_ADDRSTRLEN];
+                ASSERT_NE(inet_ntop(AF_INET, &address.sin_addr, expected, sizeof expected),
+                          nullptr);
+                char name[INET_ADDRSTRLEN];
+                memset(name, 'x', sizeof name);
+                zevd::dottedAddress(address, name, sizeof name);
+                ASSERT_STREQ(name, expected);
+                ++compared;
+            }
+        }
+    }
+    EXPECT_EQ(compared, 4 * 4 * 256);
+
+    // A buffer too small for the text gets "0.0.0.0" cut to its size, and
+    // nothing past it is written.
+    struct sockaddr_in wide = {};
+    wide.sin_addr.s_addr = htonl(0xFFFFFFFF);
+    char small[9];
+    memset(small, 'x', sizeof small);
+    zevd::dottedAddress(wide, small, 8);
+    EXPECT_STREQ(small, "0.0.0.0");
+    EXPECT_EQ(small[8], 'x');
+    zevd::dottedAddress(wide, small, 4);
+    EXPECT_STREQ(small, "0.0");
+    wide.sin_addr.s_addr = htonl(0x7F000001);
+    memset(small, 'x', sizeof small);
+    zevd::dottedAddress(wide, small, 9);
+    EXPECT_STREQ(small, "0.0.0.0");  // "127.0.0.1" and its zero need 10
+    zevd::dottedAddress(wide, small, 0);
+    EXPECT_EQ(small[0], '0');  // untouched
 }
 
 TEST(DchServerTest, LongDatagramIsDeliveredAsItsFirst4096Bytes) {

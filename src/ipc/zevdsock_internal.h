@@ -3,6 +3,7 @@
 #ifndef ZEVD_IPC_ZEVDSOCK_INTERNAL_H
 #define ZEVD_IPC_ZEVDSOCK_INTERNAL_H
 
+#include <netinet/in.h>
 #include <poll.h>
 #include <sys/select.h>
 
@@ -13,6 +14,8 @@
 #include <chrono>
 #include <climits>
 #include <cstdint>
+#include <cstdio>
+#include <cstring>
 
 namespace zevd {
 
@@ -20,10 +23,33 @@ namespace zevd {
 inline constexpr int kSockLabelSize = 64;
 
 // True when fd may go into an fd_set: FD_SET outside this range writes past
-// the set. Only the server loop still waits in select; every other wait
+// the set. Only the server's read-mask functions still fill sets; every wait
 // polls, so that a process may hold descriptors above FD_SETSIZE.
 inline bool fitsSelectSet(int fd) {
     return fd >= 0 && fd < FD_SETSIZE;
+}
+
+// The address in dotted-decimal text, as inet_ntop writes it, into name;
+// "0.0.0.0" (cut to size) when size cannot hold it. inet_ntoa would share
+// one buffer between threads, and inet_ntop goes through the printf
+// machinery: the server loop names the sender of every datagram.
+inline void dottedAddress(const struct sockaddr_in &address, char *name, size_t size) {
+    unsigned char octets[4];
+    memcpy(octets, &address.sin_addr.s_addr, sizeof octets);
+    char text[INET_ADDRSTRLEN];
+    size_t length = 0;
+    for (size_t i = 0; i < sizeof octets; ++i) {
+        unsigned value = octets[i];
+        if (i > 0) text[length++] = '.';
+        if (value >= 100) text[length++] = static_cast<char>('0' + value / 100);
+        if (value >= 10) text[length++] = static_cast<char>('0' + value / 10 % 10);
+        text[length++] = static_cast<char>('0' + value % 10);
+    }
+    text[length] = '\0';
+    if (length < size)
+        memcpy(name, text, length + 1);
+    else if (size > 0)
+        snprintf(name, size, "0.0.0.0");
 }
 
 // Waits until fd has one of events, or until deadline (nullptr: no limit),

@@ -26,6 +26,7 @@ ZEVD_TRACE_UNIT(unitZevdsock);
 
 namespace {
 
+using zevd::dottedAddress;
 using zevd::fitsSelectSet;
 using zevd::kSockLabelSize;
 using zevd::loadShared;
@@ -112,13 +113,6 @@ constexpr int32_t kQueuedAddressLength = sizeof(struct sockaddr_in);
 // to a connection whole at once or not at all, so the buffer must hold the
 // largest message it builds many times over.
 constexpr int kClientSendBuffer = 1 << 20;
-
-// The sender's address in dotted-decimal text. inet_ntoa would share one
-// buffer between threads; this writes the same text into the caller's.
-void dottedAddress(const struct sockaddr_in &address, char *name, socklen_t size) {
-    if (inet_ntop(AF_INET, &address.sin_addr, name, size) == nullptr)
-        snprintf(name, size, "0.0.0.0");
-}
 
 }  // namespace
 
