@@ -465,15 +465,26 @@ TEST(DchPeersTest, PortAndConnectionsNumberedAbove1023AreServed) {
 TEST(DchPeersTest, AnswerToAClientThatIsGoneDoesNotKeepTheLoopTurning) {
     DaemonProcess daemon({"--trace", "error,ipcSock::IPCServer=error+detail"});
     ASSERT_TRUE(daemon.start()) << daemon.trace();
-    {
-        UdpPeer gone(daemon.port());
-        gone.send(applicationsQuery());
-    }  // closed before the answer can be read: the answer is refused
-    const std::string refused = "Note: UDP - a datagram sent from the port was refused <111>";
-    auto deadline = Clock::now() + 20s;
-    while (daemon.trace().find(refused) == std::string::npos && Clock::now() < deadline)
-        std::this_thread::sleep_for(10ms);
-    ASSERT_NE(daemon.trace().find(refused), std::string::npos) << daemon.trace();
+    // Seen as the port's error (a failed receive) or in its error queue,
+    // whichever the loop meets first.
+    auto seen = [&daemon] {
+        std::string trace = daemon.trace();
+        return trace.find("Note: UDP - a datagram sent from the port was refused <111>") !=
+                   std::string::npos ||
+               trace.find("Note: UDP - 1 report(s) of refused datagrams read, 1 kept") !=
+                   std::string::npos;
+    };
+    // The kernel's reports of refused datagrams are rate-limited host-wide:
+    // with other suites running, one may never come, so a client goes again.
+    for (int attempt = 0; attempt < 10 && !seen(); ++attempt) {
+        {
+            UdpPeer gone(daemon.port());
+            gone.send(applicationsQuery());
+        }  // closed before the answer can be read: the answer is refused
+        auto deadline = Clock::now() + 2s;
+        while (!seen() && Clock::now() < deadline) std::this_thread::sleep_for(10ms);
+    }
+    ASSERT_TRUE(seen()) << daemon.trace();
     // Nothing comes now: a loop that turned on the report would trace a
     // select for each turn, thousands of them.
     auto passes = [&daemon] {

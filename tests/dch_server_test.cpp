@@ -4,6 +4,7 @@
 #include <arpa/inet.h>
 #include <dirent.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <pthread.h>
 #include <signal.h>
 #include <sys/resource.h>
@@ -24,6 +25,7 @@
 
 #include "ipc/zevdsock_internal.h"
 #include "support/dch_server.h"
+#include "support/free_port.h"
 #include "support/loopback.h"
 #include "support/patterned_message.h"
 #include "support/trace_capture.h"
@@ -32,11 +34,15 @@
 
 namespace {
 
+using zevd::test::bindLoopback;
+using zevd::test::boundPort;
+using zevd::test::loopbackAddress;
 using zevd::test::LoopServer;
 using zevd::test::QueueEntry;
 using zevd::test::TcpPeer;
 using zevd::test::TraceCapture;
 using zevd::test::UdpPeer;
+using zevd::test::waitFor;
 
 constexpr char kLevels[] = "error,ipcSock::IPCServer=all,DCHipc::ipc_put_data=error+detail";
 constexpr auto kLimit = std::chrono::seconds(30);
@@ -161,6 +167,62 @@ TEST(DchServerTest, SenderNamesAreTheTextsInetNtopWrites) {
     EXPECT_STREQ(small, "0.0.0.0");  // "127.0.0.1" and its zero need 10
     zevd::dottedAddress(wide, small, 0);
     EXPECT_EQ(small[0], '0');  // untouched
+}
+
+TEST(DchServerTest, RefusalReportsAreReadWhileDatagramsStillWait) {
+    LoopServer &server = LoopServer::start(1);  // the ready entry, then nothing
+    ASSERT_TRUE(server.waitEntries(1));
+    int port = server.sock().sockUDP();
+    int on = 1;
+    ASSERT_EQ(setsockopt(port, IPPROTO_IP, IP_RECVERR, &on, sizeof on), 0);
+
+    // More datagrams than the queue holds: the loop fills it and waits for
+    // room with one more, and the rest wait in the port.
+    UdpPeer peer(server.port());
+    constexpr int kSent = 12;
+    for (int i = 0; i < kSent; ++i) ASSERT_TRUE(peer.send(message(40, i)));
+    // Datagrams from the port to a port nobody holds: their refusals come
+    // back to the port's error queue.
+    int gone = bindLoopback(SOCK_DGRAM, 0);
+    ASSERT_GE(gone, 0);
+    sockaddr_in goneAddress = loopbackAddress(boundPort(gone));
+    close(gone);
+    // A refusal fails the port's next send (the error it left is reported
+    // there), so sends are tried until kRefused went.
+    constexpr int kRefused = 5;
+    int refusedSends = 0;
+    for (int attempt = 0; attempt < 100 && refusedSends < kRefused; ++attempt) {
+        if (sendto(port, "x", 1, 0, reinterpret_cast<sockaddr *>(&goneAddress),
+                   sizeof goneAddress) == 1)
+            ++refusedSends;
+        else
+            ASSERT_EQ(errno, ECONNREFUSED);
+    }
+    ASSERT_EQ(refusedSends, kRefused);
+    auto erring = [port] {
+        struct pollfd watched = {port, 0, 0};
+        return poll(&watched, 1, 0) == 1 && (watched.revents & POLLERR) != 0;
+    };
+    ASSERT_TRUE(waitFor(erring, std::chrono::seconds(10)));
+
+    // One entry taken: the loop queues the datagram it held and goes round
+    // once more, with datagrams still waiting. The refusals are read then.
+    server.grant(1);
+    EXPECT_TRUE(waitFor([&] { return !erring(); }, std::chrono::seconds(10)));
+    std::vector<struct sockaddr_in> refused;
+    server.sock().takeRefusals(refused);
+    ASSERT_EQ(refused.size(), static_cast<size_t>(kRefused));
+    for (const sockaddr_in &offender : refused) {
+        EXPECT_EQ(offender.sin_port, goneAddress.sin_port);
+        EXPECT_EQ(offender.sin_addr.s_addr, htonl(INADDR_LOOPBACK));
+    }
+
+    // Nothing the peer sent was lost to them.
+    server.grantAll();
+    ASSERT_TRUE(server.waitEntries(1 + kSent));
+    std::vector<QueueEntry> entries = server.entries();
+    ASSERT_EQ(entries.size(), static_cast<size_t>(1 + kSent));
+    for (int i = 0; i < kSent; ++i) EXPECT_TRUE(entries[1 + i].holds(message(40, i))) << i;
 }
 
 TEST(DchServerTest, LongDatagramIsDeliveredAsItsFirst4096Bytes) {

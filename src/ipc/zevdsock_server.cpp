@@ -422,6 +422,10 @@ int32_t ipcSock::IPCServer() {
             return at >= 0 && (watched[at].revents & (POLLIN | POLLERR | POLLHUP)) != 0;
         };
         if (ready(udpAt)) {
+            // Reports of refused datagrams take room in the port's receive
+            // buffer: read as soon as they come, not once the datagrams run
+            // out, or a port kept busy would drop datagrams for them.
+            if ((watched[udpAt].revents & POLLERR) != 0) sockKeepRefusals();
             sockServeUDP(state);
         } else if (ready(tcpAt)) {
             sockServeListener(state);
@@ -519,8 +523,12 @@ constexpr int kRefusalsPerRead = 256;
 }  // namespace
 
 void ipcSock::sockKeepRefusals() {
+    ZEVD_TRACE_LEVEL("ipcSock::IPCServer");
     std::vector<struct sockaddr_in> read;
-    if (readErrorQueue(read, kRefusalsPerRead) == 0) return;
+    int reports = readErrorQueue(read, kRefusalsPerRead);
+    if (reports == 0) return;
+    ZEVD_TRACE(trc, TRACE_DETAIL, "Note: UDP - %d report(s) of refused datagrams read, %d kept\n",
+               reports, static_cast<int>(read.size()));
     std::lock_guard<std::mutex> guard(_refusalLock);
     if (_refusals.size() + read.size() > kRefusalsKept) _refusals.clear();
     _refusals.insert(_refusals.end(), read.begin(), read.end());
