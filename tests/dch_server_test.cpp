@@ -211,7 +211,10 @@ TEST(DchServerTest, RefusalReportsAreReadWhileDatagramsStillWait) {
     EXPECT_TRUE(waitFor([&] { return !erring(); }, std::chrono::seconds(10)));
     std::vector<struct sockaddr_in> refused;
     server.sock().takeRefusals(refused);
-    ASSERT_EQ(refused.size(), static_cast<size_t>(kRefused));
+    // The kernel limits its reports host-wide: other suites may have used
+    // some of what it grants.
+    ASSERT_GE(refused.size(), 1u);
+    EXPECT_LE(refused.size(), static_cast<size_t>(kRefused));
     for (const sockaddr_in &offender : refused) {
         EXPECT_EQ(offender.sin_port, goneAddress.sin_port);
         EXPECT_EQ(offender.sin_addr.s_addr, htonl(INADDR_LOOPBACK));
