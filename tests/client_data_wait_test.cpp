@@ -103,6 +103,14 @@ protected:
     void forward(const std::vector<char> &bytes) {
         ASSERT_TRUE(dch().sendFromPort(dataPort_, bytes));
     }
+    // The port of the wait's interrupt socket, as its allocation line in
+    // capture gives it; 0 when there is none.
+    static uint16_t interruptPort(const TraceCapture &capture) {
+        for (const std::string &text : capture.texts())
+            if (text.rfind("_interruptFD socket[", 0) == 0)
+                return static_cast<uint16_t>(atoi(text.c_str() + text.find("port[") + 5));
+        return 0;
+    }
 
     uint16_t dataPort_ = 0;
     size_t mark_ = 0;  // where the current client's requests begin in received()
@@ -271,12 +279,8 @@ TEST_F(ClientDataWaitTest, CancelFromAnotherThreadEndsTheWaitWithItsDatagram) {
 TEST_F(ClientDataWaitTest, StrangersNeitherEndNorBreakTheWait) {
     TraceCapture capture("zevdchcl=error+storage+detail,zevdsock=error");
     void *client = start();
-    // The interrupt socket's port, as its allocation line gives it.
-    uint16_t interruptPort = 0;
-    for (const std::string &text : capture.texts())
-        if (text.rfind("_interruptFD socket[", 0) == 0)
-            interruptPort = static_cast<uint16_t>(atoi(text.c_str() + text.find("port[") + 5));
-    ASSERT_NE(interruptPort, 0) << capture.joined();
+    uint16_t interruptAt = interruptPort(capture);
+    ASSERT_NE(interruptAt, 0) << capture.joined();
     zevd::test::Stranger stranger;
     ASSERT_TRUE(stranger.ready());
 
@@ -289,7 +293,7 @@ TEST_F(ClientDataWaitTest, StrangersNeitherEndNorBreakTheWait) {
     // on, neither failing nor ending.
     std::vector<char> forged = forwarded(64, 'x');
     ASSERT_TRUE(stranger.sendTo(dataPort_, forged));
-    ASSERT_TRUE(stranger.sendTo(interruptPort, kCancel));
+    ASSERT_TRUE(stranger.sendTo(interruptAt, kCancel));
     const std::string from = " bytes from 127.0.0.2 port " + std::to_string(stranger.port());
     ASSERT_TRUE(capture.waitFor("64" + from + ": only the DCH may answer", kLimit))
         << capture.joined();
@@ -317,11 +321,8 @@ TEST_F(ClientDataWaitTest, StrangersNeitherEndNorBreakTheWait) {
 TEST_F(ClientDataWaitTest, CancelFromAnotherSocketLeavesTheWaitToTheClientsOwn) {
     TraceCapture capture("zevdchcl=error+storage+detail");
     void *client = start();
-    uint16_t interruptPort = 0;
-    for (const std::string &text : capture.texts())
-        if (text.rfind("_interruptFD socket[", 0) == 0)
-            interruptPort = static_cast<uint16_t>(atoi(text.c_str() + text.find("port[") + 5));
-    ASSERT_NE(interruptPort, 0) << capture.joined();
+    uint16_t interruptAt = interruptPort(capture);
+    ASSERT_NE(interruptAt, 0) << capture.joined();
     // A cancel of the client's own first, so that the wait knows where its
     // cancels come from.
     std::vector<char> buffer(4096, '#');
@@ -335,7 +336,7 @@ TEST_F(ClientDataWaitTest, CancelFromAnotherSocketLeavesTheWaitToTheClientsOwn) 
     memset(&to, 0, sizeof to);
     const char *host = ZEV0_LocalHostNameString();
     ASSERT_NE(host, nullptr);
-    ASSERT_NE(ZEV0_ConvertNameToAddr(host, interruptPort, &to), 0);
+    ASSERT_NE(ZEV0_ConvertNameToAddr(host, interruptAt, &to), 0);
     int other = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     ASSERT_GE(other, 0);
 
