@@ -170,6 +170,7 @@ TEST(DchServerTest, SenderNamesAreTheTextsInetNtopWrites) {
 }
 
 TEST(DchServerTest, RefusalReportsAreReadWhileDatagramsStillWait) {
+    TraceCapture capture(kLevels);
     LoopServer &server = LoopServer::start(1);  // the ready entry, then nothing
     ASSERT_TRUE(server.waitEntries(1));
     int port = server.sock().sockUDP();
@@ -181,6 +182,9 @@ TEST(DchServerTest, RefusalReportsAreReadWhileDatagramsStillWait) {
     UdpPeer peer(server.port());
     constexpr int kSent = 12;
     for (int i = 0; i < kSent; ++i) ASSERT_TRUE(peer.send(message(40, i)));
+    ASSERT_TRUE(
+        capture.waitFor("Waiting for circular buffers to be freed.\n", std::chrono::seconds(10)))
+        << capture.joined();
     // Datagrams from the port to a port nobody holds: their refusals come
     // back to the port's error queue.
     int gone = bindLoopback(SOCK_DGRAM, 0);
@@ -206,11 +210,17 @@ TEST(DchServerTest, RefusalReportsAreReadWhileDatagramsStillWait) {
     ASSERT_TRUE(waitFor(erring, std::chrono::seconds(10)));
 
     // One entry taken: the loop queues the datagram it held and goes round
-    // once more, with datagrams still waiting. The refusals are read then.
+    // once more, with datagrams still waiting. The refusals, all in the
+    // error queue by now (loopback reports them before the send returns),
+    // are read then, in one go.
     server.grant(1);
     EXPECT_TRUE(waitFor([&] { return !erring(); }, std::chrono::seconds(10)));
     std::vector<struct sockaddr_in> refused;
     server.sock().takeRefusals(refused);
+    const std::string note = "Note: UDP - " + std::to_string(refused.size()) +
+                             " report(s) of refused datagrams read, " +
+                             std::to_string(refused.size()) + " kept\n";
+    EXPECT_TRUE(capture.hasText(note)) << capture.joined();
     // The kernel limits its reports host-wide: other suites may have used
     // some of what it grants.
     ASSERT_GE(refused.size(), 1u);
