@@ -338,6 +338,11 @@ bool MetricsServer::park(MHD_Connection *connection, const Scrape *scrape) {
     return true;
 }
 
+size_t MetricsServer::waiting() {
+    std::lock_guard<std::mutex> lock(parkedMutex_);
+    return parked_.size();
+}
+
 void MetricsServer::resumeReady() {
     std::lock_guard<std::mutex> lock(parkedMutex_);
     MetricsBoard::Clock::time_point now = MetricsBoard::Clock::now();

@@ -156,6 +156,8 @@ public:
         MetricsBoard::Clock::time_point deadline{};
     };
     bool park(MHD_Connection *connection, const Scrape *scrape);
+    // The scrapes set aside now, waiting for their snapshot.
+    size_t waiting();
     MetricsBoard &board() { return board_; }
 
     // For the server's callbacks, on the HTTP thread: a connection was

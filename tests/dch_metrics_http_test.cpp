@@ -828,6 +828,10 @@ TEST(DchMetricsServerTest, ScrapesWaitingForTheWorkerHoldUpNoOtherRequest) {
             if (httpGet(s.port).status == 200) ++ok;
         });
     ASSERT_TRUE(waitFor([&] { return s.asked.load() == 1; }, seconds(10)));
+    // All three wait for the snapshot before it is published: one that came
+    // after it would rightly wait for the next.
+    ASSERT_TRUE(waitFor([&] { return s.server.waiting() == 3; }, seconds(10)));
+    EXPECT_EQ(s.asked.load(), 1);
     // While they wait, the server answers everything else at once.
     for (int i = 0; i < 5; ++i) {
         auto started = std::chrono::steady_clock::now();
