@@ -354,7 +354,7 @@ void Dch::disconnect(uint32_t fd) {
     for (const auto &[id, handle] : handles_)
         if (handle.provider.fd == fd) record += offlineRecord(id);
     // Closed whether or not the record is written: the connection is gone.
-    if (!record.empty()) saveChange(record, nullptr);
+    if (!record.empty()) saveChange([&record] { return record; }, nullptr);
     for (auto it = handles_.begin(); it != handles_.end();) {
         if (it->second.provider.fd == fd) {
             ZEVD_TRACE(trc, TRACE_DETAIL, "handle %d released with its connection\n",

@@ -16,6 +16,7 @@
 #include <cstdint>
 #include <ctime>
 #include <deque>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -346,8 +347,10 @@ private:
     // change is made: false when it could not be written, for request (the
     // caller answers 24 and changes nothing). A change no request waits for
     // (request nullptr) is made whatever happens; when its record is not
-    // written, the next change writes a new snapshot first.
-    bool saveChange(const std::string &record, const Request *request);
+    // written, the next change writes a new snapshot first. makeRecord is
+    // called only when the state is kept: without a state directory a change
+    // costs no record.
+    bool saveChange(const std::function<std::string()> &makeRecord, const Request *request);
     // After a change: a new snapshot when the journal has outgrown the old.
     void savedChange();
     // A new snapshot of everything held, and an empty journal after it.

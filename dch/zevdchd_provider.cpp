@@ -147,7 +147,7 @@ void Dch::onRegister(FieldReader &reader, const Request &request) {
     }
     // A registration again replaces the catalogue; open handles stay.
     application.registeredBy = request.from;
-    if (!saveChange(registerRecord(application), &request)) {
+    if (!saveChange([&application] { return registerRecord(application); }, &request)) {
         answerStatus(request, kNotSaved);
         return trc.exit();
     }
@@ -207,7 +207,7 @@ void Dch::onOnline(FieldReader &reader, const Request &request) {
         handle.id = next;
         next = next == INT32_MAX ? 1 : next + 1;
     }
-    if (!saveChange(onlineRecord(handle, next), &request)) {
+    if (!saveChange([&handle, next] { return onlineRecord(handle, next); }, &request)) {
         answerStatus(request, kNotSaved, &kNoHandle);
         return trc.exit();
     }
@@ -256,7 +256,7 @@ void Dch::onOffline(FieldReader &reader, const Request &request) {
         answerStatus(request, kUnknownHandle);
         return trc.exit();
     }
-    if (!saveChange(offlineRecord(id), &request)) {
+    if (!saveChange([id] { return offlineRecord(id); }, &request)) {
         answerStatus(request, kNotSaved);
         return trc.exit();
     }
@@ -281,7 +281,7 @@ void Dch::onUnregister(FieldReader &reader, const Request &request) {
         answerStatus(request, kUnknownAppl);
         return trc.exit();
     }
-    if (!saveChange(unregisterRecord(appl), &request)) {
+    if (!saveChange([&appl] { return unregisterRecord(appl); }, &request)) {
         answerStatus(request, kNotSaved);
         return trc.exit();
     }

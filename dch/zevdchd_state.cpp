@@ -639,9 +639,10 @@ bool Dch::writeStateSnapshot(std::string *why) {
     return trc.exit(false);
 }
 
-bool Dch::saveChange(const std::string &record, const Request *request) {
+bool Dch::saveChange(const std::function<std::string()> &makeRecord, const Request *request) {
     ZEVD_TRACE_FUNCTION("Dch::saveChange");
     if (!state_) return trc.exit(true);
+    std::string record = makeRecord();
     // Answers held for earlier requests do not wait for this one's flush.
     flushAnswers();
     StateStore &s = *state_;
@@ -698,7 +699,7 @@ void Dch::expireIdle(std::chrono::steady_clock::time_point now) {
         record += offlineRecord(id);
     }
     if (idle.empty()) return trc.exit();
-    saveChange(record, nullptr);
+    saveChange([&record] { return record; }, nullptr);
     for (int32_t id : idle) {
         auto it = handles_.find(id);
         ZEVD_TRACE(trc, TRACE_DETAIL, "handle %d (%s %s %s) idle: taken offline\n", id,
