@@ -91,10 +91,15 @@ int32_t readCatalogue(FieldReader &reader, Application &application, std::string
                 return kFull;
             }
             added = application.addAttribute(name, static_cast<char>(letter), size, help);
+            if (added == Catalogue::kTwice) {
+                why = "attribute " + name;
+                why += " twice in group ";
+                why += group;
+                return kBadCatalogue;
+            }
             if (added != Catalogue::kAdded) {
-                why = added == Catalogue::kTwice ? "attribute " + name + " twice in group " + group
-                                                 : "a catalogue too large";
-                return added == Catalogue::kTwice ? kBadCatalogue : kFull;
+                why = "a catalogue too large";
+                return kFull;
             }
             ++attributes;
         }
