@@ -1,12 +1,15 @@
 // zevdchd as a program: its command line, how it ends, its counters and its
 // state directory. Each case starts daemons of its own.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <filesystem>
 #include <string>
@@ -73,6 +76,44 @@ TEST(DchProcessTest, OnlyItsWorkerAsksForALongerSlice) {
     EXPECT_GE(slices.size(), 3u);  // the main thread, the loop and the worker
     EXPECT_EQ(std::count(slices.begin(), slices.end(), dch::Worker::kSliceNs), 1)
         << ::testing::PrintToString(slices);
+    EXPECT_EQ(exitCode(daemon.stop(SIGTERM)), 0);
+}
+
+// Asking for its slice changes nothing else of the worker's scheduling: a
+// daemon started at a lower priority keeps it on every thread.
+TEST(DchProcessTest, WorkerKeepsTheNiceValueTheDaemonWasStartedWith) {
+    constexpr int kNice = 7;
+    DaemonProcess daemon;
+    bool started = false;
+    // A thread's nice value passes to the processes it starts; lowering it
+    // needs no privilege and is undone with the thread.
+    std::thread([&] {
+        auto self = static_cast<id_t>(syscall(SYS_gettid));
+        if (setpriority(PRIO_PROCESS, self, kNice) == 0) started = daemon.start();
+    }).join();
+    ASSERT_TRUE(started) << daemon.trace();
+    std::vector<int> nices;
+    std::vector<uint64_t> slices;
+    for (const auto &task :
+         std::filesystem::directory_iterator("/proc/" + std::to_string(daemon.pid()) + "/task")) {
+        auto tid = static_cast<pid_t>(std::stol(task.path().filename()));
+        errno = 0;
+        nices.push_back(getpriority(PRIO_PROCESS, static_cast<id_t>(tid)));
+        EXPECT_EQ(errno, 0);
+        slices.push_back(threadSlice(tid));
+    }
+    EXPECT_GE(nices.size(), 3u);  // the main thread, the loop and the worker
+    EXPECT_EQ(std::count(nices.begin(), nices.end(), kNice), static_cast<long>(nices.size()))
+        << ::testing::PrintToString(nices);
+    // Where the kernel keeps slices, the worker has its own all the same.
+    uint64_t kept = 0;
+    std::thread([&kept] {
+        if (setThreadSlice(0, 3'000'000) == 0) kept = threadSlice(0);
+    }).join();
+    if (kept == 3'000'000) {
+        EXPECT_EQ(std::count(slices.begin(), slices.end(), dch::Worker::kSliceNs), 1)
+            << ::testing::PrintToString(slices);
+    }
     EXPECT_EQ(exitCode(daemon.stop(SIGTERM)), 0);
 }
 

@@ -28,12 +28,17 @@ struct SchedAttr {
 };
 static_assert(sizeof(SchedAttr) == 48);
 
-// Asks for a slice of nanoseconds for thread tid (0: the calling one). The
-// policy stays the normal one and no privilege is needed. Returns 0, or the
-// errno of a kernel that refuses; one without such slices ignores it.
+// Asks for a slice of nanoseconds for thread tid (0: the calling one). Only
+// the slice changes: the thread's policy, nice value and flags are read
+// first and given back as they were, so no privilege is needed. A thread
+// that is not a normal one (real-time or deadline) is left alone: EINVAL.
+// Returns 0, or the errno of a kernel that refuses; one without such slices
+// ignores it.
 inline int setThreadSlice(pid_t tid, uint64_t nanoseconds) {
     SchedAttr attr;
-    attr.policy = SCHED_OTHER;
+    if (syscall(SYS_sched_getattr, tid, &attr, sizeof attr, 0) != 0) return errno;
+    if (attr.policy != SCHED_OTHER && attr.policy != SCHED_BATCH) return EINVAL;
+    attr.size = sizeof attr;
     attr.runtime = nanoseconds;
     return syscall(SYS_sched_setattr, tid, &attr, 0) == 0 ? 0 : errno;
 }
