@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -211,16 +212,16 @@ void Worker::run() {
         // between one request and the next.
         if (count > 1) dch_.holdAnswers();
         for (int32_t i = 0; i < count && !stopped; ++i)
-            stopped = !serve(taken[i].buffer, taken[i].capacity, taken[i].address, taken[i].name,
-                             taken[i].fd);
+            stopped = !serve(taken[i].buffer, taken[i].held, taken[i].capacity, taken[i].address,
+                             taken[i].name, taken[i].fd);
         if (count > 1) dch_.flushAnswers();
     }
     for (Taken &t : taken) delete[] t.buffer;
     trc.exit();
 }
 
-bool Worker::serve(const char *buffer, int32_t capacity, const char *address, const char *name,
-                   uint32_t fd) {
+bool Worker::serve(const char *buffer, int32_t length, int32_t capacity, const char *address,
+                   const char *name, uint32_t fd) {
     ZEVD_TRACE_LEVEL("Worker::run");
     if (isControl(buffer, capacity, name, kStopText)) return false;
     if (isControl(buffer, capacity, name, "IPC-SERVER_READY")) {
@@ -263,7 +264,9 @@ bool Worker::serve(const char *buffer, int32_t capacity, const char *address, co
         return true;
     }
     request.data = buffer;
-    request.size = static_cast<size_t>(capacity);
+    // What was received, not the buffer: a message cut short of its length
+    // word is refused, not read on into the zeros behind it.
+    request.size = static_cast<size_t>(std::clamp(length, 0, capacity));
     dch_.handle(request);
     return true;
 }

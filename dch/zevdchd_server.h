@@ -112,9 +112,10 @@ public:
     uint64_t kernelDrops() const;
 
 private:
-    // Serves one entry of the queue. False for the stop text.
-    bool serve(const char *buffer, int32_t capacity, const char *address, const char *name,
-               uint32_t fd);
+    // Serves one entry of the queue: length bytes received, in a buffer of
+    // capacity bytes that is zero past them. False for the stop text.
+    bool serve(const char *buffer, int32_t length, int32_t capacity, const char *address,
+               const char *name, uint32_t fd);
     // Sets the receive buffer on the UDP port fd and traces what the kernel
     // gave.
     void applyReceiveBuffer(int fd) const;

@@ -15,6 +15,7 @@
 #include <deque>
 #include <mutex>
 #include <random>
+#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -23,6 +24,7 @@
 #include "support/dch_daemon.h"
 #include "support/dch_server.h"
 #include "support/loopback.h"
+#include "support/raw_provider.h"
 #include "support/row_collector.h"
 #include "zevd610.h"
 
@@ -493,6 +495,61 @@ TEST(DchDaemonTest, GarbageDatagramsAreDroppedAndTheDaemonServesOn) {
     dp_unregister(&status, "after");
     EXPECT_EQ(status, 0);
     EXPECT_NE(theDaemon().trace().find("dropped"), std::string::npos);
+}
+
+// Waits for the daemon's line that refuses a request cut short, from any
+// port of 127.0.0.1.
+bool waitCutLine(const std::string &request) {
+    const std::regex line("Error: " + request +
+                          " from 127\\.0\\.0\\.1 port [0-9]+ is malformed: its length word "
+                          "exceeds the bytes received");
+    for (int i = 0; i < 2000; ++i) {
+        if (std::regex_search(theDaemon().trace(), line)) return true;
+        std::this_thread::sleep_for(10ms);
+    }
+    return false;
+}
+
+// A datagram that ends short of what its length word announces is not whole:
+// it is refused as malformed, never read on into the zeros of the worker's
+// buffer behind it.
+TEST(DchDaemonTest, DatagramCutShortOfItsLengthWordIsRefusedAndChangesNothing) {
+    ASSERT_EQ(registerText("APPL cut;GROUP g;ATTR n A 4"), 0);
+    long handle = 0;
+    ASSERT_EQ(online(handle, "cut", "g", "s"), 0);
+    ASSERT_GT(handle, 0);
+    RawProvider raw(theDaemon().port());
+    std::vector<char> offline = buildMessage([&](MessageBuilder &b) {
+        b.add16(DCH_requestType, ZEVD_REQ_DP_OFFLINE);
+        b.add32(DCH_handle, static_cast<int32_t>(handle));
+    });
+    offline.pop_back();  // the handle's last byte; the length word still counts it
+    RawAnswer answer = raw.ask(offline);
+    EXPECT_TRUE(answer.answered);
+    EXPECT_EQ(answer.status, ZEVD_DCH_MALFORMED);
+    EXPECT_TRUE(waitCutLine("dp_offline")) << theDaemon().trace();
+
+    // A row cut inside its value is neither answered 0 nor taken.
+    std::vector<char> row = buildMessage([&](MessageBuilder &b) {
+        b.add16(DCH_requestType, ZEVD_REQ_DP_DATA);
+        b.add32(DCH_handle, static_cast<int32_t>(handle));
+        b.add16(DCH_dataFlag, 0);
+        b.addString(DCH_attrName, "n");
+        int32_t value = 7;
+        b.addValue(DCH_attrValue, &value, 4, "A");
+    });
+    row.resize(row.size() - 2);
+    answer = raw.ask(row);
+    EXPECT_TRUE(answer.answered);
+    EXPECT_EQ(answer.status, ZEVD_DCH_MALFORMED);
+    EXPECT_TRUE(waitCutLine("dp_data")) << theDaemon().trace();
+
+    // The handle is still online: the whole request takes it offline.
+    long status = -1;
+    dp_offline(&status, handle);
+    EXPECT_EQ(status, 0);
+    dp_unregister(&status, "cut");
+    EXPECT_EQ(status, 0);
 }
 
 }  // namespace
