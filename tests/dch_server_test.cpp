@@ -3,6 +3,7 @@
 // Each case runs in its own process (the receive thread is never joined).
 #include <arpa/inet.h>
 #include <dirent.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <pthread.h>
@@ -361,6 +362,44 @@ TEST(DchServerTest, ClosedPeerGivesDisconnectAndItsSlotIsReused) {
     int secondSlot = -1;
     EXPECT_GT(acceptedFD(capture, 2, &secondSlot), 0);
     EXPECT_EQ(secondSlot, 0);
+}
+
+// A connection that ends keeps its descriptor until the consumer has taken
+// its "DP-DISCONNECT" and come back for more: one accepted meanwhile gets a
+// number of its own, and what is still sent to the one that ended reaches
+// nobody.
+TEST(DchServerTest, ConnectionAcceptedBeforeAnEndIsTakenNeverGetsTheEndedDescriptor) {
+    TraceCapture capture(kLevels);
+    LoopServer &server = startServer(1);  // the ready entry only, for now
+    auto first = std::make_unique<TcpPeer>(server.port());
+    ASSERT_TRUE(first->connected());
+    ASSERT_TRUE(first->send(message(20, 1)));
+    ASSERT_TRUE(zevd::test::waitFor([&] { return acceptedFD(capture, 1) > 0; }, kLimit));
+    int ended = acceptedFD(capture, 1);
+    first->close();
+    ASSERT_TRUE(capture.waitFor(
+        "_sockClientFD[0]=" + std::to_string(ended) + " closed TCP connection: continue...",
+        kLimit));
+
+    TcpPeer second(server.port());
+    ASSERT_TRUE(second.connected());
+    ASSERT_TRUE(zevd::test::waitFor([&] { return acceptedFD(capture, 2) > 0; }, kLimit));
+    EXPECT_NE(acceptedFD(capture, 2), ended);
+
+    server.grant(2);  // the message, then its connection's end
+    ASSERT_TRUE(server.waitEntries(3, kLimit));
+    EXPECT_EQ(server.entries()[1].connectedSockFD, static_cast<uint32_t>(ended));
+    EXPECT_EQ(server.entries()[2].text(), "DP-DISCONNECT");
+    const char answer[] = "an answer for the first connection";
+    EXPECT_EQ(server.sock().ipcWrite(answer, sizeof answer, static_cast<uint32_t>(ended)), -1);
+    char got[64];
+    EXPECT_EQ(recv(second.fd(), got, sizeof got, MSG_DONTWAIT), -1);
+    EXPECT_EQ(errno, EAGAIN);
+
+    // Back for more: the descriptor goes.
+    EXPECT_NE(fcntl(ended, F_GETFD), -1);
+    server.grantAll();
+    EXPECT_TRUE(zevd::test::waitFor([&] { return fcntl(ended, F_GETFD) == -1; }, kLimit));
 }
 
 TEST(DchServerTest, ResetPeerGivesDisconnect) {

@@ -325,7 +325,10 @@ void DCHipc::storeMessage(::zevd::TraceFrame &trc, const ipcMessage &m) {
     }
     entry.connectedSockFD = m.connectedSockFD;
     storeIndex(cb->num_full, loadIndex(cb->num_full) + 1);
+    _entriesQueued.fetch_add(1, std::memory_order_release);
 }
+
+void DCHipc::ipcEntriesFinished(uint64_t /*done*/) {}
 
 void DCHipc::ipc_get_data(char **buffer, int32_t *bufferLen, void *clientAddr,
                           int32_t *clientAddrLen, char *clientName, uint32_t *connectedSockFD) {
@@ -371,6 +374,8 @@ int32_t DCHipc::ipc_get_batch(ipcEntry *entries, int32_t count) {
 int32_t DCHipc::takeEntries(::zevd::TraceFrame &trc, ipcEntry *entries, int32_t count) {
     int32_t error = 0;  // this side's own copy, as in ipc_put_data
     ipcCircularBuffer *cb = _ipcCircularBuffer;
+    // Back for more: what this side took before is served.
+    ipcEntriesFinished(_entriesTaken.load(std::memory_order_relaxed));
     ZEVD_TRACE(trc, TRACE_DETAIL, "Entry: start_idx=%d and num_full=%d\n", loadIndex(cb->start_idx),
                loadIndex(cb->num_full));
 
@@ -508,6 +513,7 @@ int32_t DCHipc::takeHead(::zevd::TraceFrame &trc, ipcEntry &out) {
     // The slot's data buffer stays for the next message.
     storeIndex(cb->start_idx, (slot + 1) % IPC_QSIZE);
     storeIndex(cb->num_full, loadIndex(cb->num_full) - 1);
+    _entriesTaken.fetch_add(1, std::memory_order_relaxed);
     ZEVD_TRACE(trc, TRACE_DETAIL, "Exit: start_idx=%d and num_full=%d\n", loadIndex(cb->start_idx),
                loadIndex(cb->num_full));
     return 0;

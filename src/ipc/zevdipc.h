@@ -176,8 +176,17 @@ protected:
     void storeMessage(::zevd::TraceFrame &trc, const ipcMessage &m);
     void signalFilled(::zevd::TraceFrame &trc);
 
+    // Called on the consumer's thread each time it comes back for an entry,
+    // before it waits: the entries it took before, done of them since the
+    // queue was made, are finished with.
+    virtual void ipcEntriesFinished(uint64_t done);
+    // Entries stored since the queue was made, and entries taken.
+    uint64_t ipcEntriesQueued() const { return _entriesQueued.load(std::memory_order_acquire); }
+
     // Shared by producer and consumer without a lock: last writer wins.
     std::atomic<int32_t> _ipcError;
+    std::atomic<uint64_t> _entriesQueued{0};
+    std::atomic<uint64_t> _entriesTaken{0};
     int16_t _ipcType;
     int16_t _typeOfService;
     ipcCircularBuffer *_ipcCircularBuffer = nullptr;

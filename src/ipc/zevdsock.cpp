@@ -198,6 +198,8 @@ ipcSock::~ipcSock() {
                    _envPortNo.load());
         ZEV0_CloseTheSocket(_sockUDP);
     }
+    // Connections that ended and were still held for the consumer.
+    for (const sockEnded &ended : _sockEnded) ZEV0_CloseTheSocket(ended.fd);
     ZEVD_TRACE(trc, TRACE_DETAIL, "ipcTypeOfService=%d\n", ipcTypeOfService());
     if (_useFromSockPool != 0 && ipcTypeOfService() == IPC_SERVICE_CLIENT_OBJECT) {
         bool pooled = false;

@@ -209,6 +209,9 @@ protected:
     // sockServeClient reads what the client has ready into its slot's
     // message, never waiting for more.
     void sockServeClient(ipcServerState &state, int32_t fd, int32_t slot);
+    // Closes the ended connections whose "DP-DISCONNECT" the consumer has
+    // finished with.
+    void ipcEntriesFinished(uint64_t done) override;
     // What a client slot's message came to: queued whole, "RESEND_MESSAGE"
     // (and the connection closed when it was cut off), or "DP-DISCONNECT".
     void sockFinishMessage(ipcServerState &state, int32_t fd, int32_t slot,
@@ -279,6 +282,17 @@ protected:
     // the server loop's closing of one, so that a worker's answer is never
     // sent on a descriptor while the loop closes it.
     pthread_mutex_t _sockClientLock = PTHREAD_MUTEX_INITIALIZER;
+    // Connections whose end the loop has queued ("DP-DISCONNECT"): shut
+    // down but still open, so that no connection accepted meanwhile gets the
+    // same descriptor and with it what is still sent to the one that ended.
+    // Each is closed once the consumer comes back for more after taking
+    // entry (counted from the queue's first). Guarded by _sockClientLock.
+    struct sockEnded {
+        int32_t fd;
+        uint64_t entry;
+    };
+    std::vector<sockEnded> _sockEnded;
+    std::atomic<int32_t> _sockEndedCount{0};
 
     // Process-wide state, one copy shared by every object and never freed.
     // The flags are set only under the env-vars-init lock; the values are

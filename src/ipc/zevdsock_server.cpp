@@ -726,9 +726,15 @@ void ipcSock::sockFinishMessage(ipcServerState &state, int32_t fd, int32_t slot,
 }
 
 void ipcSock::sockDisconnect(ipcServerState &state, int32_t fd, int32_t slot) {
-    // Not while a worker sends its answer on this connection.
+    // Not while a worker sends its answer on this connection. The
+    // descriptor is shut down now and closed only once the consumer has
+    // served every entry up to this "DP-DISCONNECT": an answer or a row
+    // still on its way to it then fails instead of reaching a connection
+    // accepted meanwhile under the same number.
     bool locked = ZEVA_GetLock(&_sockClientLock, this) == 0;
-    ZEV0_CloseTheSocket(fd);
+    shutdown(fd, SHUT_RDWR);
+    _sockEnded.push_back({fd, ipcEntriesQueued() + 1});
+    _sockEndedCount.store(static_cast<int32_t>(_sockEnded.size()), std::memory_order_release);
     if (locked) ZEVA_ReleaseLock(&_sockClientLock, this);
     _sockClientFD[slot] = 0;
     state.assemblies[slot].reset();
@@ -736,6 +742,17 @@ void ipcSock::sockDisconnect(ipcServerState &state, int32_t fd, int32_t slot) {
     memcpy(state.workBuffer, kDisconnect, sizeof kDisconnect - 1);
     ipc_put_data(sizeof kDisconnect - 1, state.workBuffer, &state.sockClientAddr,
                  kQueuedAddressLength, nullptr, static_cast<uint32_t>(fd));
+}
+
+void ipcSock::ipcEntriesFinished(uint64_t done) {
+    if (_sockEndedCount.load(std::memory_order_acquire) == 0) return;
+    bool locked = ZEVA_GetLock(&_sockClientLock, this) == 0;
+    auto finished = [done](const sockEnded &ended) { return ended.entry <= done; };
+    for (const sockEnded &ended : _sockEnded)
+        if (finished(ended)) ZEV0_CloseTheSocket(ended.fd);
+    std::erase_if(_sockEnded, finished);
+    _sockEndedCount.store(static_cast<int32_t>(_sockEnded.size()), std::memory_order_release);
+    if (locked) ZEVA_ReleaseLock(&_sockClientLock, this);
 }
 
 int32_t ipcSock::sockAcceptIndex() {
