@@ -1,6 +1,8 @@
 // zevdchd as a program: its command line, how it ends, its counters and its
 // state directory. Each case starts daemons of its own.
 #include <gtest/gtest.h>
+#include <pthread.h>
+#include <sched.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -115,6 +117,28 @@ TEST(DchProcessTest, WorkerKeepsTheNiceValueTheDaemonWasStartedWith) {
             << ::testing::PrintToString(slices);
     }
     EXPECT_EQ(exitCode(daemon.stop(SIGTERM)), 0);
+}
+
+// A real-time thread is not a normal one: asking for a slice leaves its
+// policy and priority as they were.
+TEST(DchProcessTest, SliceIsNotAskedForARealTimeThread) {
+    int refused = -1;
+    int policy = -1;
+    int priority = -1;
+    bool realTime = false;
+    std::thread([&] {
+        struct sched_param param = {};
+        param.sched_priority = 1;
+        realTime = pthread_setschedparam(pthread_self(), SCHED_FIFO, &param) == 0;
+        if (!realTime) return;
+        refused = setThreadSlice(0, 3'000'000);
+        pthread_getschedparam(pthread_self(), &policy, &param);
+        priority = param.sched_priority;
+    }).join();
+    if (!realTime) GTEST_SKIP() << "this process may not make a real-time thread";
+    EXPECT_EQ(refused, EINVAL);
+    EXPECT_EQ(policy, SCHED_FIFO);
+    EXPECT_EQ(priority, 1);
 }
 
 TEST(DchProcessTest, PortThatIsTakenEndsItWithStatusOneAndItsLines) {
