@@ -164,6 +164,10 @@ void Dch::subscribe(std::vector<Subscriber> &list, Subscriber subscriber, int32_
         }
         if (!subscriber.appl.empty()) who += " of " + subscriber.appl + " " + subscriber.group;
         ZEVD_TRACE(trc, TRACE_DETAIL, "%s\n", who.c_str());
+        // A peer with no subscription yet is a socket that has just spoken:
+        // what was refused at its address and port before belonged to an
+        // earlier one, and must not cost it its first rows.
+        forgetPeer(subscriber.peer);
         list.push_back(std::move(subscriber));
     } else if (operation == 0 && found != list.end()) {
         ZEVD_TRACE(trc, TRACE_DETAIL, "%s withdrew\n", who.c_str());

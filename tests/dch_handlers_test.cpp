@@ -412,6 +412,9 @@ TEST(DchConsumerTest, DataSubscriptionRegistersAndWithdraws) {
     EXPECT_TRUE(d.send(dataWaitRequest("app", "grp", 1), kSubscriber).empty());
     EXPECT_TRUE(d.send(dataWaitRequest("app", "grp", 1), kSubscriber).empty());  // once only
     EXPECT_TRUE(d.send(dataWaitRequest("app", "other", 1), kSubscriber).empty());
+    // Forgotten once, when it had no subscription yet.
+    EXPECT_EQ(d.transport.forgotten, std::vector<Peer>{kSubscriber});
+    d.transport.forgotten.clear();
     ASSERT_EQ(d.dch.dataSubscribers().size(), 2u);
     EXPECT_EQ(d.dch.dataSubscribers()[0].peer, kSubscriber);
     EXPECT_EQ(d.dch.dataSubscribers()[0].appl, "app");
@@ -438,6 +441,9 @@ TEST(DchConsumerTest, StatusSubscriptionRegistersAndWithdraws) {
     d.subscribeStatus(kSubscriber);
     d.subscribeStatus(kSubscriber2);
     d.subscribeData(kSubscriber2, "app", "grp");
+    // Each forgotten once, when it had no subscription yet.
+    EXPECT_EQ(d.transport.forgotten, (std::vector<Peer>{kSubscriber, kSubscriber2}));
+    d.transport.forgotten.clear();
     ASSERT_EQ(d.dch.statusSubscribers().size(), 2u);
     EXPECT_EQ(d.dch.statusSubscribers()[0].peer, kSubscriber);
     EXPECT_EQ(d.dch.counters().statusSubscribers.load(), 2u);
@@ -999,6 +1005,7 @@ TEST(DchDeliveryTest, StatusSubscriberIsDroppedAfterThreeFailuresInARow) {
         d.registerApp("app");
         d.subscribeStatus(kSubscriber);
         d.subscribeStatus(kSubscriber2);
+        d.transport.forgotten.clear();  // each subscription forgot its peer first
         TraceCapture capture("error");
         for (char send : c.sends) {
             d.transport.unreachable.clear();
@@ -1028,6 +1035,7 @@ TEST(DchDeliveryTest, DataSubscriberIsDroppedAfterThreeFailedSends) {
     d.subscribeData(kSubscriber, "app", "grp");
     d.subscribeData(kSubscriber2, "app", "grp");
     d.subscribeStatus(kSubscriber2);
+    d.transport.forgotten.clear();  // each subscription forgot its peer first
     d.transport.unreachable = {kSubscriber, kSubscriber2};
     TraceCapture capture("error");
     for (int i = 0; i < 3; ++i)
@@ -1055,6 +1063,7 @@ TEST(DchDeliveryTest, TcpSubscriberIsDroppedAtItsFirstFailedSend) {
     ASSERT_EQ(d.online("app", "grp", "src"), 1);
     d.subscribeData(tcpData, "app", "grp");
     d.subscribeStatus(tcpStatus);
+    d.transport.forgotten.clear();  // each subscription forgot its peer first
     d.transport.unreachable = {tcpData, tcpStatus};
     TraceCapture capture("error");
     EXPECT_EQ(d.ask(dataRequest(1, 0, {{"count", be32(1)}}), kProvider), status(0));
