@@ -402,6 +402,41 @@ TEST(DchServerTest, ConnectionAcceptedBeforeAnEndIsTakenNeverGetsTheEndedDescrip
     EXPECT_TRUE(zevd::test::waitFor([&] { return fcntl(ended, F_GETFD) == -1; }, kLimit));
 }
 
+// A port that datagrams keep ready does not hold the connections: while
+// both wait, the loop gives them turns. Here the consumer takes one entry
+// at a time, so datagrams wait at the port on every pass.
+TEST(DchServerTest, ConnectionIsServedWhileDatagramsKeepThePortReady) {
+    constexpr int kDatagrams = 64;
+    LoopServer &server = startServer(1);  // the ready entry only, for now
+    UdpPeer udp(server.port());
+    for (int i = 0; i < kDatagrams; ++i) ASSERT_TRUE(udp.send(message(20, i)));
+    TcpPeer peer(server.port());
+    ASSERT_TRUE(peer.connected());
+    ASSERT_TRUE(peer.send(message(40, 1000)));
+    for (size_t taken = 2; taken <= kDatagrams + 2; ++taken) {
+        server.grant(1);
+        ASSERT_TRUE(server.waitEntries(taken, kLimit)) << taken;
+    }
+    std::vector<QueueEntry> entries = server.entries();
+    ASSERT_EQ(entries.size(), static_cast<size_t>(kDatagrams + 2));
+    size_t message = 0;
+    int next = 0;
+    for (size_t i = 1; i < entries.size(); ++i) {
+        if (entries[i].connectedSockFD != 0) {
+            EXPECT_TRUE(entries[i].holds(zevd::test::message(40, 1000)));
+            message = i;
+        } else {
+            EXPECT_TRUE(entries[i].holds(zevd::test::message(20, next))) << i;
+            ++next;
+        }
+    }
+    EXPECT_EQ(next, kDatagrams);
+    // Accepted on the second pass, read on the fourth: among the first
+    // dozen entries, not behind every datagram.
+    EXPECT_GT(message, 0u);
+    EXPECT_LT(message, 16u);
+}
+
 TEST(DchServerTest, ResetPeerGivesDisconnect) {
     TraceCapture capture(kLevels);
     LoopServer &server = startServer();

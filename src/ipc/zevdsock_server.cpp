@@ -135,6 +135,9 @@ struct ipcSock::ipcServerState {
     // want of descriptors or memory, which select would report again at
     // once.
     bool listenerResting;
+    // The last pass served the UDP port while the listener or a client was
+    // ready too: this pass is theirs if they still are.
+    bool tcpTurn;
 };
 
 int32_t ipcSock::allocateDCHport() {
@@ -311,6 +314,7 @@ int32_t ipcSock::IPCServer() {
     memset(state.clientName, 0, sizeof state.clientName);
     state.listenerParked = false;
     state.listenerResting = false;
+    state.tcpTurn = false;
     for (int32_t &fd : _sockClientFD) fd = 0;
 
     allocateDCHport();
@@ -421,15 +425,23 @@ int32_t ipcSock::IPCServer() {
         auto ready = [&watched](int at) {
             return at >= 0 && (watched[at].revents & (POLLIN | POLLERR | POLLHUP)) != 0;
         };
-        if (ready(udpAt)) {
+        bool tcpReady = ready(tcpAt);
+        for (nfds_t i = 0; !tcpReady && i < watching; ++i)
+            tcpReady = slotOf[i] >= 0 && ready(static_cast<int>(i));
+        // A port that datagrams keep ready would otherwise never let the
+        // connections in: while both wait, they take turns.
+        if (ready(udpAt) && !(state.tcpTurn && tcpReady)) {
+            state.tcpTurn = tcpReady;
             // Reports of refused datagrams take room in the port's receive
             // buffer: read as soon as they come, not once the datagrams run
             // out, or a port kept busy would drop datagrams for them.
             if ((watched[udpAt].revents & POLLERR) != 0) sockKeepRefusals();
             sockServeUDP(state);
         } else if (ready(tcpAt)) {
+            state.tcpTurn = false;
             sockServeListener(state);
         } else {
+            state.tcpTurn = false;
             for (nfds_t i = 0; i < watching; ++i)
                 if (slotOf[i] >= 0 && ready(static_cast<int>(i)))
                     sockServeClient(state, watched[i].fd, slotOf[i]);
