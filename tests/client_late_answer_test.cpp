@@ -346,6 +346,46 @@ TEST_F(ClientLateAnswerTest, SignalDuringTheReadEndsTheCallWithinItsTimeOut) {
     EXPECT_EQ(signalsSeen.load(), 1);
 }
 
+TEST_F(ClientLateAnswerTest, SignalDuringAReadWithNoTimeLimitDoesNotEndIt) {
+    TraceCapture capture("error,ipcSock::ipcRead=detail");
+    struct sigaction action;
+    memset(&action, 0, sizeof action);
+    action.sa_handler = countSignal;
+    action.sa_flags = SA_RESTART;  // poll is not restarted all the same
+    sigemptyset(&action.sa_mask);
+    struct sigaction previous;
+    ASSERT_EQ(sigaction(SIGUSR1, &action, &previous), 0);
+    int before = signalsSeen.load();
+    dch().noReply();
+    int length = -1;
+    char *text = nullptr;
+    std::promise<int> done;
+    std::future<int> result = done.get_future();
+    // A wait of 0 has no time limit.
+    std::thread caller([&] { done.set_value(dc_getApplications(&length, &text, nullptr, 0)); });
+    uint16_t port = zevd::test::waitingReadPort(capture);
+    ASSERT_NE(port, 0);
+    ASSERT_TRUE(zevd::test::waitBlockedInSocketWait(
+        zevd::test::tracedThread(capture, "Waiting on SELECT: UDP["), std::chrono::seconds(10)));
+    pthread_kill(caller.native_handle(), SIGUSR1);
+    EXPECT_TRUE(capture.waitFor("count=-1 errno=4\n", std::chrono::seconds(10)))
+        << capture.joined();
+    bool endedBeforeTheAnswer =
+        result.wait_for(std::chrono::milliseconds(200)) == std::future_status::ready;
+    std::string list = "appl1\nappl2";
+    zevd::test::FakeDch::instance().sendFromPort(
+        port, DchMessage().raw(DCH_response, std::vector<char>(list.begin(), list.end())).bytes());
+    caller.join();
+    sigaction(SIGUSR1, &previous, nullptr);
+    EXPECT_FALSE(endedBeforeTheAnswer);
+    EXPECT_EQ(signalsSeen.load(), before + 1);
+    EXPECT_EQ(result.get(), 0) << capture.joined();
+    ASSERT_NE(text, nullptr);
+    EXPECT_EQ(std::string(text), list);
+    EXPECT_EQ(length, static_cast<int>(list.size()));
+    free(text);
+}
+
 TEST_F(ClientLateAnswerTest, ManyThreadsWithSomeAnswersLateEachReadOnlyTheirOwn) {
     constexpr int kThreads = 8;
     constexpr int kCalls = 12;

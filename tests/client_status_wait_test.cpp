@@ -5,16 +5,20 @@
 // before the wait starts: the wait has no time limit.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstring>
+#include <future>
 #include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "support/blocked_thread.h"
 #include "support/client_probe.h"
 #include "support/fake_dch.h"
 #include "support/fake_dch_fixture.h"
@@ -131,6 +135,46 @@ TEST_F(ClientStatusWaitTest, ReportWithoutHostInformationGivesFiveValues) {
         EXPECT_TRUE(capture.hasText(text)) << text << capture.joined();
     EXPECT_TRUE(hasLine(capture, "[@P] Waiting for dc_waitForDPStatus response.\n"));
     EXPECT_TRUE(hasLine(capture, "Deleting _readBuffer<@P>\n"));
+    EXPECT_EQ(dc_waitForDPStatusDestroy(client), 0);
+}
+
+void ignoreSignal(int) {}
+
+TEST_F(ClientStatusWaitTest, SignalDuringTheWaitDoesNotEndItNorSpoilTheClient) {
+    TraceCapture capture("zevdchcl=all,ipcSock::ipcRead=detail");
+    struct sigaction action;
+    memset(&action, 0, sizeof action);
+    action.sa_handler = ignoreSignal;
+    action.sa_flags = SA_RESTART;  // poll is not restarted all the same
+    sigemptyset(&action.sa_mask);
+    struct sigaction previous;
+    ASSERT_EQ(sigaction(SIGUSR1, &action, &previous), 0);
+    void *client = start();
+    std::promise<std::string> done;
+    std::future<std::string> result = done.get_future();
+    std::thread waiter([&] {
+        const char *line = dc_waitForDPStatus(client);
+        done.set_value(line != nullptr ? std::string(line) : std::string("(null)"));
+    });
+    ASSERT_TRUE(zevd::test::waitFor(
+        [&] { return zevd::test::tracedThread(capture, "Waiting on SELECT: UDP[") != 0; },
+        std::chrono::seconds(10)));
+    ASSERT_TRUE(zevd::test::waitBlockedInSocketWait(
+        zevd::test::tracedThread(capture, "Waiting on SELECT: UDP["), std::chrono::seconds(10)));
+    pthread_kill(waiter.native_handle(), SIGUSR1);
+    EXPECT_TRUE(capture.waitFor("count=-1 errno=4\n", std::chrono::seconds(10)))
+        << capture.joined();
+    bool endedBeforeTheReport =
+        result.wait_for(std::chrono::milliseconds(200)) == std::future_status::ready;
+    send(report("APP", "GRP", "SRC", "10.0.0.1", "", 4));
+    waiter.join();
+    sigaction(SIGUSR1, &previous, nullptr);
+    EXPECT_FALSE(endedBeforeTheReport);
+    EXPECT_EQ(result.get(), "APP,GRP,SRC,10.0.0.1,4") << capture.joined();
+    EXPECT_FALSE(capture.contains("Error: ipcRead with wait[FOREVER] failed"));
+    // The client goes on waiting for reports.
+    EXPECT_EQ(lineOf(client, report("APP", "GRP", "SRC", "10.0.0.1", "", 3)),
+              "APP,GRP,SRC,10.0.0.1,3");
     EXPECT_EQ(dc_waitForDPStatusDestroy(client), 0);
 }
 

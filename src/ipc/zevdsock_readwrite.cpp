@@ -72,7 +72,7 @@ int32_t ipcSock::ipcRead(char **buffer, int32_t wait) {
     int32_t retriesLeft = std::max(ipcGetRetryRead(), 0);
     // Until a complete message is handed over, its answer may still come.
     _sockReadIncomplete = true;
-    // After a failed wait (a signal, say) the receive must not block.
+    // After a failed bounded wait (a signal, say) the receive must not block.
     int receiveFlags = 0;
 
     // Set when a datagram of the message was kept: only then does the wait
@@ -109,10 +109,11 @@ int32_t ipcSock::ipcRead(char **buffer, int32_t wait) {
             bytesRead = -1;
             // A missing socket is not received from either.
             if (_sockUDP < 0) break;
-            // Otherwise the receive is attempted all the same, but without
-            // waiting: a signal must not turn a bounded read into an endless
-            // one.
-            receiveFlags = MSG_DONTWAIT;
+            // Otherwise the receive is attempted all the same. A bounded read
+            // does not wait there: a signal must not turn it into an endless
+            // one. A read with no time limit waits there for its datagram, so
+            // a signal does not end it.
+            if (limited) receiveFlags = MSG_DONTWAIT;
         } else if (count == 0) {
             if (retriesLeft > 0) {
                 --retriesLeft;
