@@ -23,6 +23,7 @@
 #include "support/fake_dch.h"
 #include "support/fake_dch_fixture.h"
 #include "support/loopback.h"
+#include "support/sock_probe.h"
 #include "support/trace_capture.h"
 #include "support/wait_for.h"
 #include "zevd610.h"
@@ -106,6 +107,22 @@ TEST_F(ClientStrangerTest, ForgedAnswerFromAnotherHostIsDroppedAndTheDchsAnswerR
     EXPECT_TRUE(capture.hasText(droppedLine(forged.size(), stranger_))) << capture.joined();
     EXPECT_EQ(capture.count("only the DCH may answer"), 1u);
     waitForgeries(1);
+}
+
+TEST_F(ClientStrangerTest, StrangersDatagramBeforeATimeOutLeavesTheReadWithNothing) {
+    TraceCapture capture("error");
+    zevd::test::ipcSockProbe sock(IPC_SERVICE_CLIENT, 0, 0);
+    ASSERT_EQ(sock.ipcGetError(), 0);
+    sock.ipcSetRetryRead(0);
+    const std::vector<char> forged = statusAndHandle(0, 666);
+    ASSERT_TRUE(stranger_.sendTo(static_cast<uint16_t>(sock.sockPortUDP()), forged));
+    char *const untouched = reinterpret_cast<char *>(0x5a5a);
+    char *received = untouched;
+    // Nothing of the DCH's came: 0, as when nothing at all came.
+    EXPECT_EQ(sock.ipcRead(&received, 1), 0);
+    EXPECT_EQ(received, untouched);
+    EXPECT_TRUE(capture.hasText(droppedLine(forged.size(), stranger_))) << capture.joined();
+    EXPECT_EQ(capture.count("only the DCH may answer"), 1u);
 }
 
 TEST_F(ClientStrangerTest, AnswerFromAnotherPortOfTheDchsHostIsDroppedAndTheDchsAnswerRead) {

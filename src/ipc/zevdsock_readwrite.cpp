@@ -148,6 +148,7 @@ int32_t ipcSock::ipcRead(char **buffer, int32_t wait) {
         memset(piece, 0, IPC_DATAGRAM_SIZE);
         struct sockaddr_in sender;
         socklen_t senderLen = sizeof sender;
+        int32_t readBefore = bytesRead;
         bytesRead = static_cast<int32_t>(recvfrom(_sockUDP, piece, IPC_DATAGRAM_SIZE, receiveFlags,
                                                   reinterpret_cast<struct sockaddr *>(&sender),
                                                   &senderLen));
@@ -160,6 +161,9 @@ int32_t ipcSock::ipcRead(char **buffer, int32_t wait) {
             dropStranger(sender, bytesRead);
             delete[] piece;
             ipcBufArray[ipcBufCount].buffer = nullptr;
+            // Nor does it count in the result: a time-out next returns what
+            // it would have returned without it.
+            bytesRead = readBefore;
             continue;
         }
 
