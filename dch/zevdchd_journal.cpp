@@ -148,7 +148,9 @@ bool JournalReader::next(std::string *payload) {
     return true;
 }
 
-int replaceFile(int dirFd, const std::string &name, std::string_view content, ino_t *inode) {
+int replaceFile(int dirFd, const std::string &name, std::string_view content, ino_t *inode,
+                bool *renamed) {
+    if (renamed != nullptr) *renamed = false;
     std::string temporary;
     int fd = -1;
     for (int attempt = 0; attempt < 100 && fd < 0; ++attempt) {
@@ -168,6 +170,7 @@ int replaceFile(int dirFd, const std::string &name, std::string_view content, in
         unlinkat(dirFd, temporary.c_str(), 0);
         return error;
     }
+    if (renamed != nullptr) *renamed = true;
     // The rename reaches the disk with the directory.
     if (fsync(dirFd) != 0) return errno;
     if (inode != nullptr) *inode = info.st_ino;

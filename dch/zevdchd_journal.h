@@ -68,9 +68,10 @@ private:
 // writer uses (O_CREAT|O_EXCL|O_NOFOLLOW), written, fsynced, renamed over
 // name, then the directory fsynced. 0, or the errno value of the step that
 // failed (the temporary file is removed then). *inode, when given, is the
-// new file's.
+// new file's. *renamed, when given, says whether the rename was made: when
+// only the directory's fsync failed, the new file may be on disk or not.
 int replaceFile(int dirFd, const std::string &name, std::string_view content,
-                ino_t *inode = nullptr);
+                ino_t *inode = nullptr, bool *renamed = nullptr);
 
 // Renames name in dirFd to name.bad-TIME (with -N added when that is taken;
 // never over another file). True, with *aside the new name, when it could.

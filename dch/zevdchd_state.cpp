@@ -618,12 +618,19 @@ int Dch::writeSnapshot() {
     StateStore &s = *state_;
     uint64_t generation = s.generation + 1;
     std::string text = snapshotText(generation);
-    int error = replaceFile(s.dirFd, kStateFile, text);
-    if (error != 0) return error;
+    bool renamed = false;
+    int error = replaceFile(s.dirFd, kStateFile, text, nullptr, &renamed);
+    if (!renamed) return error;
     // From here the old journal is behind the snapshot: until a new one is
-    // made, no record goes to it.
+    // made, no record goes to it. That holds too when only the directory's
+    // fsync failed: the new snapshot may be what a restart reads, and it
+    // would not replay a record of the old journal.
     s.generation = generation;
     s.snapshotBytes = text.size();
+    if (error != 0) {
+        s.journal.invalidate();
+        return error;
+    }
     error = s.journal.create(kJournalHeader + std::to_string(generation));
     if (error != 0) return error;
     s.snapshotAt = s.journal.size() + std::max(s.snapshotBytes, kMinJournalForSnapshot);
@@ -677,6 +684,16 @@ void Dch::savedChange() {
                    static_cast<unsigned long long>(s.generation),
                    static_cast<unsigned long long>(s.snapshotBytes),
                    static_cast<unsigned long long>(journalBytes));
+        return trc.exit();
+    }
+    if (!s.journal.usable()) {
+        // The snapshot was put in place but not all of it was made sure of
+        // (or no new journal could follow it): the next change starts again
+        // with a snapshot and a journal of their own.
+        ZEVD_TRACE(trc, TRACE_ERROR,
+                   "Error: a new snapshot could not be written in %s (%s): the next change "
+                   "writes a new snapshot first\n",
+                   s.dir.c_str(), errnoText(error).c_str());
         return trc.exit();
     }
     // The journal still holds every change: it goes on, and a new snapshot
