@@ -220,13 +220,15 @@ void Dch::answerText(const Request &request, const std::string &text) {
     ZEVD_TRACE_FUNCTION("Dch::answerText");
     MessageBuilder message = startMessage();
     // The text is cut at a line end where the answer would pass its buffer.
-    size_t room = reply_.size() - kFirstField - 6;
+    // The text may have been built only a little past that (its builders
+    // stop there), so its whole size is not known.
+    size_t room = kAnswerTextRoom;
     size_t length = text.size();
     if (length > room) {
         size_t cut = text.rfind('\n', room);
         length = cut == std::string::npos ? room : cut;
-        ZEVD_TRACE(trc, TRACE_ERROR, "Error: answer text of %u bytes cut to %u bytes\n",
-                   static_cast<unsigned>(text.size()), static_cast<unsigned>(length));
+        ZEVD_TRACE(trc, TRACE_ERROR, "Error: answer text of more than %u bytes cut to %u bytes\n",
+                   static_cast<unsigned>(room), static_cast<unsigned>(length));
     }
     message.addValue(DCH_response, text.data(), static_cast<int>(length), nullptr);
     sendAnswer(request, message);

@@ -34,6 +34,9 @@ extern TraceUnit unitZevdchd;
 
 // Largest message the daemon builds (its answers and what it forwards).
 inline constexpr size_t kReplySize = 64 * 1024;
+// The bytes of text one catalogue answer carries (after its length word and
+// its one field's header): answerText cuts the rest off.
+inline constexpr size_t kAnswerTextRoom = kReplySize - kFirstField - 6;
 // Limits that keep the daemon's memory bounded whatever its clients send.
 inline constexpr size_t kMaxApplications = 1024;
 inline constexpr size_t kMaxHandles = 65536;

@@ -25,15 +25,31 @@ std::string cleaned(std::string_view value) {
     return text.data();
 }
 
-void addLine(std::string &text, std::initializer_list<std::string_view> values) {
-    if (!text.empty()) text += '\n';
-    bool first = true;
-    for (std::string_view value : values) {
-        if (!first) text += ',';
-        text += cleaned(value);
-        first = false;
+// The text of a catalogue answer, one entry a line, built only as far as
+// one answer carries it: a catalogue may hold megabytes, an answer 64 KiB,
+// and a query must not cost the whole catalogue for what is cut off.
+class AnswerLines {
+public:
+    explicit AnswerLines(size_t room) : room_(room) {}
+
+    // Adds a line of values, unless the text is past the room already (the
+    // line end before the room is then known, and the answer is cut there).
+    void add(std::initializer_list<std::string_view> values) {
+        if (text_.size() > room_) return;
+        if (!text_.empty()) text_ += '\n';
+        bool first = true;
+        for (std::string_view value : values) {
+            if (!first) text_ += ',';
+            text_ += cleaned(value);
+            first = false;
+        }
     }
-}
+    const std::string &text() const { return text_; }
+
+private:
+    size_t room_;
+    std::string text_;
+};
 
 bool readQueried(FieldReader &reader, std::string &name) {
     return readName(reader, DCH_applName, kApplNameMax, name) && reader.atEnd();
@@ -58,48 +74,48 @@ bool Dch::readQuery(FieldReader &reader, const Request &request, const Applicati
 
 void Dch::onGetApplications(FieldReader &reader, const Request &request) {
     ZEVD_TRACE_FUNCTION("Dch::onGetApplications");
-    std::string text;
+    AnswerLines lines(kAnswerTextRoom);
     if (reader.atEnd()) {
-        for (const auto &[known, application] : applications_) addLine(text, {known});
+        for (const auto &[known, application] : applications_) lines.add({known});
     } else if (const Application *application = nullptr; !readQuery(reader, request, application)) {
         return trc.exit();
     } else if (application != nullptr) {
-        addLine(text, {application->name});
+        lines.add({application->name});
     }
-    answerText(request, text);
+    answerText(request, lines.text());
     trc.exit();
 }
 
 void Dch::onGetApplAttributes(FieldReader &reader, const Request &request) {
     ZEVD_TRACE_FUNCTION("Dch::onGetApplAttributes");
-    std::string text;
+    AnswerLines lines(kAnswerTextRoom);
     const Application *application = nullptr;
     if (!readQuery(reader, request, application)) return trc.exit();
     if (application != nullptr) {
         for (Group group : application->groups())
             for (Attribute a : group.attributes())
-                addLine(text, {group.name(), a.name, std::string_view(&a.type, 1),
-                               std::to_string(a.size)});
+                lines.add(
+                    {group.name(), a.name, std::string_view(&a.type, 1), std::to_string(a.size)});
     }
-    answerText(request, text);
+    answerText(request, lines.text());
     trc.exit();
 }
 
 void Dch::onGetApplHelp(FieldReader &reader, const Request &request) {
     ZEVD_TRACE_FUNCTION("Dch::onGetApplHelp");
-    std::string text;
+    AnswerLines lines(kAnswerTextRoom);
     const Application *application = nullptr;
     if (!readQuery(reader, request, application)) return trc.exit();
     if (application != nullptr) {
         // The application's and each group's own help come first, with the
         // names they do not have left empty.
-        addLine(text, {"", "", application->help});
+        lines.add({"", "", application->help});
         for (Group group : application->groups()) {
-            addLine(text, {group.name(), "", group.help()});
-            for (Attribute a : group.attributes()) addLine(text, {group.name(), a.name, a.help});
+            lines.add({group.name(), "", group.help()});
+            for (Attribute a : group.attributes()) lines.add({group.name(), a.name, a.help});
         }
     }
-    answerText(request, text);
+    answerText(request, lines.text());
     trc.exit();
 }
 

@@ -3,9 +3,14 @@
 // application, 4,096 attributes a group and --max-catalogue bytes of
 // registration text for every catalogue together, past which a register is
 // answered 21 and nothing changes; the memory a catalogue holds against its
-// text; the answers in catalogue order whatever the hash.
+// text; the answers in catalogue order whatever the hash; a query of a
+// catalogue larger than one answer, cut at a line end, at the cost of what
+// it answers.
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <cstdlib>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -13,6 +18,49 @@
 #include "support/trace_capture.h"
 #include "zevd610.h"
 #include "zevdchd.h"
+
+// Bytes asked of operator new while counting is on. This program replaces
+// every plain form of new and delete (malloc and free underneath, so that
+// each pair matches), so that a case can weigh what one request costs.
+std::atomic<bool> countingNew{false};
+std::atomic<size_t> bytesNewed{0};
+
+namespace {
+
+void *counted(size_t size) noexcept {
+    if (countingNew.load(std::memory_order_relaxed))
+        bytesNewed.fetch_add(size, std::memory_order_relaxed);
+    return std::malloc(size == 0 ? 1 : size);
+}
+
+}  // namespace
+
+void *operator new(size_t size) {
+    if (void *p = counted(size)) return p;
+    throw std::bad_alloc();
+}
+void *operator new[](size_t size) {
+    if (void *p = counted(size)) return p;
+    throw std::bad_alloc();
+}
+void *operator new(size_t size, const std::nothrow_t &) noexcept {
+    return counted(size);
+}
+void *operator new[](size_t size, const std::nothrow_t &) noexcept {
+    return counted(size);
+}
+void operator delete(void *p) noexcept {
+    std::free(p);
+}
+void operator delete[](void *p) noexcept {
+    std::free(p);
+}
+void operator delete(void *p, size_t) noexcept {
+    std::free(p);
+}
+void operator delete[](void *p, size_t) noexcept {
+    std::free(p);
+}
 
 namespace {
 
@@ -127,6 +175,51 @@ TEST(DchCatalogueTest, AnswersKeepTheCatalogueOrder) {
     }
     ASSERT_EQ(d.ask(registerRequest("app", "", groups), kProvider), status(0));
     EXPECT_EQ(attributesText(d, "app"), expected);
+}
+
+// A catalogue of about 2 MB: its attributes and help do not fit in one
+// answer (64 KiB). The answer is cut at a line end, and the query builds
+// little more than what it answers.
+TEST(DchCatalogueTest, QueryOfACatalogueLargerThanAnAnswerIsCutAtALineEndAndCostsTheAnswer) {
+    Daemon d;
+    std::vector<Grp> groups = manyAttributes(10, 4000, true);
+    ASSERT_EQ(d.ask(largeRegister("big", groups, "the big one"), kProvider), status(0));
+    std::string attributes;
+    // The application's own line first, with the names it has not left empty.
+    std::string help = ",,the big one";
+    for (const Grp &g : groups) {
+        help += "\n" + g.name + ",," + g.help;
+        for (const Attr &a : g.attributes) {
+            std::string size = std::to_string(a.size);
+            attributes += (attributes.empty() ? "" : "\n") + g.name + "," + a.name + "," +
+                          std::string(1, static_cast<char>(a.letter)) + "," + size;
+            help += "\n" + g.name + "," + a.name + "," + a.help;
+        }
+    }
+    ASSERT_GT(attributes.size(), 4 * 65536u);
+    ASSERT_GT(help.size(), 20 * 65536u);
+    const size_t room = dch::kAnswerTextRoom;
+    ASSERT_LT(room, 65536u);
+    for (const auto &[code, whole] : {std::pair{ZEVD_REQ_DC_GET_APPL_ATTRIBUTES, attributes},
+                                      std::pair{ZEVD_REQ_DC_GET_APPL_HELP, help}}) {
+        TraceCapture capture("error");
+        bytesNewed = 0;
+        countingNew = true;
+        Fields answer = d.ask(queryRequest(code, "big"));
+        countingNew = false;
+        ASSERT_EQ(answer.size(), 1u) << code;
+        const std::string &text = answer[0].second;
+        // Cut where the whole text has a line end, at most room bytes in.
+        size_t cut = whole.rfind('\n', room);
+        EXPECT_EQ(text, whole.substr(0, cut)) << code;
+        EXPECT_LE(text.size(), room);
+        EXPECT_EQ(whole[text.size()], '\n');
+        EXPECT_TRUE(capture.hasText("Error: answer text of more than " + std::to_string(room) +
+                                    " bytes cut to " + std::to_string(text.size()) + " bytes\n"))
+            << capture.joined();
+        // The text built, its growth and the answer: well under the whole.
+        EXPECT_LT(bytesNewed.load(), 16 * 65536u) << code;
+    }
 }
 
 // The same attribute name in two groups: each group finds its own.
