@@ -54,6 +54,10 @@ inline constexpr int kSendsThatClearFailures = 16;
 // Bytes kept of the latest value of a text attribute (the metrics page shows
 // no more of it).
 inline constexpr size_t kLatestTextMax = 256;
+// The latest values of every handle together, counted as a handle's values
+// can grow (kLatestTextMax for a text attribute): past this, a handle's rows
+// keep none until others have closed.
+inline constexpr size_t kMaxLatestBytes = 64 * 1024 * 1024;
 
 // Where a request came from and where its answer goes: the sender's address,
 // and the TCP connection it came on (0 for UDP).
@@ -98,6 +102,10 @@ struct OpenHandle {
     // accepted row on; emptied when the application registers again. Kept
     // in the handle, so that every way a handle closes drops its values.
     std::vector<LatestValue> latest;
+    // What latest is counted as against kMaxLatestBytes (0 without it), and
+    // whether the refusal of its values was traced already.
+    size_t latestCharge = 0;
+    bool latestRefused = false;
     // Its latest online or accepted row (--source-ttl).
     std::chrono::steady_clock::time_point lastActive{};
 };
@@ -255,6 +263,11 @@ public:
     // --max-catalogue and --max-subscribers.
     void setMaxCatalogue(size_t bytes) { maxCatalogue_ = bytes; }
     void setMaxSubscribers(size_t count) { maxSubscribers_ = count; }
+    // Whether accepted rows leave their values in their handles (for the
+    // metrics page; without --metrics nothing reads them, and none is kept).
+    void setKeepLatestValues(bool keep) { keepLatest_ = keep; }
+    // What the latest values of every handle together are counted as.
+    size_t latestBytes() const { return latestBytes_; }
     // The registration text of every catalogue together.
     size_t catalogueBytes() const;
 
@@ -329,6 +342,11 @@ private:
     void reportStatus(int16_t requestType, const std::string &appl, const std::string &group,
                       const std::string &source, const Peer &provider);
     void releaseHandle(std::map<int32_t, OpenHandle>::iterator it);
+    // Makes room for handle's latest values of group, if the values kept
+    // together leave it; false (traced once a handle) when they do not.
+    bool makeLatest(OpenHandle &handle, const Group &group);
+    // Drops handle's latest values and what they were counted as.
+    void dropLatest(OpenHandle &handle);
     // An attribute value of the row in hand, kept once the row is accepted.
     struct RowValue {
         size_t attribute;  // index in the group
@@ -386,6 +404,8 @@ private:
     std::vector<Network> allowed_;
     size_t maxCatalogue_ = kDefaultMaxCatalogue;
     size_t maxSubscribers_ = kDefaultMaxSubscribers;
+    bool keepLatest_ = true;
+    size_t latestBytes_ = 0;
     std::unordered_map<std::string, int32_t> bySource_;
     std::chrono::seconds sourceTtl_{0};
     std::unique_ptr<StateStore> state_;

@@ -222,6 +222,7 @@ int run(int argc, char **argv) {
         return usageError("--allow or ZEVA_DCH_ALLOW: '" + bad + "' is not a network a.b.c.d/n");
     dch->allowOwnAddresses();
     dch->setMaxCatalogue(maxCatalogue);
+    dch->setKeepLatestValues(metrics != nullptr);
     dch->setMaxSubscribers(maxSubscribers);
     dch->setSourceTtl(std::chrono::seconds(sourceTtl));
     // Before the port opens: a daemon that cannot keep what it answers

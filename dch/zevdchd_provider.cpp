@@ -162,8 +162,11 @@ void Dch::onRegister(FieldReader &reader, const Request &request) {
     applications_[name] = std::move(application);
     // The values kept under the old catalogue may name attributes it no
     // longer has, or with another type.
-    for (auto &[id, handle] : handles_)
-        if (handle.appl == name) handle.latest.clear();
+    for (auto &[id, handle] : handles_) {
+        if (handle.appl != name) continue;
+        dropLatest(handle);
+        handle.latestRefused = false;
+    }
     answerStatus(request, kOk);
     reportStatus(ZEVD_REQ_DP_REGISTER, name, "", "", request.from);
     savedChange();
@@ -237,7 +240,37 @@ void Dch::onOnline(FieldReader &reader, const Request &request) {
     trc.exit();
 }
 
+bool Dch::makeLatest(OpenHandle &handle, const Group &group) {
+    ZEVD_TRACE_FUNCTION("Dch::makeLatest");
+    dropLatest(handle);
+    size_t charge = 0;
+    for (Attribute a : group.attributes())
+        charge += sizeof(LatestValue) + (isNumberType(a.type) ? 0 : kLatestTextMax);
+    if (charge > kMaxLatestBytes - latestBytes_) {
+        if (!handle.latestRefused)
+            ZEVD_TRACE(trc, TRACE_ERROR,
+                       "Error: the latest values of handle %d (%s %s %s) are not kept: those of "
+                       "the other handles take %llu bytes of the %llu they may\n",
+                       handle.id, handle.appl.c_str(), handle.group.c_str(), handle.source.c_str(),
+                       static_cast<unsigned long long>(latestBytes_),
+                       static_cast<unsigned long long>(kMaxLatestBytes));
+        handle.latestRefused = true;
+        return trc.exit(false);
+    }
+    handle.latest.assign(group.size(), LatestValue{});
+    handle.latestCharge = charge;
+    latestBytes_ += charge;
+    return trc.exit(true);
+}
+
+void Dch::dropLatest(OpenHandle &handle) {
+    std::vector<LatestValue>().swap(handle.latest);
+    latestBytes_ -= handle.latestCharge;
+    handle.latestCharge = 0;
+}
+
 void Dch::releaseHandle(std::map<int32_t, OpenHandle>::iterator it) {
+    dropLatest(it->second);
     OpenHandle handle = std::move(it->second);
     auto indexed = bySource_.find(sourceKey(handle.appl, handle.group, handle.source));
     if (indexed != bySource_.end() && indexed->second == it->first) bySource_.erase(indexed);
@@ -385,12 +418,13 @@ void Dch::onData(FieldReader &reader, const Request &request) {
     // Only now is the row accepted: its values become the handle's latest.
     OpenHandle &kept = it->second;
     kept.lastActive = std::chrono::steady_clock::now();
-    if (kept.latest.size() != group->size()) kept.latest.assign(group->size(), LatestValue{});
-    for (const RowValue &value : rowValues_) {
-        LatestValue &latest = kept.latest[value.attribute];
-        latest.set = true;
-        latest.number = value.number;
-        if (value.text != nullptr) latest.text.assign(value.text, value.length);
+    if (keepLatest_ && (kept.latest.size() == group->size() || makeLatest(kept, *group))) {
+        for (const RowValue &value : rowValues_) {
+            LatestValue &latest = kept.latest[value.attribute];
+            latest.set = true;
+            latest.number = value.number;
+            if (value.text != nullptr) latest.text.assign(value.text, value.length);
+        }
     }
     answerStatus(request, kOk);
     MessageBuilder row = startMessage();

@@ -565,7 +565,10 @@ bool Dch::applyStateLine(const std::string &line, StateLoad &load, std::string *
         if (online) {
             // Online again: the handle keeps its latest values.
             auto it = handles_.find(h.id);
-            if (it != handles_.end()) h.latest = std::move(it->second.latest);
+            if (it != handles_.end()) {
+                h.latest = std::move(it->second.latest);
+                h.latestCharge = std::exchange(it->second.latestCharge, 0);
+            }
             nextHandle_ = next;
         }
         putHandle(std::move(h));

@@ -23,6 +23,7 @@
 
 #include "support/dch_requests.h"
 #include "support/metrics_page.h"
+#include "support/trace_capture.h"
 #include "zevdchd.h"
 #include "zevdchd_metrics.h"
 
@@ -499,6 +500,75 @@ TEST(DchMetricsBoundsTest, LabelsBeyondTheBoundAreLeftOutAndCounted) {
     EXPECT_EQ(page.keysOf("zevd_wide_g_info"),
               std::vector<std::string>{key("zevd_wide_g_info", at("s", h, labels))});
     EXPECT_EQ(page.value("zevd_dch_info_labels_dropped"), "2");
+}
+
+// Groups of 4096 text attributes: each handle's values are counted as
+// 4096 values of 256 bytes, and only so many handles keep theirs. The rows
+// of the others are served all the same.
+TEST(DchMetricsBoundsTest, LatestValuesPastTheirBoundAreNotKeptAndTheRowsAreServed) {
+    Daemon d;
+    Grp wide{"g", "", {}};
+    for (int i = 0; i < 4096; ++i)
+        wide.attributes.push_back({"t" + std::to_string(i), 'D', 16, ""});
+    std::vector<ReqField> fields = {i16(DCH_requestType, ZEVD_REQ_DP_REGISTER)};
+    std::vector<ReqField> catalogue = catalogueFields("wide", "", {wide});
+    fields.insert(fields.end(), catalogue.begin(), catalogue.end());
+    ASSERT_EQ(d.ask(encodeFields(fields, 1023 * 4096), kProvider), status(0));
+    const size_t charge = 4096 * (sizeof(dch::LatestValue) + dch::kLatestTextMax);
+    const size_t fit = dch::kMaxLatestBytes / charge;
+    ASSERT_GT(fit, 2u);
+    TraceCapture capture("error");
+    std::vector<int32_t> handles;
+    for (size_t i = 0; i < fit + 2; ++i) {
+        handles.push_back(d.online("wide", "g", "s" + std::to_string(i)));
+        ASSERT_GT(handles.back(), 0);
+        acceptRow(d, handles.back(), {{"t7", z("v")}});
+    }
+    EXPECT_EQ(d.dch.latestBytes(), fit * charge);
+    for (size_t i = 0; i < handles.size(); ++i)
+        EXPECT_EQ(d.dch.handles().at(handles[i]).latest.size(), i < fit ? 4096u : 0u) << i;
+    const int32_t refused = handles[fit];
+    EXPECT_TRUE(capture.hasText("Error: the latest values of handle " + std::to_string(refused) +
+                                " (wide g s" + std::to_string(fit) +
+                                ") are not kept: those of the other handles take " +
+                                std::to_string(fit * charge) + " bytes of the " +
+                                std::to_string(dch::kMaxLatestBytes) + " they may\n"))
+        << capture.joined();
+    // Once a handle.
+    acceptRow(d, refused, {{"t7", z("w")}});
+    EXPECT_EQ(capture.count("are not kept"), 2u) << capture.joined();
+    CheckedPage page = pageOf(d);
+    EXPECT_TRUE(page.has(key("zevd_wide_g_info", at("s0", handles[0], {{"t7", "v"}}))));
+    EXPECT_TRUE(page.keysOf("zevd_wide_g_info").size() == fit);
+
+    // A handle that closes leaves its room to the next row that needs it.
+    EXPECT_EQ(d.ask(offlineRequest(handles[0]), kProvider), status(0));
+    EXPECT_EQ(d.dch.latestBytes(), (fit - 1) * charge);
+    acceptRow(d, refused, {{"t7", z("x")}});
+    EXPECT_EQ(d.dch.handles().at(refused).latest.size(), 4096u);
+    EXPECT_EQ(d.dch.latestBytes(), fit * charge);
+    EXPECT_TRUE(pageOf(d).has(
+        key("zevd_wide_g_info", at("s" + std::to_string(fit), refused, {{"t7", "x"}}))));
+    // A new catalogue drops them all.
+    ASSERT_EQ(d.ask(encodeFields(fields, 1023 * 4096), kProvider), status(0));
+    EXPECT_EQ(d.dch.latestBytes(), 0u);
+    for (int32_t h : handles) {
+        if (d.dch.handles().count(h) != 0) {
+            EXPECT_TRUE(d.dch.handles().at(h).latest.empty());
+        }
+    }
+}
+
+// Without the metrics page nothing reads the values: none is kept.
+TEST(DchMetricsBoundsTest, WithoutThePageNoValueIsKept) {
+    Daemon d;
+    d.dch.setKeepLatestValues(false);
+    d.registerApp();
+    int32_t h = d.online("app", "grp", "src");
+    acceptRow(d, h, {{"count", be32(5)}, {"name", z("n")}});
+    EXPECT_TRUE(d.dch.handles().at(h).latest.empty());
+    EXPECT_EQ(d.dch.latestBytes(), 0u);
+    EXPECT_TRUE(pageOf(d).keysOf("zevd_app_grp_count").empty());
 }
 
 // ---------------------------------------------------------------------------
