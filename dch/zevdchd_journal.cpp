@@ -259,8 +259,10 @@ int JournalWriter::append(std::string_view payload) {
                        !S_ISREG(info.st_mode) || static_cast<uint64_t>(info.st_size) != length_))
         error = ESTALE;
     std::string record;
+    if (error == 0) record = sealRecord(payload);
+    // Never a journal that the next start would refuse to read.
+    if (error == 0 && length_ + record.size() > kMaxStateFileBytes) error = EFBIG;
     if (error == 0) {
-        record = sealRecord(payload);
         error = writeAll(fd, record.data(), record.size());
         if (error == 0 && fdatasync(fd) != 0) error = errno;
         // A record cut short is cut off again, so that a start before the

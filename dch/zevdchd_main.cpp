@@ -60,7 +60,7 @@ const char kUsage[] =
     "                    at 256 connections the oldest such one makes room\n"
     "  --max-catalogue BYTES\n"
     "                    registration text of every catalogue together, 1 to\n"
-    "                    1099511627776 (default: 67108864); a register past it,\n"
+    "                    268435456 (default: 67108864); a register past it,\n"
     "                    or past 1024 groups or 4096 attributes a group, is\n"
     "                    answered 21 and changes nothing\n"
     "  --max-subscribers N\n"
@@ -100,6 +100,12 @@ long receiveBufferBytes(const char *text) {
         return -1;
     return bytes;
 }
+
+// The largest --max-catalogue: the state files of a catalogue this large
+// (the snapshot holds its text with a byte escaped as three at worst, and
+// the journal grows to about the snapshot's size) stay within the 1 GiB
+// that a start reads.
+constexpr unsigned long long kMostCatalogue = 256ULL << 20;
 
 // A limit as --max-catalogue and --max-subscribers take it: a decimal
 // number from 1 to most; 0 when it is not one.
@@ -171,8 +177,8 @@ int run(int argc, char **argv) {
             case 'r': receiveBuffer = optarg; break;
             case 'm': metrics = optarg; break;
             case 'C':
-                if ((maxCatalogue = limitValue(optarg, 1ULL << 40)) == 0)
-                    return usageError(std::string("--max-catalogue takes 1 to 1099511627776 bytes, "
+                if ((maxCatalogue = limitValue(optarg, kMostCatalogue)) == 0)
+                    return usageError(std::string("--max-catalogue takes 1 to 268435456 bytes, "
                                                   "not '") +
                                       optarg + "'");
                 break;

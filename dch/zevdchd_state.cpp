@@ -621,6 +621,8 @@ int Dch::writeSnapshot() {
     StateStore &s = *state_;
     uint64_t generation = s.generation + 1;
     std::string text = snapshotText(generation);
+    // Never a snapshot that the next start would refuse to read.
+    if (text.size() > kMaxStateFileBytes) return EFBIG;
     bool renamed = false;
     int error = replaceFile(s.dirFd, kStateFile, text, nullptr, &renamed);
     if (!renamed) return error;

@@ -174,6 +174,32 @@ TEST(DchJournalTest, WriterAppendsAndStopsAtAJournalThatIsNotItsOwn) {
     EXPECT_EQ(readFile(dir.file("journal")), sealRecord("last") + sealRecord("seven"));
 }
 
+// A journal never grows past what a start reads (1 GiB): the record that
+// would pass it is refused and the file left as it was. The file here is
+// sparse: its length is all it has of 1 GiB.
+TEST(DchJournalTest, RecordThatWouldPassTheLimitOfAStateFileIsRefused) {
+    TempDir dir;
+    const std::string name = dir.file("journal");
+    JournalWriter writer(dir.fd(), "journal");
+    const uint64_t full = kMaxStateFileBytes - kRecordHeader - 1;
+    writeFile(name, "");
+    ASSERT_EQ(truncate(name.c_str(), static_cast<off_t>(full)), 0);
+    int fd = open(name.c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_GE(fd, 0);
+    writer.resume(fd, full);
+    EXPECT_EQ(writer.append("xy"), EFBIG);
+    EXPECT_FALSE(writer.usable());
+    EXPECT_EQ(fs::file_size(name), full);
+    // One byte less: it ends the file at the limit exactly.
+    fd = open(name.c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_GE(fd, 0);
+    writer.resume(fd, full);
+    EXPECT_EQ(writer.append("x"), 0);
+    EXPECT_EQ(fs::file_size(name), kMaxStateFileBytes);
+    EXPECT_EQ(writer.append(""), EFBIG);
+    EXPECT_EQ(fs::file_size(name), kMaxStateFileBytes);
+}
+
 TEST(DchJournalTest, StateFileIsOpenedOnlyWhenItIsARegularFileWithinItsLimit) {
     TempDir dir;
     StateFile file;

@@ -188,11 +188,11 @@ TEST(DchProcessTest, BadUsageEndsItWithStatusTwo) {
 
 TEST(DchProcessTest, LimitsOutOfTheirRangesAreUsageErrors) {
     const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
-        {{"--max-catalogue", "0"}, "--max-catalogue takes 1 to 1099511627776 bytes, not '0'"},
-        {{"--max-catalogue", "1099511627777"},
-         "--max-catalogue takes 1 to 1099511627776 bytes, not '1099511627777'"},
-        {{"--max-catalogue", "64M"}, "--max-catalogue takes 1 to 1099511627776 bytes, not '64M'"},
-        {{"--max-catalogue", "-1"}, "--max-catalogue takes 1 to 1099511627776 bytes, not '-1'"},
+        {{"--max-catalogue", "0"}, "--max-catalogue takes 1 to 268435456 bytes, not '0'"},
+        {{"--max-catalogue", "268435457"},
+         "--max-catalogue takes 1 to 268435456 bytes, not '268435457'"},
+        {{"--max-catalogue", "64M"}, "--max-catalogue takes 1 to 268435456 bytes, not '64M'"},
+        {{"--max-catalogue", "-1"}, "--max-catalogue takes 1 to 268435456 bytes, not '-1'"},
         {{"--max-subscribers", "0"}, "--max-subscribers takes 1 to 1048576, not '0'"},
         {{"--max-subscribers", "1048577"}, "--max-subscribers takes 1 to 1048576, not '1048577'"},
         {{"--max-subscribers", " 5"}, "--max-subscribers takes 1 to 1048576, not ' 5'"},
