@@ -410,27 +410,18 @@ void countSignal(int) {
 // Waits on client in a thread of its own, signals it once the wait blocks,
 // and returns the wait's result (-100 when it did not end).
 int waitSignalled(TraceCapture &capture, void *client, std::vector<char> &buffer) {
-    struct sigaction action;
-    memset(&action, 0, sizeof action);
-    action.sa_handler = countSignal;  // without SA_RESTART
-    sigemptyset(&action.sa_mask);
-    struct sigaction previous;
-    sigaction(SIGUSR1, &action, &previous);
+    zevd::test::ScopedSignalAction action(SIGUSR1, countSignal, 0);  // without SA_RESTART
     capture.clear();
     std::promise<int> done;
     std::future<int> result = done.get_future();
     std::thread waiter([&] {
         done.set_value(dc_waitOnData(client, buffer.data(), static_cast<int>(buffer.size())));
     });
-    bool waiting =
-        capture.waitFor("Waiting for dc_waitOnData response message", kLimit) &&
-        zevd::test::waitBlockedInSocketWait(
-            zevd::test::tracedThread(capture, "Waiting for dc_waitOnData response"), kLimit);
-    pthread_kill(waiter.native_handle(), SIGUSR1);
+    bool waiting = zevd::test::signalInSocketWait(capture, "Waiting for dc_waitOnData response",
+                                                  waiter.native_handle(), SIGUSR1, kLimit);
     bool ended = waiting && result.wait_for(kLimit) == std::future_status::ready;
     if (!ended) dc_waitOnDataCancel(client);  // frees the waiter
     waiter.join();
-    sigaction(SIGUSR1, &previous, nullptr);
     return ended ? result.get() : -100;
 }
 

@@ -316,12 +316,8 @@ void countSignal(int) {
 
 TEST_F(ClientLateAnswerTest, SignalDuringTheReadEndsTheCallWithinItsTimeOut) {
     TraceCapture capture("error,ipcSock::ipcRead=detail");
-    struct sigaction action;
-    memset(&action, 0, sizeof action);
-    action.sa_handler = countSignal;  // without SA_RESTART
-    sigemptyset(&action.sa_mask);
-    struct sigaction previous;
-    ASSERT_EQ(sigaction(SIGUSR1, &action, &previous), 0);
+    zevd::test::ScopedSignalAction action(SIGUSR1, countSignal, 0);  // without SA_RESTART
+    ASSERT_TRUE(action.installed());
     dch().noReply();
     long status = -1;
     std::promise<int> done;
@@ -330,15 +326,14 @@ TEST_F(ClientLateAnswerTest, SignalDuringTheReadEndsTheCallWithinItsTimeOut) {
     uint16_t port = zevd::test::waitingReadPort(capture);
     ASSERT_NE(port, 0);
     // Signalled once it sits in its wait, not a moment before.
-    ASSERT_TRUE(zevd::test::waitBlockedInSocketWait(
-        zevd::test::tracedThread(capture, "Waiting on SELECT: UDP["), std::chrono::seconds(10)));
+    ASSERT_TRUE(zevd::test::signalInSocketWait(capture, "Waiting on SELECT: UDP[",
+                                               caller.native_handle(), SIGUSR1,
+                                               std::chrono::seconds(10)));
     auto signalled = std::chrono::steady_clock::now();
-    pthread_kill(caller.native_handle(), SIGUSR1);
     bool ended = result.wait_for(std::chrono::seconds(1 + 2)) == std::future_status::ready;
     if (!ended)
         zevd::test::FakeDch::instance().sendFromPort(port, statusOnly(0));  // frees the caller
     caller.join();
-    sigaction(SIGUSR1, &previous, nullptr);
     EXPECT_TRUE(ended) << "still blocked after the signal";
     EXPECT_LE(std::chrono::steady_clock::now() - signalled, std::chrono::seconds(1 + 2));
     EXPECT_EQ(result.get(), 1);
@@ -348,13 +343,9 @@ TEST_F(ClientLateAnswerTest, SignalDuringTheReadEndsTheCallWithinItsTimeOut) {
 
 TEST_F(ClientLateAnswerTest, SignalDuringAReadWithNoTimeLimitDoesNotEndIt) {
     TraceCapture capture("error,ipcSock::ipcRead=detail");
-    struct sigaction action;
-    memset(&action, 0, sizeof action);
-    action.sa_handler = countSignal;
-    action.sa_flags = SA_RESTART;  // poll is not restarted all the same
-    sigemptyset(&action.sa_mask);
-    struct sigaction previous;
-    ASSERT_EQ(sigaction(SIGUSR1, &action, &previous), 0);
+    // poll is not restarted all the same.
+    zevd::test::ScopedSignalAction action(SIGUSR1, countSignal, SA_RESTART);
+    ASSERT_TRUE(action.installed());
     int before = signalsSeen.load();
     dch().noReply();
     int length = -1;
@@ -365,9 +356,9 @@ TEST_F(ClientLateAnswerTest, SignalDuringAReadWithNoTimeLimitDoesNotEndIt) {
     std::thread caller([&] { done.set_value(dc_getApplications(&length, &text, nullptr, 0)); });
     uint16_t port = zevd::test::waitingReadPort(capture);
     ASSERT_NE(port, 0);
-    ASSERT_TRUE(zevd::test::waitBlockedInSocketWait(
-        zevd::test::tracedThread(capture, "Waiting on SELECT: UDP["), std::chrono::seconds(10)));
-    pthread_kill(caller.native_handle(), SIGUSR1);
+    ASSERT_TRUE(zevd::test::signalInSocketWait(capture, "Waiting on SELECT: UDP[",
+                                               caller.native_handle(), SIGUSR1,
+                                               std::chrono::seconds(10)));
     EXPECT_TRUE(capture.waitFor("count=-1 errno=4\n", std::chrono::seconds(10)))
         << capture.joined();
     bool endedBeforeTheAnswer =
@@ -376,7 +367,6 @@ TEST_F(ClientLateAnswerTest, SignalDuringAReadWithNoTimeLimitDoesNotEndIt) {
     zevd::test::FakeDch::instance().sendFromPort(
         port, DchMessage().raw(DCH_response, std::vector<char>(list.begin(), list.end())).bytes());
     caller.join();
-    sigaction(SIGUSR1, &previous, nullptr);
     EXPECT_FALSE(endedBeforeTheAnswer);
     EXPECT_EQ(signalsSeen.load(), before + 1);
     EXPECT_EQ(result.get(), 0) << capture.joined();

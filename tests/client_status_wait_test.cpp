@@ -142,13 +142,9 @@ void ignoreSignal(int) {}
 
 TEST_F(ClientStatusWaitTest, SignalDuringTheWaitDoesNotEndItNorSpoilTheClient) {
     TraceCapture capture("zevdchcl=all,ipcSock::ipcRead=detail");
-    struct sigaction action;
-    memset(&action, 0, sizeof action);
-    action.sa_handler = ignoreSignal;
-    action.sa_flags = SA_RESTART;  // poll is not restarted all the same
-    sigemptyset(&action.sa_mask);
-    struct sigaction previous;
-    ASSERT_EQ(sigaction(SIGUSR1, &action, &previous), 0);
+    // poll is not restarted all the same.
+    zevd::test::ScopedSignalAction action(SIGUSR1, ignoreSignal, SA_RESTART);
+    ASSERT_TRUE(action.installed());
     void *client = start();
     std::promise<std::string> done;
     std::future<std::string> result = done.get_future();
@@ -156,19 +152,15 @@ TEST_F(ClientStatusWaitTest, SignalDuringTheWaitDoesNotEndItNorSpoilTheClient) {
         const char *line = dc_waitForDPStatus(client);
         done.set_value(line != nullptr ? std::string(line) : std::string("(null)"));
     });
-    ASSERT_TRUE(zevd::test::waitFor(
-        [&] { return zevd::test::tracedThread(capture, "Waiting on SELECT: UDP[") != 0; },
-        std::chrono::seconds(10)));
-    ASSERT_TRUE(zevd::test::waitBlockedInSocketWait(
-        zevd::test::tracedThread(capture, "Waiting on SELECT: UDP["), std::chrono::seconds(10)));
-    pthread_kill(waiter.native_handle(), SIGUSR1);
+    ASSERT_TRUE(zevd::test::signalInSocketWait(capture, "Waiting on SELECT: UDP[",
+                                               waiter.native_handle(), SIGUSR1,
+                                               std::chrono::seconds(10)));
     EXPECT_TRUE(capture.waitFor("count=-1 errno=4\n", std::chrono::seconds(10)))
         << capture.joined();
     bool endedBeforeTheReport =
         result.wait_for(std::chrono::milliseconds(200)) == std::future_status::ready;
     send(report("APP", "GRP", "SRC", "10.0.0.1", "", 4));
     waiter.join();
-    sigaction(SIGUSR1, &previous, nullptr);
     EXPECT_FALSE(endedBeforeTheReport);
     EXPECT_EQ(result.get(), "APP,GRP,SRC,10.0.0.1,4") << capture.joined();
     EXPECT_FALSE(capture.contains("Error: ipcRead with wait[FOREVER] failed"));

@@ -83,29 +83,35 @@ void failDirectorySync(int n) {
     directorySyncsToFail = 1;
 }
 
-const std::string kNewSnapshotFirst = "): the next change writes a new snapshot first\n";
+// On a daemon with handle 1 online, makes the n-th directory fsync of the
+// next snapshot fail, then brings a source online (answered 0): its handle,
+// which must outlive the daemon.
+int32_t onlineAfterAFailedSnapshot(Daemon &d, const TempDir &dir, int n) {
+    d.registerApp("app");
+    EXPECT_EQ(d.online("app", "grp", "before"), 1);
+    TraceCapture capture("error");
+    failDirectorySync(n);
+    EXPECT_TRUE(churnUntilASnapshot(d, dir));
+    EXPECT_EQ(directorySyncsToFail.load(), 0);
+    EXPECT_TRUE(capture.hasText("Error: a new snapshot could not be written in " + dir.path() +
+                                " (errno 5, Input/output error): the next change writes a new "
+                                "snapshot first\n"))
+        << capture.joined();
+    EXPECT_FALSE(capture.contains("the journal goes on")) << capture.joined();
+    int32_t after = d.online("app", "grp", "after");
+    EXPECT_GT(after, 1);
+    return after;
+}
 
+// The first directory fsync of the snapshot written after the churn: the
+// snapshot's own, after its rename.
 TEST(DchStateDirSyncTest, SnapshotWhoseDirectorySyncFailsTakesNoMoreRecordsInTheOldJournal) {
     TempDir dir;
     int32_t after = 0;
     {
         Daemon d;
         use(d, dir);
-        d.registerApp("app");
-        ASSERT_EQ(d.online("app", "grp", "before"), 1);
-        TraceCapture capture("error");
-        // The first directory fsync of the snapshot written after the churn:
-        // the snapshot's own, after its rename.
-        failDirectorySync(1);
-        ASSERT_TRUE(churnUntilASnapshot(d, dir));
-        EXPECT_EQ(directorySyncsToFail.load(), 0);
-        EXPECT_TRUE(capture.hasText("Error: a new snapshot could not be written in " + dir.path() +
-                                    " (errno 5, Input/output error" + kNewSnapshotFirst))
-            << capture.joined();
-        EXPECT_FALSE(capture.contains("the journal goes on")) << capture.joined();
-        // Answered 0: it must be there after a restart.
-        after = d.online("app", "grp", "after");
-        ASSERT_GT(after, 1);
+        after = onlineAfterAFailedSnapshot(d, dir, 1);
         EXPECT_EQ(d.ask(offlineRequest(1), kProvider), status(0));
     }
     Daemon next;
@@ -116,25 +122,14 @@ TEST(DchStateDirSyncTest, SnapshotWhoseDirectorySyncFailsTakesNoMoreRecordsInThe
     EXPECT_EQ(next.dch.handles().count(1), 0u);
 }
 
+// The second: the new journal's, after the snapshot was made sure of.
 TEST(DchStateDirSyncTest, JournalThatCannotFollowANewSnapshotIsNotSaidToGoOn) {
     TempDir dir;
     int32_t after = 0;
     {
         Daemon d;
         use(d, dir);
-        d.registerApp("app");
-        ASSERT_EQ(d.online("app", "grp", "before"), 1);
-        TraceCapture capture("error");
-        // The second: the new journal's, after the snapshot was made sure of.
-        failDirectorySync(2);
-        ASSERT_TRUE(churnUntilASnapshot(d, dir));
-        EXPECT_EQ(directorySyncsToFail.load(), 0);
-        EXPECT_TRUE(capture.hasText("Error: a new snapshot could not be written in " + dir.path() +
-                                    " (errno 5, Input/output error" + kNewSnapshotFirst))
-            << capture.joined();
-        EXPECT_FALSE(capture.contains("the journal goes on")) << capture.joined();
-        after = d.online("app", "grp", "after");
-        ASSERT_GT(after, 1);
+        after = onlineAfterAFailedSnapshot(d, dir, 2);
     }
     Daemon next;
     use(next, dir);

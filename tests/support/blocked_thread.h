@@ -1,13 +1,16 @@
 // Finds out whether a thread of this process is blocked in a wait for its
 // sockets (poll, or the server loop's select), so that a test signals it
-// there and not a moment before.
+// there and not a moment before; and a signal's handler for a case.
 #ifndef ZEVD_TESTS_SUPPORT_BLOCKED_THREAD_H
 #define ZEVD_TESTS_SUPPORT_BLOCKED_THREAD_H
 
+#include <pthread.h>
+#include <signal.h>
 #include <sys/syscall.h>
 #include <sys/types.h>
 
 #include <chrono>
+#include <cstring>
 #include <fstream>
 #include <string>
 
@@ -44,6 +47,41 @@ inline bool waitBlockedInSocketWait(pid_t tid, std::chrono::milliseconds limit) 
         },
         limit);
 }
+
+// Once the thread that wrote a line containing part sits in a socket wait,
+// sends thread the signal; false when it did not within limit (nothing is
+// sent then).
+inline bool signalInSocketWait(const TraceCapture &capture, const std::string &part,
+                               pthread_t thread, int signal, std::chrono::milliseconds limit) {
+    pid_t tid = 0;
+    if (!waitFor([&] { return (tid = tracedThread(capture, part)) != 0; }, limit)) return false;
+    return waitBlockedInSocketWait(tid, limit) && pthread_kill(thread, signal) == 0;
+}
+
+// handler for signal (with flags, such as SA_RESTART) while it lives; what
+// was there before comes back after.
+class ScopedSignalAction {
+public:
+    ScopedSignalAction(int signal, void (*handler)(int), int flags) : signal_(signal) {
+        struct sigaction action;
+        memset(&action, 0, sizeof action);
+        action.sa_handler = handler;
+        action.sa_flags = flags;
+        sigemptyset(&action.sa_mask);
+        installed_ = sigaction(signal, &action, &previous_) == 0;
+    }
+    ~ScopedSignalAction() {
+        if (installed_) sigaction(signal_, &previous_, nullptr);
+    }
+    ScopedSignalAction(const ScopedSignalAction &) = delete;
+    ScopedSignalAction &operator=(const ScopedSignalAction &) = delete;
+    bool installed() const { return installed_; }
+
+private:
+    int signal_;
+    struct sigaction previous_ {};
+    bool installed_ = false;
+};
 
 }  // namespace zevd::test
 
