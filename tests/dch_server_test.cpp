@@ -454,6 +454,40 @@ TEST(DchServerTest, ResetPeerGivesDisconnect) {
     EXPECT_FALSE(capture.contains("Error: TCP received")) << capture.joined();
 }
 
+// A peer that sends a message and resets its connection while the loop is
+// held by a full queue: the message is still read, and queued with the
+// peer's own address, not that of whoever sent the last datagram.
+TEST(DchServerTest, MessageOfAPeerThatResetAfterSendingIsQueuedWithItsOwnAddress) {
+    TraceCapture capture(kLevels);
+    LoopServer &server = startServer(1);  // the ready entry only, for now
+    TcpPeer peer(server.port(), "127.0.0.3");
+    ASSERT_TRUE(peer.connected());
+    ASSERT_TRUE(zevd::test::waitFor([&] { return acceptedFD(capture, 1) > 0; }, kLimit));
+    int fd = acceptedFD(capture, 1);
+    UdpPeer udp(server.port(), "127.0.0.2");
+    ASSERT_TRUE(udp.bound());
+    // Four to fill the queue, and one the loop holds while it waits.
+    for (int i = 0; i < 5; ++i) ASSERT_TRUE(udp.send(message(20, i)));
+    ASSERT_TRUE(capture.waitFor("Waiting for circular buffers to be freed.", kLimit));
+    const std::vector<char> sent = message(30, 99);
+    const uint16_t peerPort = peer.localPort();
+    ASSERT_TRUE(peer.send(sent));
+    peer.reset();
+    server.grantAll();
+    ASSERT_TRUE(server.waitEntries(1 + 5 + 2, kLimit)) << capture.joined();
+    std::vector<QueueEntry> entries = server.entries();
+    ASSERT_EQ(entries.size(), 8u);
+    EXPECT_TRUE(entries[6].holds(sent));
+    EXPECT_EQ(entries[6].clientName, "127.0.0.3");
+    EXPECT_EQ(entries[7].text(), "DP-DISCONNECT");
+    // Both name the connection and come from its peer.
+    for (const QueueEntry &entry : {entries[6], entries[7]}) {
+        EXPECT_EQ(entry.connectedSockFD, static_cast<uint32_t>(fd));
+        EXPECT_EQ(dotted(entry.from), "127.0.0.3") << entry.text();
+        EXPECT_EQ(ntohs(entry.from.sin_port), peerPort) << entry.text();
+    }
+}
+
 TEST(DchServerTest, MessageShorterThanItsLengthWordGivesResendAndUdpIsServedMeanwhile) {
     TraceCapture capture(kLevels);
     LoopServer &server = startServer();

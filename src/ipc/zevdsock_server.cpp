@@ -126,8 +126,10 @@ struct ipcSock::ipcServerState {
     char scratch[zevd::TcpAssembly::kPieceSize];
     struct sockaddr_in sockClientAddr;  // the last sender
     char clientName[INET_ADDRSTRLEN];
-    // The message each client slot is assembling.
+    // The message each client slot is assembling, and the peer its
+    // connection was accepted from: the sender of all that comes on it.
     zevd::TcpAssembly assemblies[IPC_MAX_TCP_CLIENTS];
+    struct sockaddr_in peers[IPC_MAX_TCP_CLIENTS];
     // The listener is left out of the read mask while all client slots are
     // taken.
     bool listenerParked;
@@ -311,6 +313,7 @@ int32_t ipcSock::IPCServer() {
     ipcServerState &state = *owned;
     memset(state.workBuffer, 0, sizeof state.workBuffer);
     memset(&state.sockClientAddr, 0, sizeof state.sockClientAddr);
+    memset(state.peers, 0, sizeof state.peers);
     memset(state.clientName, 0, sizeof state.clientName);
     state.listenerParked = false;
     state.listenerResting = false;
@@ -632,6 +635,7 @@ void ipcSock::sockServeListener(ipcServerState &state) {
         return;
     }
     _sockClientFD[slot] = fd;
+    state.peers[slot] = state.sockClientAddr;
     // SO_SNDBUFFORCE passes net.core.wmem_max where the process may.
     int sendBuffer = kClientSendBuffer;
     if (setsockopt(fd, SOL_SOCKET, SO_SNDBUFFORCE, &sendBuffer, sizeof sendBuffer) != 0)
@@ -662,13 +666,11 @@ private:
 void ipcSock::sockServeClient(ipcServerState &state, int32_t fd, int32_t slot) {
     ZEVD_TRACE_LEVEL("ipcSock::IPCServer");
     ZEVD_TRACE(trc, TRACE_DETAIL, "_sockClientFD[%d]=%d SET for reading\n", slot, fd);
-    // recvfrom names no sender on a stream: the connection's peer is the
-    // sender of what arrives on it.
-    struct sockaddr_in peer;
-    socklen_t peerLength = sizeof peer;
-    if (getpeername(fd, reinterpret_cast<struct sockaddr *>(&peer), &peerLength) == 0 &&
-        peer.sin_family == AF_INET)
-        state.sockClientAddr = peer;
+    // recvfrom names no sender on a stream: the peer the connection was
+    // accepted from is the sender of what arrives on it. Kept from the
+    // accept, not asked again: a connection reset by its peer has none any
+    // more, though what it sent before is still there to read.
+    state.sockClientAddr = state.peers[slot];
     ConnectionSource source(fd);
     zevd::TcpAssembly &assembly = state.assemblies[slot];
     auto outcome = assembly.read(source, fd, state.scratch, zevd::TcpAssembly::Clock::now(),
@@ -690,11 +692,7 @@ void ipcSock::sockCutOffLate(ipcServerState &state) {
         int32_t fd = _sockClientFD[slot];
         if (fd <= 0 || !assembly.expired(now)) continue;
         assembly.expire(sockMessageWait());
-        struct sockaddr_in peer;
-        socklen_t peerLength = sizeof peer;
-        if (getpeername(fd, reinterpret_cast<struct sockaddr *>(&peer), &peerLength) == 0 &&
-            peer.sin_family == AF_INET)
-            state.sockClientAddr = peer;
+        state.sockClientAddr = state.peers[slot];
         sockFinishMessage(state, fd, slot, zevd::TcpAssembly::Outcome::kMismatch);
     }
 }

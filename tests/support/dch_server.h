@@ -199,10 +199,19 @@ private:
     struct sockaddr_in to_;
 };
 
-// A TCP connection to the server's port on 127.0.0.1.
+// A TCP connection to the server's port on 127.0.0.1, from localAddress
+// (any of 127.0.0.0/8) when one is given.
 class TcpPeer {
 public:
-    explicit TcpPeer(uint16_t serverPort) : fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    explicit TcpPeer(uint16_t serverPort, const char *localAddress = nullptr)
+        : fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        if (localAddress != nullptr) {
+            struct sockaddr_in local;
+            memset(&local, 0, sizeof local);
+            local.sin_family = AF_INET;
+            inet_pton(AF_INET, localAddress, &local.sin_addr);
+            if (bind(fd_, reinterpret_cast<struct sockaddr *>(&local), sizeof local) != 0) return;
+        }
         struct sockaddr_in to = loopbackAddress(serverPort);
         int on = 1;
         setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
