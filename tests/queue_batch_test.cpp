@@ -12,6 +12,7 @@
 #include "ipc/zevdipc.h"
 #include "support/server_queue.h"
 #include "support/trace_capture.h"
+#include "support/wait_for.h"
 
 namespace {
 
@@ -207,6 +208,35 @@ TEST(QueueBatchTest, BlocksWhileEmptyAndFreesRoomForTheProducer) {
     EXPECT_EQ(q.ipc_get_batch(batch.entries, Batch::kCount), 4);
     EXPECT_EQ(batch.data(0), "full-4");
     EXPECT_EQ(batch.data(3), "full-7");
+}
+
+// Two producers wait on a full queue (a daemon's own thread beside the
+// server loop): a batch that frees four slots lets both in.
+TEST(QueueBatchTest, BatchThatFreesSeveralSlotsWakesEveryProducerWaitingForRoom) {
+    BatchQueue q;
+    Batch batch;
+    TraceCapture capture("zevdipc=detail");
+    for (int i = 0; i < 4; ++i) put(q, "full-" + std::to_string(i));
+    std::atomic<int> putsDone{0};
+    std::thread first([&] {
+        put(q, "first");
+        ++putsDone;
+    });
+    std::thread second([&] {
+        put(q, "second");
+        ++putsDone;
+    });
+    EXPECT_TRUE(capture.waitFor("Waiting for circular buffers to be freed.", 30s, 2))
+        << capture.joined();
+    EXPECT_EQ(q.ipc_get_batch(batch.entries, Batch::kCount), 4);
+    // Both come in without the consumer taking again.
+    EXPECT_TRUE(zevd::test::waitFor([&] { return putsDone.load() == 2; }, 10s));
+    if (putsDone.load() < 2) {
+        EXPECT_EQ(q.ipc_get_batch(batch.entries, 1), 1);  // frees the other
+    }
+    first.join();
+    second.join();
+    EXPECT_EQ(q.numFull(), 2);
 }
 
 }  // namespace

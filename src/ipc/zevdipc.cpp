@@ -411,13 +411,18 @@ int32_t DCHipc::takeEntries(::zevd::TraceFrame &trc, ipcEntry *entries, int32_t 
         ZEVD_TRACE(trc, TRACE_ERROR, "Error: unable to release ipcCircularBuffer lock\n");
         ipcSetError(1);
     }
-    // After the release, so the woken producer finds the lock free.
-    if (taken > 0) {
+    // After the release, so the woken producer finds the lock free. Once
+    // for each slot freed: the server loop is not the only producer that
+    // may wait for room (a daemon queues entries of its own too), and each
+    // slot may take one waiter's entry. With nobody waiting a signal costs
+    // no call to the kernel.
+    for (int32_t i = 0; i < taken; ++i) {
         int rc = pthread_cond_signal(&cb->slotFreed);
         if (rc != 0) {
             ZEVD_TRACE(trc, TRACE_ERROR, "Error: pthread_cond_signal failed. rc=%d errno=%d\n", rc,
                        errno);
             ipcSetError(1);
+            break;
         }
     }
     return taken;
