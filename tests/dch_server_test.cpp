@@ -402,6 +402,43 @@ TEST(DchServerTest, ConnectionAcceptedBeforeAnEndIsTakenNeverGetsTheEndedDescrip
     EXPECT_TRUE(zevd::test::waitFor([&] { return fcntl(ended, F_GETFD) == -1; }, kLimit));
 }
 
+// Another producer (a daemon's own thread) waits on the full queue before
+// the loop queues a connection's end: whichever of the two gets in first,
+// the descriptor stays open until the consumer has taken the end itself.
+TEST(DchServerTest, EndedDescriptorOutlivesItsDisconnectWhenAnotherProducerQueuesFirst) {
+    TraceCapture capture(kLevels);
+    LoopServer &server = startServer(1);  // the ready entry only, for now
+    TcpPeer peer(server.port());
+    ASSERT_TRUE(peer.connected());
+    ASSERT_TRUE(zevd::test::waitFor([&] { return acceptedFD(capture, 1) > 0; }, kLimit));
+    int ended = acceptedFD(capture, 1);
+    UdpPeer udp(server.port());
+    for (int i = 0; i < 4; ++i) ASSERT_TRUE(udp.send(message(20, i)));
+    ASSERT_TRUE(zevd::test::waitFor([&] { return server.sock().ipcQueueRoom() == 0; }, kLimit));
+    const std::string own = "the daemon's own entry";
+    std::thread producer([&] {
+        server.sock().ipc_put_data(static_cast<int32_t>(own.size()), own.data(), nullptr, 0,
+                                   nullptr, 0);
+    });
+    ASSERT_TRUE(capture.waitFor("Waiting for circular buffers to be freed.", kLimit));
+    peer.close();
+    ASSERT_TRUE(capture.waitFor("Waiting for circular buffers to be freed.", kLimit, 2));
+    bool disconnectSeen = false;
+    for (size_t taken = 2; taken <= 7 && !disconnectSeen; ++taken) {
+        server.grant(1);
+        ASSERT_TRUE(server.waitEntries(taken, kLimit)) << taken;
+        const QueueEntry entry = server.entries().back();
+        if (entry.text() != "DP-DISCONNECT") continue;
+        disconnectSeen = true;
+        EXPECT_EQ(entry.connectedSockFD, static_cast<uint32_t>(ended));
+        EXPECT_NE(fcntl(ended, F_GETFD), -1) << "closed before its end was served";
+    }
+    producer.join();
+    EXPECT_TRUE(disconnectSeen);
+    server.grantAll();
+    EXPECT_TRUE(zevd::test::waitFor([&] { return fcntl(ended, F_GETFD) == -1; }, kLimit));
+}
+
 // A port that datagrams keep ready does not hold the connections: while
 // both wait, the loop gives them turns. Here the consumer takes one entry
 // at a time, so datagrams wait at the port on every pass.

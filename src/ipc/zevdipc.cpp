@@ -167,13 +167,23 @@ int32_t DCHipc::ipcQueueRoom() const {
     return kQueueFull - loadIndex(_ipcCircularBuffer->num_full);
 }
 
+uint64_t DCHipc::ipcPutNumbered(const ipcMessage &message) {
+    ZEVD_TRACE_FUNCTION("DCHipc::ipc_put_data");
+    uint64_t stored = 0;
+    putMessages(trc, &message, 1, &stored);
+    trc.exit();
+    return stored;
+}
+
 void DCHipc::ipc_put_batch(const ipcMessage *messages, int32_t count) {
     ZEVD_TRACE_FUNCTION("DCHipc::ipc_put_data");
     if (messages != nullptr && count > 0) putMessages(trc, messages, count);
     trc.exit();
 }
 
-void DCHipc::putMessages(::zevd::TraceFrame &trc, const ipcMessage *messages, int32_t count) {
+void DCHipc::putMessages(::zevd::TraceFrame &trc, const ipcMessage *messages, int32_t count,
+                         uint64_t *stored) {
+    if (stored != nullptr) *stored = 0;
     // The consumer writes the same error word, so this side decides on its
     // own copy and stores each change into the word as it goes.
     ipcSetError(0);
@@ -220,7 +230,12 @@ void DCHipc::putMessages(::zevd::TraceFrame &trc, const ipcMessage *messages, in
                 ipcSetError(error);
             }
         }
-        if (error == 0) storeMessage(trc, m);
+        if (error == 0) {
+            uint64_t before = _entriesQueued.load(std::memory_order_relaxed);
+            storeMessage(trc, m);
+            uint64_t after = _entriesQueued.load(std::memory_order_relaxed);
+            if (stored != nullptr) *stored = after != before ? after : 0;
+        }
         // Signalled even when the message was not stored.
         unsignalled = true;
         if (error != 0) break;
@@ -375,7 +390,12 @@ int32_t DCHipc::takeEntries(::zevd::TraceFrame &trc, ipcEntry *entries, int32_t 
     int32_t error = 0;  // this side's own copy, as in ipc_put_data
     ipcCircularBuffer *cb = _ipcCircularBuffer;
     // Back for more: what this side took before is served.
-    ipcEntriesFinished(_entriesTaken.load(std::memory_order_relaxed));
+    uint64_t done = _entriesTaken.load(std::memory_order_relaxed);
+    // Published before the hook looks (sequentially consistent, as the
+    // producer's side reads it): a producer that lists an entry after the
+    // hook has looked sees that it is finished already.
+    _entriesFinished.store(done);
+    ipcEntriesFinished(done);
     ZEVD_TRACE(trc, TRACE_DETAIL, "Entry: start_idx=%d and num_full=%d\n", loadIndex(cb->start_idx),
                loadIndex(cb->num_full));
 

@@ -170,7 +170,15 @@ protected:
     // 1 when the entry stays at the head.
     int32_t takeHead(::zevd::TraceFrame &trc, ipcEntry &out);
     // The producer's side of the lock for ipc_put_data and ipc_put_batch.
-    void putMessages(::zevd::TraceFrame &trc, const ipcMessage *messages, int32_t count);
+    // *stored, when given, is the number the last message was stored as
+    // (entries are numbered from 1 in the order they are stored), or 0 when
+    // it was not stored.
+    void putMessages(::zevd::TraceFrame &trc, const ipcMessage *messages, int32_t count,
+                     uint64_t *stored = nullptr);
+    // Queues one message as ipc_put_data does, and returns the number it
+    // was stored as, or 0 when it was not: read under the queue's lock, so
+    // no other producer's entry can take it.
+    uint64_t ipcPutNumbered(const ipcMessage &message);
     // Stores m in the next free slot, with the queue lock held and room in
     // the queue.
     void storeMessage(::zevd::TraceFrame &trc, const ipcMessage &m);
@@ -182,11 +190,15 @@ protected:
     virtual void ipcEntriesFinished(uint64_t done);
     // Entries stored since the queue was made, and entries taken.
     uint64_t ipcEntriesQueued() const { return _entriesQueued.load(std::memory_order_acquire); }
+    // The entries the consumer had finished with when it last came back
+    // (what ipcEntriesFinished was last given).
+    uint64_t ipcEntriesDone() const { return _entriesFinished.load(); }
 
     // Shared by producer and consumer without a lock: last writer wins.
     std::atomic<int32_t> _ipcError;
     std::atomic<uint64_t> _entriesQueued{0};
     std::atomic<uint64_t> _entriesTaken{0};
+    std::atomic<uint64_t> _entriesFinished{0};
     int16_t _ipcType;
     int16_t _typeOfService;
     ipcCircularBuffer *_ipcCircularBuffer = nullptr;

@@ -212,6 +212,9 @@ protected:
     // Closes the ended connections whose "DP-DISCONNECT" the consumer has
     // finished with.
     void ipcEntriesFinished(uint64_t done) override;
+    // Closes the ended connections whose entry is done or earlier, under
+    // _sockClientLock.
+    void closeEnded(uint64_t done);
     // What a client slot's message came to: queued whole, "RESEND_MESSAGE"
     // (and the connection closed when it was cut off), or "DP-DISCONNECT".
     void sockFinishMessage(ipcServerState &state, int32_t fd, int32_t slot,

@@ -743,25 +743,41 @@ void ipcSock::sockDisconnect(ipcServerState &state, int32_t fd, int32_t slot) {
     // accepted meanwhile under the same number.
     bool locked = ZEVA_GetLock(&_sockClientLock, this) == 0;
     shutdown(fd, SHUT_RDWR);
-    _sockEnded.push_back({fd, ipcEntriesQueued() + 1});
-    _sockEndedCount.store(static_cast<int32_t>(_sockEnded.size()), std::memory_order_release);
     if (locked) ZEVA_ReleaseLock(&_sockClientLock, this);
     _sockClientFD[slot] = 0;
     state.assemblies[slot].reset();
     memset(state.workBuffer, 0, sizeof state.workBuffer);
     memcpy(state.workBuffer, kDisconnect, sizeof kDisconnect - 1);
-    ipc_put_data(sizeof kDisconnect - 1, state.workBuffer, &state.sockClientAddr,
-                 kQueuedAddressLength, nullptr, static_cast<uint32_t>(fd));
+    // The entry's own number, taken as it is stored: a daemon's own threads
+    // queue entries too, and one of theirs may come in first.
+    uint64_t entry = ipcPutNumbered({static_cast<int32_t>(sizeof kDisconnect - 1), state.workBuffer,
+                                     &state.sockClientAddr, kQueuedAddressLength, nullptr,
+                                     static_cast<uint32_t>(fd)});
+    // Not stored (memory ran out): closed once what is queued now is served.
+    if (entry == 0) entry = ipcEntriesQueued();
+    locked = ZEVA_GetLock(&_sockClientLock, this) == 0;
+    _sockEnded.push_back({fd, entry});
+    _sockEndedCount.store(static_cast<int32_t>(_sockEnded.size()));
+    // The consumer may have finished with it already, before it was listed
+    // (the count above and its own, published before it looks, are read in
+    // one order by both sides): then it is closed here, not left open until
+    // the consumer comes back again.
+    if (entry <= ipcEntriesDone()) closeEnded(entry);
+    if (locked) ZEVA_ReleaseLock(&_sockClientLock, this);
 }
 
-void ipcSock::ipcEntriesFinished(uint64_t done) {
-    if (_sockEndedCount.load(std::memory_order_acquire) == 0) return;
-    bool locked = ZEVA_GetLock(&_sockClientLock, this) == 0;
+void ipcSock::closeEnded(uint64_t done) {
     auto finished = [done](const sockEnded &ended) { return ended.entry <= done; };
     for (const sockEnded &ended : _sockEnded)
         if (finished(ended)) ZEV0_CloseTheSocket(ended.fd);
     std::erase_if(_sockEnded, finished);
-    _sockEndedCount.store(static_cast<int32_t>(_sockEnded.size()), std::memory_order_release);
+    _sockEndedCount.store(static_cast<int32_t>(_sockEnded.size()));
+}
+
+void ipcSock::ipcEntriesFinished(uint64_t done) {
+    if (_sockEndedCount.load() == 0) return;
+    bool locked = ZEVA_GetLock(&_sockClientLock, this) == 0;
+    closeEnded(done);
     if (locked) ZEVA_ReleaseLock(&_sockClientLock, this);
 }
 
