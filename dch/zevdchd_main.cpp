@@ -270,8 +270,11 @@ int run(int argc, char **argv) {
     auto lastTick = std::chrono::steady_clock::now();
     for (;;) {
         // The receive loop ends only when its select fails for good; a
-        // daemon that can no longer hear must not stay up.
-        if (sock->ipcGetError() != 0) {
+        // daemon that can no longer hear must not stay up. Asked of the
+        // loop itself: the queue's error word, which says so too, is
+        // written over by the next entry put or taken (a tick, a metrics
+        // snapshot, the worker's next take).
+        if (sock->sockLoopEnded()) {
             ZEVD_TRACE_LEVEL("zevdchd");
             ZEVD_TRACE(trc, TRACE_ERROR,
                        "Error: the receive loop ended (select failed: errno %d): exiting\n",
@@ -291,7 +294,6 @@ int run(int argc, char **argv) {
             sock->ipc_put_data(static_cast<int32_t>(sizeof kTickText), kTickText, nullptr, 0,
                                nullptr, 0);
         }
-        if (received < 0) continue;
         if (received < 0) continue;
         if (received == SIGUSR1) {
             writeCounters(*dch, *worker);

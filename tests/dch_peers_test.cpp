@@ -506,8 +506,8 @@ TEST(DchPeersTest, AnswerToAClientThatIsGoneDoesNotKeepTheLoopTurning) {
     EXPECT_EQ(exitCode(daemon.stop(SIGTERM)), 0);
 }
 
-TEST(DchPeersTest, ReceiveLoopThatEndsEndsTheDaemonWithStatusOne) {
-    DaemonProcess daemon({}, {"ZEVDCHD_TEST_BREAK_LOOP=1"});
+void expectEndsWhenTheLoopEnds(const std::vector<std::string> &args) {
+    DaemonProcess daemon(args, {"ZEVDCHD_TEST_BREAK_LOOP=1"});
     ASSERT_TRUE(daemon.start()) << daemon.trace();
     // The loop's select sees the closed port on its next pass. A datagram
     // wakes it (the socket lives on under the waiting select), again until
@@ -526,6 +526,16 @@ TEST(DchPeersTest, ReceiveLoopThatEndsEndsTheDaemonWithStatusOne) {
                                   "descriptor): exiting"),
               std::string::npos)
         << daemon.trace();
+}
+
+// With --source-ttl, the daemon's own tick goes through the queue every
+// second as well: the loop's end is still seen.
+TEST(DchPeersTest, ReceiveLoopThatEndsEndsTheDaemonWithStatusOne) {
+    for (const std::vector<std::string> &args :
+         {std::vector<std::string>{}, std::vector<std::string>{"--source-ttl", "1"}}) {
+        SCOPED_TRACE(args.empty() ? "plain" : "with --source-ttl 1");
+        expectEndsWhenTheLoopEnds(args);
+    }
 }
 
 }  // namespace

@@ -1093,6 +1093,14 @@ TEST(DchServerTest, FailedSelectEndsTheLoop) {
     EXPECT_TRUE(capture.hasText("Error: select failed. <9>\n"));
     EXPECT_TRUE(capture.hasText("Error: IPC errors[2], cannot continue.\n"));
     EXPECT_TRUE(zevd::test::waitFor([&] { return server.sock().ipcGetError() == 1; }, kLimit));
+    EXPECT_TRUE(server.sock().sockLoopEnded());
+    EXPECT_EQ(server.sock().sockEndErrno(), EBADF);
+    // Kept: the error word is the queue's too, and the next entry put
+    // writes over it; that the loop has ended is asked of the loop.
+    const char entry[] = "an entry of the daemon's own";
+    server.sock().ipc_put_data(sizeof entry, entry, nullptr, 0, nullptr, 0);
+    EXPECT_EQ(server.sock().ipcGetError(), 0);
+    EXPECT_TRUE(server.sock().sockLoopEnded());
     close(client);
 }
 

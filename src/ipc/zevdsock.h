@@ -158,6 +158,10 @@ public:
     const char *sockFailure() const { return _sockFailure; }
     // The errno of the select that ended the server loop, 0 while it runs.
     int32_t sockEndErrno() const { return _sockEndErrno.load(); }
+    // True once the server loop has ended. Set by the loop alone: the
+    // transport's error word says so too, but the queue's next put or take
+    // writes over it.
+    bool sockLoopEnded() const { return _sockLoopEnded.load(); }
     // Where the datagrams the DCH port sent and that were refused went (the
     // port's error queue, filled once its owner sets IP_RECVERR): what the
     // server loop has read of it, then what is left in it, up to a bound.
@@ -256,6 +260,7 @@ protected:
     // atomic accesses.
     int32_t _sockError = 0;
     std::atomic<int32_t> _sockEndErrno{0};
+    std::atomic<bool> _sockLoopEnded{false};
     // Reads up to limit entries of the UDP port's error queue into refused.
     // Returns how many entries it read (refusals or not).
     int readErrorQueue(std::vector<struct sockaddr_in> &refused, int limit);

@@ -457,6 +457,7 @@ int32_t ipcSock::IPCServer() {
     int32_t severity = loadShared(_sockError);
     ::zevd::TraceFrame last(trc.record(), false);
     ZEVD_TRACE(last, TRACE_ERROR, "Error: IPC errors[%d], cannot continue.\n", severity);
+    _sockLoopEnded.store(true);
     return trc.exit(severity);
 }
 
