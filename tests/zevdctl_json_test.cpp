@@ -55,6 +55,13 @@ long sendRow(long handle, const std::string &s, int32_t n, int16_t h) {
     return status;
 }
 
+size_t countOf(const std::string &text, const std::string &part) {
+    size_t count = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
+        ++count;
+    return count;
+}
+
 // Rows sent until every watch shows one: their subscriptions are in place
 // then.
 void warmUp(long handle, const std::vector<ChildProgram *> &watches) {
@@ -123,8 +130,9 @@ TEST(ZevdctlJsonTest, EveryLineIsOneObjectAndGivesEachValueBack) {
     dp_offline(&status, handle);
 }
 
-TEST(ZevdctlJsonTest, RowsBeforeTheCatalogueKnowsTheirGroupHaveStringValues) {
-    // Watched before its application registers: the watch has no types.
+TEST(ZevdctlJsonTest, RowsOfAGroupRegisteredAfterTheWatchBeganGetTheirTypes) {
+    // Watched before its application registers: the watch has no types
+    // until its first row, which sends it to the catalogue again.
     ChildProgram lines({ZEVDCTL_PATH, "--json", "watch", "early", "g"});
     ChildProgram table({ZEVDCTL_PATH, "watch", "early", "g"});
     ASSERT_TRUE(lines.started() && table.started());
@@ -150,17 +158,69 @@ TEST(ZevdctlJsonTest, RowsBeforeTheCatalogueKnowsTheirGroupHaveStringValues) {
     ASSERT_EQ(rows.size(), kTexts.size() + 1) << lines.output();
     for (size_t i = 0; i < kTexts.size(); ++i) {
         SCOPED_TRACE(kTexts[i]);
-        for (const auto &[name, value] : rows[i]["values"].items())
-            EXPECT_TRUE(value.is_string()) << name << " " << rows[i].dump();
-        // Each reads as a text. (Of 2 or 4 bytes with its zero, only UTF-8
-        // without control characters but tabs and line ends does: "\x1b"
-        // alone would read as a number.)
         EXPECT_EQ(rows[i]["values"]["s"], expectedBack(kTexts[i]));
-        EXPECT_EQ(rows[i]["values"]["n"], std::to_string(-1000 * static_cast<int>(i) - 7));
+        EXPECT_EQ(rows[i]["values"]["n"], -1000 * static_cast<int>(i) - 7) << rows[i].dump();
     }
     EXPECT_EQ(rawControlByte(table.output()), "") << table.output();
+    // One header: the columns came from the catalogue with the first row.
+    EXPECT_EQ(countOf(table.output(), "SOURCE"), 1u) << table.output();
     dp_offline(&status, handle);
     dp_unregister(&status, "early");
+}
+
+// A group registered again with one more attribute while it is watched:
+// the first row that names it sends the watch to the catalogue again, and
+// the table shows its header again with the new column.
+TEST(ZevdctlJsonTest, AttributesRegisteredAfterTheWatchBeganGetColumnsOfTheirOwn) {
+    long status = -1, handle = 0;
+    dp_register(&status, "APPL grow;GROUP g;ATTR s D 64");
+    ASSERT_EQ(status, 0);
+    dp_online(&status, &handle, "grow", "g", "src");
+    ASSERT_EQ(status, 0);
+    ChildProgram lines({ZEVDCTL_PATH, "--json", "watch", "grow", "g"});
+    ChildProgram table({ZEVDCTL_PATH, "watch", "grow", "g"});
+    ASSERT_TRUE(lines.started() && table.started());
+    auto send = [&](const std::string &text, const int32_t *number) {
+        char *row = nullptr;
+        long size = 0;
+        dp_formatData(&status, &row, &size, "s", text.c_str(), static_cast<long>(text.size() + 1),
+                      'D');
+        if (number != nullptr) dp_formatData(&status, &row, &size, "n", number, 4, 'A');
+        dp_data(&status, handle, 0, &row);
+        return status;
+    };
+    for (ChildProgram *watch : {&lines, &table}) {
+        for (int i = 0; i < 200 && !watch->readUntil("warm-up", 100ms); ++i)
+            ASSERT_EQ(send("warm-up", nullptr), 0);
+        ASSERT_NE(watch->output().find("warm-up"), std::string::npos) << watch->errors();
+    }
+    dp_register(&status, "APPL grow;GROUP g;ATTR s D 64;ATTR n A 4");
+    ASSERT_EQ(status, 0);
+    const int32_t number = 42;
+    ASSERT_EQ(send("grown", &number), 0);
+    for (ChildProgram *watch : {&lines, &table}) {
+        ASSERT_TRUE(watch->readUntil("grown")) << watch->output() << watch->errors();
+        kill(watch->pid(), SIGINT);
+        EXPECT_EQ(exitCode(watch->wait()), 0) << watch->errors();
+    }
+    std::vector<nlohmann::json> rows;
+    std::string problem;
+    ASSERT_TRUE(jsonLines(lines.output(), &rows, &problem)) << problem;
+    ASSERT_FALSE(rows.empty());
+    EXPECT_EQ(rows.back()["values"]["s"], "grown");
+    EXPECT_EQ(rows.back()["values"]["n"], 42) << rows.back().dump();
+    // The header again, with the new column, then the row with its value.
+    const std::string &shown = table.output();
+    EXPECT_EQ(countOf(shown, "SOURCE"), 2u) << shown;
+    size_t header = shown.rfind("SOURCE");
+    size_t lineEnd = shown.find('\n', header);
+    ASSERT_NE(lineEnd, std::string::npos);
+    EXPECT_NE(shown.substr(header, lineEnd - header).find(" n"), std::string::npos) << shown;
+    size_t grown = shown.find("grown");
+    ASSERT_NE(grown, std::string::npos);
+    EXPECT_NE(shown.substr(grown).find("42"), std::string::npos) << shown;
+    dp_offline(&status, handle);
+    dp_unregister(&status, "grow");
 }
 
 }  // namespace

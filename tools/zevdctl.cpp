@@ -16,6 +16,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -333,6 +334,49 @@ void *cancelOnSignal(void *signals) {
     return nullptr;
 }
 
+// Adds to columns what the catalogue says of group's attributes: the ones
+// it has no column for yet, and the type of a column taken from a row.
+void learnColumns(const std::string &text, const std::string &group,
+                  std::vector<CatalogueAttribute> &columns) {
+    for (const CatalogueAttribute &a : parseAttributes(text)) {
+        if (a.group != group) continue;
+        auto known = std::find_if(columns.begin(), columns.end(), [&](const auto &column) {
+            return column.attribute == a.attribute;
+        });
+        if (known == columns.end())
+            columns.push_back(a);
+        else if (known->type == 0)
+            *known = a;
+    }
+}
+
+// A row that names an attribute the watch has no column for (its group
+// registered, or registered again, since the watch began): the catalogue
+// is asked again, once for each such name, and every attribute it still
+// does not know gets a column of unknown type. True when columns changed.
+bool newColumns(const Options &options, const std::string &appl, const std::string &group,
+                const Row &row, std::vector<CatalogueAttribute> &columns,
+                std::set<std::string> &askedFor) {
+    bool unseen = false;
+    for (const auto &[name, value] : row.values)
+        if (askedFor.insert(name).second) unseen = true;
+    if (!unseen) return false;
+    size_t before = columns.size();
+    std::vector<char> typesBefore;
+    for (const CatalogueAttribute &column : columns) typesBefore.push_back(column.type);
+    std::string text;
+    if (ask(kAttributes, options, appl.c_str(), text) == Answer::text)
+        learnColumns(text, group, columns);
+    for (const auto &[name, value] : row.values) {
+        bool known = std::any_of(columns.begin(), columns.end(),
+                                 [&](const auto &column) { return column.attribute == name; });
+        if (!known) columns.push_back({group, name, 0, static_cast<int>(value.size())});
+    }
+    for (size_t i = 0; i < before; ++i)
+        if (columns[i].type != typesBefore[i]) return true;
+    return columns.size() != before;
+}
+
 int watch(const Options &options, const Arguments &args) {
     const std::string &appl = args[0];
     const std::string &group = args[1];
@@ -344,8 +388,9 @@ int watch(const Options &options, const Arguments &args) {
     std::string text;
     Answer answer = ask(kAttributes, options, appl.c_str(), text);
     if (answer != Answer::text && answer != Answer::empty) return askFailed(answer, options);
-    for (const CatalogueAttribute &a : parseAttributes(text))
-        if (a.group == group) columns.push_back(a);
+    learnColumns(text, group, columns);
+    std::set<std::string> askedFor;
+    for (const CatalogueAttribute &column : columns) askedFor.insert(column.attribute);
     if (columns.empty())
         fprintf(stderr,
                 "zevdctl: %s %s is not in the catalogue yet; columns come from the first row\n",
@@ -371,12 +416,8 @@ int watch(const Options &options, const Arguments &args) {
             fprintf(stderr, "zevdctl: a message that is not a row was skipped\n");
             continue;
         }
-        // Without the catalogue the first row names the columns; their
-        // types stay unknown, so their values are shown as read and
-        // written to JSON as strings.
-        if (columns.empty())
-            for (const auto &[name, value] : row.values)
-                columns.push_back({group, name, 0, static_cast<int>(value.size())});
+        // A table shows its header again when the columns grow.
+        if (newColumns(options, appl, group, row, columns, askedFor)) headerDone = false;
         if (options.json) {
             fputs(jsonLine(rowJson(row, columns)).c_str(), stdout);
         } else {
