@@ -10,7 +10,7 @@ echo "$out"
 for line in "zevdchd  | zevdchd ready on port" "consumer | waiting for rows of demo disk" \
     "provider | dp_unregister  result 0 status 0" "consumer |   mount = /home" \
     "consumer |   inodes = 50211" "consumer | status demo,disk,node-1,127.0.0.1," \
-    "consumer | cancelled" "zevdctl  | node-1        1       /var   87       50211   1" \
+    "consumer | cancelled" "zevdctl  | node-1        1       /var                      87           50211        1" \
     "zevdchd  | rows_forwarded 6" "== done"; do
     echo "$out" | grep -qF -- "$line" || { echo "missing: $line"; exit 1; }
 done
