@@ -196,6 +196,16 @@ int run(int argc, char **argv) {
         }
     }
     if (optind < argc) return usageError(std::string("unexpected argument '") + argv[optind] + "'");
+    // The environment the library reads is checked as the options are: a
+    // port that is no port would otherwise open one of the system's choice.
+    if (const char *port = getenv("ZEVA_DCH_PORT");
+        port != nullptr && *port != '\0' && limitValue(port, 65535) == 0)
+        return usageError(std::string("ZEVA_DCH_PORT takes 1 to 65535, not '") + port + "'");
+    if (const char *timeout = getenv("ZEVA_DCH_TIMEOUT"); timeout != nullptr && *timeout != '\0' &&
+                                                          strcmp(timeout, "0") != 0 &&
+                                                          limitValue(timeout, 32767) == 0)
+        return usageError(std::string("ZEVA_DCH_TIMEOUT takes 0 to 32767 seconds, not '") +
+                          timeout + "'");
     long receiveBufferSize = kDefaultReceiveBuffer;
     if (receiveBuffer == nullptr) receiveBuffer = getenv("ZEVA_DCH_RCVBUF");
     if (receiveBuffer != nullptr && (receiveBufferSize = receiveBufferBytes(receiveBuffer)) < 0)

@@ -20,6 +20,7 @@
 
 #include "common/message.h"
 #include "common/thread_slice.h"
+#include "support/child_program.h"
 #include "support/dch_daemon.h"
 #include "support/dch_server.h"
 #include "support/loopback.h"
@@ -206,6 +207,32 @@ TEST(DchProcessTest, LimitsOutOfTheirRangesAreUsageErrors) {
                   std::string::npos)
             << daemon.trace();
     }
+}
+
+// The environment the library reads is checked as the options are. (A
+// daemon of the tests' own always has --port, which then stands.)
+TEST(DchProcessTest, PortOrTimeOutFromTheEnvironmentThatIsBadIsAUsageError) {
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"ZEVA_DCH_PORT=abc", "ZEVA_DCH_PORT takes 1 to 65535, not 'abc'"},
+        {"ZEVA_DCH_PORT=0", "ZEVA_DCH_PORT takes 1 to 65535, not '0'"},
+        {"ZEVA_DCH_PORT=99999", "ZEVA_DCH_PORT takes 1 to 65535, not '99999'"},
+        {"ZEVA_DCH_PORT=20200x", "ZEVA_DCH_PORT takes 1 to 65535, not '20200x'"},
+        {"ZEVA_DCH_TIMEOUT=abc", "ZEVA_DCH_TIMEOUT takes 0 to 32767 seconds, not 'abc'"},
+        {"ZEVA_DCH_TIMEOUT=-1", "ZEVA_DCH_TIMEOUT takes 0 to 32767 seconds, not '-1'"},
+    };
+    for (const auto &[env, said] : cases) {
+        SCOPED_TRACE(env);
+        ChildProgram daemon({ZEVD_DAEMON_PATH}, {env, "ZEVA_DCH_BIND=127.0.0.1"});
+        ASSERT_TRUE(daemon.started());
+        EXPECT_EQ(exitCode(daemon.wait()), 2);
+        EXPECT_NE(daemon.errors().find("zevdchd: " + said + "\nTry 'zevdchd --help'."),
+                  std::string::npos)
+            << daemon.errors();
+    }
+    // With --port, the environment's port is not used.
+    DaemonProcess daemon({}, {"ZEVA_DCH_PORT=abc"});
+    ASSERT_TRUE(daemon.start()) << daemon.trace();
+    EXPECT_EQ(exitCode(daemon.stop(SIGTERM)), 0);
 }
 
 TEST(DchProcessTest, MaxCatalogueBoundsWhatARegisterMayAdd) {
