@@ -165,6 +165,22 @@ TEST(DchProcessTest, PortThatIsTakenEndsItWithStatusOneAndItsLines) {
     EXPECT_EQ(daemon.output().find("ready"), std::string::npos);
 }
 
+// An address of another host to serve on: the reason in words, and the
+// setting to look at.
+TEST(DchProcessTest, BindAddressOfAnotherHostEndsItWithStatusOneAndTheReasonInWords) {
+    // 192.0.2.0/24 is for documentation only: no host has it.
+    const std::string p = std::to_string(freeLoopbackPort());
+    ChildProgram daemon({ZEVD_DAEMON_PATH, "--port", p}, {"ZEVA_DCH_BIND=192.0.2.1"});
+    ASSERT_TRUE(daemon.started());
+    EXPECT_EQ(exitCode(daemon.wait()), 1);
+    EXPECT_NE(daemon.errors().find("zevdchd: libzevd610: could not open DCH port " + p +
+                                   " (UDP: Cannot assign requested address, errno 99; TCP: "
+                                   "Cannot assign requested address, errno 99); ZEVA_DCH_BIND "
+                                   "must be an address of this host, exiting\n"),
+              std::string::npos)
+        << daemon.errors();
+}
+
 TEST(DchProcessTest, BadUsageEndsItWithStatusTwo) {
     for (const std::vector<std::string> &args :
          std::vector<std::vector<std::string>>{{"--bogus"},

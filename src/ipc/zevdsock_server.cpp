@@ -203,8 +203,14 @@ int32_t ipcSock::allocateDCHport() {
             if (udpError == EADDRINUSE || tcpError == EADDRINUSE)
                 zevd::endProcess(0, "DCH port %d is in use (another copy of %s may be active)",
                                  port, productName);
-            zevd::endProcess(0, "could not open DCH port %d (UDP errno %d, TCP errno %d)", port,
-                             udpError, tcpError);
+            // The reasons in words, and the setting that most often causes
+            // an address that cannot be assigned.
+            zevd::endProcess(0,
+                             "could not open DCH port %d (UDP: %s, errno %d; TCP: %s, errno %d)%s",
+                             port, strerror(udpError), udpError, strerror(tcpError), tcpError,
+                             udpError == EADDRNOTAVAIL || tcpError == EADDRNOTAVAIL
+                                 ? "; ZEVA_DCH_BIND must be an address of this host"
+                                 : "");
         }
         ZEVD_TRACE(trc, TRACE_DETAIL, "Opened DCH port %d _sockUDP[%d] _sockTCP[%d] for %s\n", port,
                    _sockUDP, _sockTCP, productName);
