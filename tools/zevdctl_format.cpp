@@ -190,7 +190,11 @@ bool parsePair(const std::string &text, Pair &pair, std::string *why) {
     std::string nameWhy;
     if (!checkName(NameKind::attribute, name, &nameWhy)) return fail(nameWhy);
     std::string rest = text.substr(equals + 1);
-    if (rest.size() < 2 || rest[1] != ':') return fail("no TYPE: after the '='");
+    size_t colon = rest.find(':');
+    if (colon == std::string::npos || colon == 0) return fail("no TYPE: after the '='");
+    // A type is one letter: "AB:1" has a colon, but not after a type.
+    if (colon != 1)
+        return fail("the type '" + rest.substr(0, colon) + "' is not one letter A to Z");
     char type = rest[0];
     if (type < 'A' || type > 'Z') return fail("the type is not a letter A to Z");
     std::string value = rest.substr(2);
