@@ -362,15 +362,17 @@ bool newColumns(const Options &options, const std::string &appl, const std::stri
         if (askedFor.insert(name).second) unseen = true;
     if (!unseen) return false;
     size_t before = columns.size();
-    std::vector<char> typesBefore;
-    for (const CatalogueAttribute &column : columns) typesBefore.push_back(column.type);
+    std::vector<char> typesBefore(columns.size());
+    for (size_t i = 0; i < columns.size(); ++i) typesBefore[i] = columns[i].type;
     std::string text;
     if (ask(kAttributes, options, appl.c_str(), text) == Answer::text)
         learnColumns(text, group, columns);
-    for (const auto &[name, value] : row.values) {
-        bool known = std::any_of(columns.begin(), columns.end(),
-                                 [&](const auto &column) { return column.attribute == name; });
-        if (!known) columns.push_back({group, name, 0, static_cast<int>(value.size())});
+    for (const auto &named : row.values) {
+        bool known = std::any_of(columns.begin(), columns.end(), [&](const auto &column) {
+            return column.attribute == named.first;
+        });
+        if (!known)
+            columns.push_back({group, named.first, 0, static_cast<int>(named.second.size())});
     }
     for (size_t i = 0; i < before; ++i)
         if (columns[i].type != typesBefore[i]) return true;
