@@ -75,6 +75,14 @@ expect zevdchd \
 expect zevdctl \
   /usr/bin/zevdctl /usr/share/man/man1/zevdctl.1.gz \
   /usr/share/doc/zevdctl/changelog.gz /usr/share/doc/zevdctl/copyright
+# The daemon's maintainer scripts: the receive-buffer limit raised only
+# where it is lower, and its state and trace files gone with a purge.
+deb="$(ls "$out"/zevdchd_*.deb)"
+dpkg-deb -I "$deb" postinst | grep -q '"$have" -lt "$want"' ||
+  { echo "zevdchd: postinst does not leave a larger rmem_max alone"; exit 1; }
+dpkg-deb -I "$deb" postrm | grep -q 'purge' &&
+  dpkg-deb -I "$deb" postrm | grep -q 'rm -rf /var/lib/private/zevdchd' ||
+  { echo "zevdchd: postrm does not remove the state at a purge"; exit 1; }
 # The library's SONAME, and no runpath in the system's directories.
 dpkg-deb --fsys-tarfile "$(ls "$out"/libzevd610-6_*.deb)" |
   tar -xO "./usr/lib/$arch/libzevd610.so.6.1.0" >"$out/libzevd610.so"

@@ -12,7 +12,8 @@ for setting in Type=notify Restart=on-failure DynamicUser=yes StateDirectory=zev
     'EnvironmentFile=-' 'ExecReload=/bin/kill -HUP $MAINPID' ProtectSystem=strict \
     ProtectHome=yes PrivateTmp=yes PrivateDevices=yes NoNewPrivileges=yes \
     'CapabilityBoundingSet=$' 'RestrictAddressFamilies=AF_INET AF_UNIX' \
-    SystemCallFilter=@system-service; do
+    SystemCallFilter=@system-service 'SystemCallFilter=sched_setattr$' \
+    'RestartPreventExitStatus=2$' 'LogsDirectory=zevdchd$'; do
     grep -q "^$setting" "$service" || { echo "zevdchd.service lacks $setting"; exit 1; }
 done
 grep -q '^ListenDatagram=' "$socket" && grep -q '^ListenStream=' "$socket" ||
