@@ -90,6 +90,8 @@ int main(void) {
     int failed = 0;
     size_t i;
 
+    /* Each step's line as it happens, into a pipe too. */
+    setvbuf(stdout, NULL, _IOLBF, 0);
     printf("DCH at %s, port %s\n", addr != NULL ? addr : "(this host)",
            port != NULL ? port : "1919");
 

@@ -107,7 +107,7 @@ if $hold; then
 fi
 
 echo "== running the provider: register, online, three rows, offline, unregister"
-stdbuf -oL "$bin/provider" | sed -u 's/^/provider | /'
+"$bin/provider" | sed -u 's/^/provider | /'
 
 # The last status line the consumer prints is the unregister (request type 4128).
 if ! waitfor "$work/consumer.out" "^status demo,,,.*,4128$" 10; then
