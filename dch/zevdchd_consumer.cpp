@@ -35,7 +35,7 @@ public:
     // Adds a line of values, unless the text is past the room already (the
     // line end before the room is then known, and the answer is cut there).
     void add(std::initializer_list<std::string_view> values) {
-        if (text_.size() > room_) return;
+        if (full()) return;
         if (!text_.empty()) text_ += '\n';
         bool first = true;
         for (std::string_view value : values) {
@@ -44,6 +44,8 @@ public:
             first = false;
         }
     }
+    // Past the room: the catalogue need not be walked further.
+    bool full() const { return text_.size() > room_; }
     const std::string &text() const { return text_; }
 
 private:
@@ -92,10 +94,13 @@ void Dch::onGetApplAttributes(FieldReader &reader, const Request &request) {
     const Application *application = nullptr;
     if (!readQuery(reader, request, application)) return trc.exit();
     if (application != nullptr) {
-        for (Group group : application->groups())
-            for (Attribute a : group.attributes())
+        for (Group group : application->groups()) {
+            for (Attribute a : group.attributes()) {
+                if (lines.full()) break;
                 lines.add(
                     {group.name(), a.name, std::string_view(&a.type, 1), std::to_string(a.size)});
+            }
+        }
     }
     answerText(request, lines.text());
     trc.exit();
@@ -111,8 +116,12 @@ void Dch::onGetApplHelp(FieldReader &reader, const Request &request) {
         // names they do not have left empty.
         lines.add({"", "", application->help});
         for (Group group : application->groups()) {
+            if (lines.full()) break;
             lines.add({group.name(), "", group.help()});
-            for (Attribute a : group.attributes()) lines.add({group.name(), a.name, a.help});
+            for (Attribute a : group.attributes()) {
+                if (lines.full()) break;
+                lines.add({group.name(), a.name, a.help});
+            }
         }
     }
     answerText(request, lines.text());
@@ -185,6 +194,14 @@ void Dch::subscribe(std::vector<Subscriber> &list, Subscriber subscriber, int32_
         // earlier one, and must not cost it its first rows.
         forgetPeer(subscriber.peer);
         list.push_back(std::move(subscriber));
+    } else if (operation == 1) {
+        // Subscribed again: the socket at that address and port has just
+        // spoken, so what was refused there, and the failures counted
+        // against the subscription, belonged to an earlier one (a consumer
+        // that ended without withdrawing, its port taken by a new one).
+        found->failures = 0;
+        found->sendsSinceFailure = 0;
+        transport_.forget(found->peer);
     } else if (operation == 0 && found != list.end()) {
         ZEVD_TRACE(trc, TRACE_DETAIL, "%s withdrew\n", who.c_str());
         Peer gone = found->peer;

@@ -143,10 +143,13 @@ void Dch::onRegister(FieldReader &reader, const Request &request) {
             status = kFull;
         }
     }
+    if (status == kMalformed) {
+        refuseMalformed(request, why.c_str());
+        return trc.exit();
+    }
     if (status != kOk) {
         ZEVD_TRACE(trc, TRACE_ERROR, "Error: dp_register from %s port %d refused (%d): %s\n",
                    request.from.host().c_str(), request.from.port(), status, why.c_str());
-        if (status == kMalformed) ++counters_.drops[kDropMalformed];
         answerStatus(request, status);
         return trc.exit();
     }
@@ -391,10 +394,13 @@ void Dch::onData(FieldReader &reader, const Request &request) {
         }
         rowValues_.push_back(value);
     }
+    if (status == kMalformed) {
+        refuseMalformed(request, fault.c_str());
+        return trc.exit();
+    }
     if (status != kOk) {
         ZEVD_TRACE(trc, TRACE_ERROR, "Error: dp_data from %s port %d refused (%d): %s\n",
                    request.from.host().c_str(), request.from.port(), status, fault.c_str());
-        if (status == kMalformed) ++counters_.drops[kDropMalformed];
         if (status == kUnknownHandle) ++counters_.drops[kDropUnknownHandle];
         answerStatus(request, status);
         return trc.exit();

@@ -412,8 +412,9 @@ TEST(DchConsumerTest, DataSubscriptionRegistersAndWithdraws) {
     EXPECT_TRUE(d.send(dataWaitRequest("app", "grp", 1), kSubscriber).empty());
     EXPECT_TRUE(d.send(dataWaitRequest("app", "grp", 1), kSubscriber).empty());  // once only
     EXPECT_TRUE(d.send(dataWaitRequest("app", "other", 1), kSubscriber).empty());
-    // Forgotten once, when it had no subscription yet.
-    EXPECT_EQ(d.transport.forgotten, std::vector<Peer>{kSubscriber});
+    // Forgotten when it had no subscription yet, and when it subscribed to
+    // the same again; not for a further subscription.
+    EXPECT_EQ(d.transport.forgotten, (std::vector<Peer>{kSubscriber, kSubscriber}));
     d.transport.forgotten.clear();
     ASSERT_EQ(d.dch.dataSubscribers().size(), 2u);
     EXPECT_EQ(d.dch.dataSubscribers()[0].peer, kSubscriber);
@@ -441,8 +442,9 @@ TEST(DchConsumerTest, StatusSubscriptionRegistersAndWithdraws) {
     d.subscribeStatus(kSubscriber);
     d.subscribeStatus(kSubscriber2);
     d.subscribeData(kSubscriber2, "app", "grp");
-    // Each forgotten once, when it had no subscription yet.
-    EXPECT_EQ(d.transport.forgotten, (std::vector<Peer>{kSubscriber, kSubscriber2}));
+    // Each forgotten when it had no subscription yet; kSubscriber again when
+    // it subscribed again.
+    EXPECT_EQ(d.transport.forgotten, (std::vector<Peer>{kSubscriber, kSubscriber, kSubscriber2}));
     d.transport.forgotten.clear();
     ASSERT_EQ(d.dch.statusSubscribers().size(), 2u);
     EXPECT_EQ(d.dch.statusSubscribers()[0].peer, kSubscriber);
@@ -773,6 +775,12 @@ TEST_P(DchMalformedTest, BrokenRequestChangesNothing) {
                           std::vector<Fields>{c.code == ZEVD_REQ_DP_ONLINE ? status(b.status, 0)
                                                                            : status(b.status)});
                 EXPECT_TRUE(capture.contains(" from 127.0.0.1 port 40000 ")) << capture.joined();
+                // Every request that does not read is traced alike.
+                if (b.status == ZEVD_DCH_MALFORMED) {
+                    EXPECT_TRUE(capture.contains(std::string("Error: ") + c.name +
+                                                 " from 127.0.0.1 port 40000 is malformed"))
+                        << capture.joined();
+                }
                 counted = b.status == ZEVD_DCH_MALFORMED ? 1 : 0;
                 break;
             case Answer::text:
@@ -1026,6 +1034,31 @@ TEST(DchDeliveryTest, StatusSubscriberIsDroppedAfterThreeFailuresInARow) {
                   c.kept ? std::vector<Peer>{} : std::vector<Peer>{kSubscriber});
         EXPECT_EQ(d.dch.counters().statusSubscribers.load(), c.kept ? 2u : 1u);
     }
+}
+
+// A subscriber that subscribes again has just spoken from its address and
+// port: the failures counted against it and the refusals kept there were
+// an earlier socket's (one that ended without withdrawing).
+TEST(DchDeliveryTest, SubscribingAgainClearsTheFailuresAndForgetsTheRefusals) {
+    Daemon d;
+    d.registerApp("app");
+    d.subscribeStatus(kSubscriber);
+    d.transport.unreachable = {kSubscriber};
+    EXPECT_TRUE(d.send(nameListRequest()).empty());
+    EXPECT_TRUE(d.send(nameListRequest()).empty());
+    d.transport.unreachable.clear();
+    d.transport.forgotten.clear();
+    d.subscribeStatus(kSubscriber);
+    EXPECT_EQ(d.transport.forgotten, std::vector<Peer>{kSubscriber});
+    ASSERT_EQ(d.dch.statusSubscribers().size(), 1u);
+    EXPECT_EQ(d.dch.statusSubscribers().front().failures, 0);
+    // Two failures more do not drop it: it starts from none.
+    TraceCapture capture("error");
+    d.transport.unreachable = {kSubscriber};
+    EXPECT_TRUE(d.send(nameListRequest()).empty());
+    EXPECT_TRUE(d.send(nameListRequest()).empty());
+    EXPECT_EQ(d.dch.statusSubscribers().size(), 1u);
+    EXPECT_FALSE(capture.contains("dropped after 3 failed sends")) << capture.joined();
 }
 
 TEST(DchDeliveryTest, DataSubscriberIsDroppedAfterThreeFailedSends) {
