@@ -17,6 +17,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <memory>
 #include <string>
 #include <thread>
@@ -27,6 +28,7 @@
 #include "support/dch_daemon.h"
 #include "support/dch_server.h"
 #include "support/reliability.h"
+#include "support/temp_dir.h"
 #include "zev0.h"
 #include "zevd610.h"
 
@@ -506,8 +508,10 @@ TEST(DchPeersTest, AnswerToAClientThatIsGoneDoesNotKeepTheLoopTurning) {
     EXPECT_EQ(exitCode(daemon.stop(SIGTERM)), 0);
 }
 
-void expectEndsWhenTheLoopEnds(const std::vector<std::string> &args) {
-    DaemonProcess daemon(args, {"ZEVDCHD_TEST_BREAK_LOOP=1"});
+void expectEndsWhenTheLoopEnds(const std::vector<std::string> &args,
+                               const std::string &suppressions) {
+    DaemonProcess daemon(args, {"ZEVDCHD_TEST_BREAK_LOOP=1",
+                                "TSAN_OPTIONS=halt_on_error=1:suppressions=" + suppressions});
     ASSERT_TRUE(daemon.start()) << daemon.trace();
     // The loop's select sees the closed port on its next pass. A datagram
     // wakes it (the socket lives on under the waiting select), again until
@@ -531,10 +535,16 @@ void expectEndsWhenTheLoopEnds(const std::vector<std::string> &args) {
 // With --source-ttl, the daemon's own tick goes through the queue every
 // second as well: the loop's end is still seen.
 TEST(DchPeersTest, ReceiveLoopThatEndsEndsTheDaemonWithStatusOne) {
+    // The hook closes the port from the worker while the loop may be
+    // receiving on it: in a build with the thread checker, that one race,
+    // made on purpose, is not reported (any other still is).
+    TempDir dir;
+    const std::string suppressions = dir.file("break-loop.supp");
+    std::ofstream(suppressions) << "race:closeThePortUnderTheLoop\n";
     for (const std::vector<std::string> &args :
          {std::vector<std::string>{}, std::vector<std::string>{"--source-ttl", "1"}}) {
         SCOPED_TRACE(args.empty() ? "plain" : "with --source-ttl 1");
-        expectEndsWhenTheLoopEnds(args);
+        expectEndsWhenTheLoopEnds(args, suppressions);
     }
 }
 

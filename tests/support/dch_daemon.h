@@ -12,6 +12,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -37,8 +38,9 @@ namespace zevd::test {
 
 class DaemonProcess {
 public:
-    // args: further options; env: further NAME=VALUE entries. port 0 picks a
-    // free loopback port.
+    // args: further options; env: further NAME=VALUE entries, each in place
+    // of this process's own of that name. port 0 picks a free loopback
+    // port.
     explicit DaemonProcess(std::vector<std::string> args = {}, std::vector<std::string> env = {},
                            uint16_t port = 0)
         : args_(std::move(args)),
@@ -75,9 +77,16 @@ public:
         argv.insert(argv.end(), args_.begin(), args_.end());
         argv.insert(argv.begin(), prefix_.begin(), prefix_.end());
         argv = wrappedCommand(std::move(argv));
+        auto given = [this](const char *entry) {
+            const char *equals = strchr(entry, '=');
+            size_t name = equals != nullptr ? static_cast<size_t>(equals - entry) + 1 : 0;
+            return name > 0 && std::any_of(env_.begin(), env_.end(), [&](const std::string &e) {
+                       return e.compare(0, name, entry, name) == 0;
+                   });
+        };
         std::vector<std::string> env;
         for (char **e = environ; *e != nullptr; ++e)
-            if (strncmp(*e, "ZEVA_", 5) != 0) env.emplace_back(*e);
+            if (strncmp(*e, "ZEVA_", 5) != 0 && !given(*e)) env.emplace_back(*e);
         env.emplace_back("ZEVA_DCH_BIND=127.0.0.1");
         env.insert(env.end(), env_.begin(), env_.end());
         std::vector<char *> argvp, envp;
