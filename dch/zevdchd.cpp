@@ -105,6 +105,7 @@ std::vector<std::string> Counters::lines() const {
     add("subscribers{kind=\"data\"}", dataSubscribers);
     add("subscribers{kind=\"status\"}", statusSubscribers);
     add("providers_online", providersOnline);
+    add("status_reports_waiting", statusReportsWaiting);
     for (int reason = 0; reason < kDropReasons; ++reason) {
         snprintf(line, sizeof line, "counter drops{reason=\"%s\"} %llu", dropReasonName(reason),
                  static_cast<unsigned long long>(drops[reason].load()));
@@ -163,6 +164,7 @@ void Dch::handle(const Request &request) {
     else
         (this->*handler->run)(reader, request);
     current_ = nullptr;
+    sendStatusReports();
     trc.exit();
 }
 
@@ -269,52 +271,58 @@ void Dch::deliverToAll(std::vector<Subscriber> &list, const MessageBuilder &mess
             ++it;
             continue;
         }
-        if (transport_.deliver(it->peer, message.buffer(), message.length())) {
-            ++(row ? counters_.rowsForwarded : counters_.statusReports);
-            if (++it->sendsSinceFailure >= kSendsThatClearFailures) it->failures = 0;
-            ++it;
-            continue;
-        }
-        ++counters_.drops[kDropSubscriberUnreachable];
-        it->sendsSinceFailure = 0;
-        if (it->peer.fd != 0) {
-            // Its connection could not take the whole message and is closed:
-            // the subscriber goes with it, whatever the count.
-            if (row)
-                ZEVD_TRACE(trc, TRACE_ERROR,
-                           "Error: data subscriber %s port %d of %s %s on connection %u dropped: "
-                           "the connection could not take a whole message\n",
-                           it->peer.host().c_str(), it->peer.port(), it->appl.c_str(),
-                           it->group.c_str(), it->peer.fd);
-            else
-                ZEVD_TRACE(trc, TRACE_ERROR,
-                           "Error: status subscriber %s port %d on connection %u dropped: the "
-                           "connection could not take a whole message\n",
-                           it->peer.host().c_str(), it->peer.port(), it->peer.fd);
-            Peer gone = it->peer;
-            it = list.erase(it);
-            forgetPeer(gone);
-            continue;
-        }
-        if (++it->failures < kMaxSendFailures) {
-            ++it;
-            continue;
-        }
-        if (row)
-            ZEVD_TRACE(trc, TRACE_ERROR,
-                       "Error: data subscriber %s port %d of %s %s dropped after %d failed sends\n",
-                       it->peer.host().c_str(), it->peer.port(), it->appl.c_str(),
-                       it->group.c_str(), it->failures);
-        else
-            ZEVD_TRACE(trc, TRACE_ERROR,
-                       "Error: status subscriber %s port %d dropped after %d failed sends\n",
-                       it->peer.host().c_str(), it->peer.port(), it->failures);
-        Peer gone = it->peer;
-        it = list.erase(it);
-        forgetPeer(gone);
+        deliverTo(list, it, message.buffer(), message.length(), row);
     }
     updateGauges();
     trc.exit();
+}
+
+void Dch::deliverTo(std::vector<Subscriber> &list, std::vector<Subscriber>::iterator &it,
+                    const char *message, size_t length, bool row) {
+    ZEVD_TRACE_LEVEL("Dch::deliverToAll");
+    if (transport_.deliver(it->peer, message, length)) {
+        ++(row ? counters_.rowsForwarded : counters_.statusReports);
+        if (++it->sendsSinceFailure >= kSendsThatClearFailures) it->failures = 0;
+        ++it;
+        return;
+    }
+    ++counters_.drops[kDropSubscriberUnreachable];
+    it->sendsSinceFailure = 0;
+    if (it->peer.fd != 0) {
+        // Its connection could not take the whole message and is closed:
+        // the subscriber goes with it, whatever the count.
+        if (row)
+            ZEVD_TRACE(trc, TRACE_ERROR,
+                       "Error: data subscriber %s port %d of %s %s on connection %u dropped: "
+                       "the connection could not take a whole message\n",
+                       it->peer.host().c_str(), it->peer.port(), it->appl.c_str(),
+                       it->group.c_str(), it->peer.fd);
+        else
+            ZEVD_TRACE(trc, TRACE_ERROR,
+                       "Error: status subscriber %s port %d on connection %u dropped: the "
+                       "connection could not take a whole message\n",
+                       it->peer.host().c_str(), it->peer.port(), it->peer.fd);
+        Peer gone = it->peer;
+        it = list.erase(it);
+        forgetPeer(gone);
+        return;
+    }
+    if (++it->failures < kMaxSendFailures) {
+        ++it;
+        return;
+    }
+    if (row)
+        ZEVD_TRACE(trc, TRACE_ERROR,
+                   "Error: data subscriber %s port %d of %s %s dropped after %d failed sends\n",
+                   it->peer.host().c_str(), it->peer.port(), it->appl.c_str(), it->group.c_str(),
+                   it->failures);
+    else
+        ZEVD_TRACE(trc, TRACE_ERROR,
+                   "Error: status subscriber %s port %d dropped after %d failed sends\n",
+                   it->peer.host().c_str(), it->peer.port(), it->failures);
+    Peer gone = it->peer;
+    it = list.erase(it);
+    forgetPeer(gone);
 }
 
 void Dch::reportStatus(int16_t requestType, const std::string &appl, const std::string &group,
@@ -327,7 +335,41 @@ void Dch::reportStatus(int16_t requestType, const std::string &appl, const std::
     message.addString(DCH_hostAddr, provider.host().c_str());
     message.addString(DCH_hostInfo, std::to_string(provider.port()).c_str());
     message.add16(DCH_requestType, requestType);
-    deliverToAll(statusSubscribers_, message, nullptr, nullptr);
+    // For those subscribed now; sent at the end of the request, or later
+    // in slices when there are too many to send at once.
+    waitingReports_.push_back({std::string(message.buffer(), message.length()), 0, subscriptions_});
+    counters_.statusReportsWaiting = waitingReports_.size();
+}
+
+bool Dch::sendStatusReports(size_t sends) {
+    ZEVD_TRACE_FUNCTION("Dch::sendStatusReports");
+    if (waitingReports_.empty()) return trc.exit(false);
+    transport_.beginDeliveries();
+    auto bySince = [](const Subscriber &s, uint64_t since) { return s.since < since; };
+    while (sends > 0 && !waitingReports_.empty()) {
+        WaitingReport &report = waitingReports_.front();
+        auto it = std::lower_bound(statusSubscribers_.begin(), statusSubscribers_.end(),
+                                   report.next, bySince);
+        for (; sends > 0 && it != statusSubscribers_.end() && it->since <= report.last; --sends) {
+            report.next = it->since + 1;
+            deliverTo(statusSubscribers_, it, report.message.data(), report.message.size(), false);
+        }
+        if (it != statusSubscribers_.end() && it->since <= report.last) break;
+        waitingReports_.pop_front();
+    }
+    updateGauges();
+    size_t waiting = waitingReports_.size();
+    // Written once each time so many wait that requests wait for them.
+    bool overdue = statusReportsOverdue();
+    if (overdue && !reportsOverdue_)
+        ZEVD_TRACE(trc, TRACE_ERROR,
+                   "Error: %zu status reports wait to be sent: requests wait until they are %zu "
+                   "or fewer\n",
+                   waiting, kMaxWaitingReports);
+    reportsOverdue_ = overdue;
+    if (waiting > 0)
+        ZEVD_TRACE(trc, TRACE_DETAIL, "%zu status reports wait, sent between requests\n", waiting);
+    return trc.exit(waiting > 0);
 }
 
 void Dch::forgetPeer(const Peer &peer) {
@@ -341,6 +383,7 @@ void Dch::updateGauges() {
     counters_.dataSubscribers = dataSubscribers_.size();
     counters_.statusSubscribers = statusSubscribers_.size();
     counters_.providersOnline = handles_.size();
+    counters_.statusReportsWaiting = waitingReports_.size();
 }
 
 void Dch::disconnect(uint32_t fd) {
@@ -370,6 +413,7 @@ void Dch::disconnect(uint32_t fd) {
     }
     updateGauges();
     if (!record.empty()) savedChange();
+    sendStatusReports();
     trc.exit();
 }
 

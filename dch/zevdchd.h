@@ -51,6 +51,15 @@ inline constexpr size_t kDefaultMaxSubscribers = 4096;
 // its refusal on every other send).
 inline constexpr int kMaxSendFailures = 3;
 inline constexpr int kSendsThatClearFailures = 16;
+// Status reports are sent this many at most in one go: an event that
+// reaches many subscribers (an unregister that takes thousands of handles
+// offline) is sent in slices between requests, not in one turn of the
+// worker.
+inline constexpr size_t kStatusSendsPerTurn = 1024;
+// Past this many reports waiting to be sent, the worker sends them before
+// it takes another request: what waits stays bounded however fast events
+// come. It holds an unregister of every handle at once.
+inline constexpr size_t kMaxWaitingReports = 2 * kMaxHandles;
 // Bytes kept of the latest value of a text attribute (the metrics page shows
 // no more of it).
 inline constexpr size_t kLatestTextMax = 256;
@@ -116,6 +125,8 @@ struct Subscriber {
     std::string group;  // data subscribers only
     int failures = 0;
     int sendsSinceFailure = 0;
+    uint64_t since = 0;  // when it subscribed, in subscriptions made: a report goes to
+                         // those that subscribed before its event
 };
 
 struct Action {
@@ -173,6 +184,7 @@ struct Counters {
     std::atomic<uint64_t> dataSubscribers{0};
     std::atomic<uint64_t> statusSubscribers{0};
     std::atomic<uint64_t> providersOnline{0};
+    std::atomic<uint64_t> statusReportsWaiting{0};
     std::array<std::atomic<uint64_t>, kDropReasons> drops{};
 
     Counters();
@@ -235,6 +247,14 @@ public:
     // A TCP connection closed: forgets the handles opened and the
     // subscriptions made on it.
     void disconnect(uint32_t fd);
+    // Sends status reports that wait, at most sends of them; true when some
+    // still wait. Each request, tick and disconnect ends with one such
+    // slice; the worker sends more between requests while its queue is
+    // empty.
+    bool sendStatusReports(size_t sends = kStatusSendsPerTurn);
+    size_t statusReportsWaiting() const { return waitingReports_.size(); }
+    // So many wait that the worker sends them before taking a request.
+    bool statusReportsOverdue() const { return waitingReports_.size() > kMaxWaitingReports; }
 
     // Networks served besides loopback and this host's own addresses:
     // "a.b.c.d/n" separated by commas. False, with *bad naming the entry,
@@ -334,11 +354,17 @@ private:
     // that matches; drops those that keep failing.
     void deliverToAll(std::vector<Subscriber> &list, const MessageBuilder &message,
                       const std::string *appl, const std::string *group);
+    // Sends message to the subscriber at it, counts the send and moves it
+    // on; a subscriber that keeps failing is dropped (it then names the
+    // next). row: a data subscriber (its trace lines).
+    void deliverTo(std::vector<Subscriber> &list, std::vector<Subscriber>::iterator &it,
+                   const char *message, size_t length, bool row);
     // Registers (operation 1) or withdraws (0) a subscriber of list; kind
     // names the list in the trace.
     void subscribe(std::vector<Subscriber> &list, Subscriber subscriber, int32_t operation,
                    const char *kind);
-    // A status report of a lifecycle event to every status subscriber.
+    // A status report of a lifecycle event to every status subscriber,
+    // queued behind the reports that wait (sendStatusReports sends them).
     void reportStatus(int16_t requestType, const std::string &appl, const std::string &group,
                       const std::string &source, const Peer &provider);
     void releaseHandle(std::map<int32_t, OpenHandle>::iterator it);
@@ -395,6 +421,16 @@ private:
     int32_t nextHandle_ = 1;
     std::vector<Subscriber> dataSubscribers_;
     std::vector<Subscriber> statusSubscribers_;
+    uint64_t subscriptions_ = 0;  // made so far: the next one's since
+    // A status report not yet sent to every subscriber it is for: those
+    // whose since lies in [next, last].
+    struct WaitingReport {
+        std::string message;
+        uint64_t next = 0;
+        uint64_t last = 0;
+    };
+    std::deque<WaitingReport> waitingReports_;
+    bool reportsOverdue_ = false;  // the worker was told to send them first
     std::deque<Action> actions_;
     std::deque<DeferredReport> deferred_;
     struct Network {

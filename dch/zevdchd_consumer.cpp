@@ -193,6 +193,7 @@ void Dch::subscribe(std::vector<Subscriber> &list, Subscriber subscriber, int32_
         // what was refused at its address and port before belonged to an
         // earlier one, and must not cost it its first rows.
         forgetPeer(subscriber.peer);
+        subscriber.since = ++subscriptions_;
         list.push_back(std::move(subscriber));
     } else if (operation == 1) {
         // Subscribed again: the socket at that address and port has just

@@ -26,6 +26,7 @@ MetricsSnapshot metricsSnapshot(const Dch &dch) {
     for (int reason = 0; reason < kDropReasons; ++reason)
         snapshot.drops[reason] = counters.drops[reason].load();
     snapshot.providersOnline = counters.providersOnline.load();
+    snapshot.statusReportsWaiting = counters.statusReportsWaiting.load();
     snapshot.dataSubscribers = counters.dataSubscribers.load();
     snapshot.statusSubscribers = counters.statusSubscribers.load();
     snapshot.startTime = dch.startTime();
@@ -318,6 +319,9 @@ std::string renderMetrics(const MetricsSnapshot &snapshot) {
                  std::to_string(snapshot.drops[reason]));
     page.add("zevd_dch_providers_online", "gauge", "Open handles.", "",
              std::to_string(snapshot.providersOnline));
+    page.add("zevd_dch_status_reports_waiting", "gauge",
+             "Status reports not yet sent to every subscriber they are for.", "",
+             std::to_string(snapshot.statusReportsWaiting));
     const char *subscribersHelp = "Subscribers, by kind.";
     page.add("zevd_dch_subscribers", "gauge", subscribersHelp, labelled("kind", "data"),
              std::to_string(snapshot.dataSubscribers));

@@ -56,6 +56,7 @@ struct MetricsSnapshot {
     uint64_t statusReports = 0;
     std::array<uint64_t, kDropReasons> drops{};
     uint64_t providersOnline = 0;
+    uint64_t statusReportsWaiting = 0;
     uint64_t dataSubscribers = 0;
     uint64_t statusSubscribers = 0;
     int64_t startTime = 0;  // seconds since the epoch

@@ -196,6 +196,12 @@ void Worker::run() {
             entries[i] =
                 ipcEntry{t.buffer, t.capacity, t.address, &t.addressLength, t.name, &t.fd, t.held};
         }
+        // Status reports that still wait go out in slices while no request
+        // waits, so that a request waits for one slice at most; when too
+        // many wait, before any request.
+        while (dch_.statusReportsWaiting() > 0 &&
+               (sock_.ipcQueueRoom() == kBatch || dch_.statusReportsOverdue()))
+            dch_.sendStatusReports();
         int32_t count = sock_.ipc_get_batch(entries, kBatch);
         for (int32_t i = 0; i < kBatch; ++i) {
             taken[i].buffer = entries[i].buffer;

@@ -732,6 +732,7 @@ void Dch::expireIdle(std::chrono::steady_clock::time_point now) {
                "Note: %u handles taken offline after %lld seconds without a row or an online\n",
                static_cast<unsigned>(idle.size()), static_cast<long long>(sourceTtl_.count()));
     savedChange();
+    sendStatusReports();
     trc.exit();
 }
 

@@ -1214,6 +1214,7 @@ TEST(DchCountersTest, LinesAfterASmallScenario) {
         "counter subscribers{kind=\"data\"} 1",
         "counter subscribers{kind=\"status\"} 1",
         "counter providers_online 1",
+        "counter status_reports_waiting 0",
         "counter drops{reason=\"refused_sender\"} 1",
         "counter drops{reason=\"malformed\"} 1",
         "counter drops{reason=\"unknown_handle\"} 1",

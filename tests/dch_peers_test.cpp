@@ -413,6 +413,105 @@ TEST(DchPeersTest, ThousandsOfSubscribersTakeNoDescriptorEachAndTcpIsStillServed
     EXPECT_GT(recv(client.fd(), answer, sizeof answer, 0), 4);
 }
 
+// dp_online from one provider, for group g of appl, source.
+std::vector<char> onlineRequest(const char *appl, const std::string &source) {
+    return request([&](MessageBuilder &b) {
+        b.add16(DCH_requestType, ZEVD_REQ_DP_ONLINE);
+        b.addString(DCH_applName, appl);
+        b.addString(DCH_attrGroup, "g");
+        b.addString(DCH_sourceName, source.c_str());
+    });
+}
+
+// The request type of each status report waiting at fd, read without
+// waiting.
+std::vector<int> reportTypes(int fd) {
+    std::vector<int> types;
+    char datagram[8192];
+    for (int i = 0; i < 10000; ++i) {
+        ssize_t n = recv(fd, datagram, sizeof datagram, MSG_DONTWAIT);
+        if (n < 4) break;
+        FieldReader r(datagram, static_cast<size_t>(n));
+        int type = -1;
+        while (!r.atEnd())
+            if (r.next() == DCH_requestType) type = r.int16();
+        types.push_back(type);
+    }
+    return types;
+}
+
+// An unregister that takes many handles offline before many status
+// subscribers is reported in slices: a request that comes meanwhile is
+// answered within a slice, not after every report, and each subscriber still
+// gets every report in order.
+TEST(DchPeersTest, ReportsToManySubscribersDoNotHoldTheRequestsThatComeMeanwhile) {
+    const int handles = 50;
+    const int subscribers = 1000;
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    if (limit.rlim_cur < static_cast<rlim_t>(subscribers + 100)) {
+        limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, subscribers + 200);
+        setrlimit(RLIMIT_NOFILE, &limit);
+    }
+    ASSERT_GE(limit.rlim_cur, static_cast<rlim_t>(subscribers + 100));
+    auto daemon = startDaemon();
+    Asker provider(daemon->port());
+    Asker other(daemon->port());
+    std::vector<char> answer;
+    ASSERT_LT(provider.ask(registration("APPL many;GROUP g;ATTR v A 4"), 5s), 5s);
+    ASSERT_LT(other.ask(registration("APPL other;GROUP g;ATTR v A 4"), 5s), 5s);
+    for (int i = 0; i < handles; ++i) {
+        ASSERT_LT(provider.ask(onlineRequest("many", "s" + std::to_string(i)), 5s), 5s);
+    }
+    std::vector<std::unique_ptr<Asker>> peers;
+    for (int i = 0; i < subscribers; ++i) {
+        peers.push_back(std::make_unique<Asker>(daemon->port()));
+        ASSERT_TRUE(sendDatagram(peers.back()->fd(), loopbackAddress(daemon->port()),
+                                 subscription(ZEVD_REQ_DC_WAIT_FOR_DP_STATUS, nullptr, nullptr)));
+    }
+    // No answer to a subscription: a query behind them tells they were taken.
+    ASSERT_LT(provider.ask(applicationsQuery(), 5s), 5s);
+
+    // 51 reports to 1000 subscribers: 51,000 sends.
+    std::vector<char> unregister = request([](MessageBuilder &b) {
+        b.add16(DCH_requestType, ZEVD_REQ_DP_UNREGISTER);
+        b.addString(DCH_applName, "many");
+    });
+    auto start = Clock::now();
+    ASSERT_TRUE(sendDatagram(provider.fd(), loopbackAddress(daemon->port()), unregister));
+    Clock::duration took = other.ask(onlineRequest("other", "x"), 30s, &answer);
+    ASSERT_LT(took, 30s);
+    // The first subscriber's reports are sent first in every slice; when the
+    // answer came, the unregister's own report, the last of its event, had
+    // not reached it yet.
+    std::vector<int> first = reportTypes(peers.front()->fd());
+    EXPECT_EQ(std::count(first.begin(), first.end(), ZEVD_REQ_DP_UNREGISTER), 0)
+        << first.size() << " reports had come";
+    EXPECT_LT(first.size(), static_cast<size_t>(handles));
+
+    // Then every report comes, in order: the offlines, the unregister, and
+    // the online of the request that came meanwhile.
+    std::vector<int> expected(handles, ZEVD_REQ_DP_OFFLINE);
+    expected.push_back(ZEVD_REQ_DP_UNREGISTER);
+    expected.push_back(ZEVD_REQ_DP_ONLINE);
+    for (int fd : {peers.front()->fd(), peers.back()->fd()}) {
+        std::vector<int> types = fd == peers.front()->fd() ? first : std::vector<int>{};
+        for (int i = 0; i < 300 && types.size() < expected.size(); ++i) {
+            pollfd p = {fd, POLLIN, 0};
+            if (poll(&p, 1, 100) == 1) {
+                std::vector<int> more = reportTypes(fd);
+                types.insert(types.end(), more.begin(), more.end());
+            }
+        }
+        EXPECT_EQ(types, expected);
+    }
+    printf(
+        "figure: %d status reports to %d subscribers: a request meanwhile answered in %.1f "
+        "ms, the last report read after %.1f ms\n",
+        handles + 2, subscribers, millis(took), millis(Clock::now() - start));
+    EXPECT_EQ(exitCode(daemon->stop(SIGTERM)), 0);
+}
+
 // The loop waits with poll: a daemon whose port and connections have
 // descriptor numbers above select's limit serves them all.
 TEST(DchPeersTest, PortAndConnectionsNumberedAbove1023AreServed) {
