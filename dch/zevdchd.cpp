@@ -271,14 +271,15 @@ void Dch::deliverToAll(std::vector<Subscriber> &list, const MessageBuilder &mess
             ++it;
             continue;
         }
-        deliverTo(list, it, message.buffer(), message.length(), row);
+        deliverTo(it, message.buffer(), message.length(), row);
     }
+    removeDropped(list);
     updateGauges();
     trc.exit();
 }
 
-void Dch::deliverTo(std::vector<Subscriber> &list, std::vector<Subscriber>::iterator &it,
-                    const char *message, size_t length, bool row) {
+void Dch::deliverTo(std::vector<Subscriber>::iterator &it, const char *message, size_t length,
+                    bool row) {
     ZEVD_TRACE_LEVEL("Dch::deliverToAll");
     if (transport_.deliver(it->peer, message, length)) {
         ++(row ? counters_.rowsForwarded : counters_.statusReports);
@@ -302,9 +303,7 @@ void Dch::deliverTo(std::vector<Subscriber> &list, std::vector<Subscriber>::iter
                        "Error: status subscriber %s port %d on connection %u dropped: the "
                        "connection could not take a whole message\n",
                        it->peer.host().c_str(), it->peer.port(), it->peer.fd);
-        Peer gone = it->peer;
-        it = list.erase(it);
-        forgetPeer(gone);
+        markDropped(*it++);
         return;
     }
     if (++it->failures < kMaxSendFailures) {
@@ -320,9 +319,26 @@ void Dch::deliverTo(std::vector<Subscriber> &list, std::vector<Subscriber>::iter
         ZEVD_TRACE(trc, TRACE_ERROR,
                    "Error: status subscriber %s port %d dropped after %d failed sends\n",
                    it->peer.host().c_str(), it->peer.port(), it->failures);
-    Peer gone = it->peer;
-    it = list.erase(it);
-    forgetPeer(gone);
+    markDropped(*it++);
+}
+
+void Dch::markDropped(Subscriber &subscriber) {
+    subscriber.dropped = true;
+    ++dropped_;
+}
+
+void Dch::removeDropped(std::vector<Subscriber> &list) {
+    if (dropped_ == 0) return;
+    dropped_ = 0;
+    // Taken out together at the end of the round: one pass over the list,
+    // however many went.
+    std::vector<Peer> gone;
+    auto kept = std::remove_if(list.begin(), list.end(), [&gone](const Subscriber &s) {
+        if (s.dropped) gone.push_back(s.peer);
+        return s.dropped;
+    });
+    list.erase(kept, list.end());
+    for (const Peer &peer : gone) releasePeer(peer, true);
 }
 
 void Dch::reportStatus(int16_t requestType, const std::string &appl, const std::string &group,
@@ -350,13 +366,19 @@ bool Dch::sendStatusReports(size_t sends) {
         WaitingReport &report = waitingReports_.front();
         auto it = std::lower_bound(statusSubscribers_.begin(), statusSubscribers_.end(),
                                    report.next, bySince);
+        // A subscriber dropped earlier in this slice is passed over; it
+        // counts as a send, so that a slice stays as short however many go.
         for (; sends > 0 && it != statusSubscribers_.end() && it->since <= report.last; --sends) {
             report.next = it->since + 1;
-            deliverTo(statusSubscribers_, it, report.message.data(), report.message.size(), false);
+            if (it->dropped)
+                ++it;
+            else
+                deliverTo(it, report.message.data(), report.message.size(), false);
         }
         if (it != statusSubscribers_.end() && it->since <= report.last) break;
         waitingReports_.pop_front();
     }
+    removeDropped(statusSubscribers_);
     updateGauges();
     size_t waiting = waitingReports_.size();
     // Written once each time so many wait that requests wait for them.
@@ -372,11 +394,28 @@ bool Dch::sendStatusReports(size_t sends) {
     return trc.exit(waiting > 0);
 }
 
+size_t Dch::PeerKeyHash::operator()(const PeerKey &key) const {
+    return std::hash<uint64_t>()((uint64_t{key.address} << 32) ^ (uint64_t{key.port} << 16) ^
+                                 key.fd);
+}
+
+Dch::PeerKey Dch::keyOf(const Peer &peer) {
+    return {peer.addr.sin_addr.s_addr, peer.fd, peer.addr.sin_port};
+}
+
 void Dch::forgetPeer(const Peer &peer) {
-    auto uses = [&](const Subscriber &s) { return s.peer == peer; };
-    if (std::none_of(dataSubscribers_.begin(), dataSubscribers_.end(), uses) &&
-        std::none_of(statusSubscribers_.begin(), statusSubscribers_.end(), uses))
-        transport_.forget(peer);
+    if (subscriptionsOf_.find(keyOf(peer)) == subscriptionsOf_.end()) transport_.forget(peer);
+}
+
+void Dch::holdPeer(const Peer &peer) {
+    ++subscriptionsOf_[keyOf(peer)];
+}
+
+void Dch::releasePeer(const Peer &peer, bool forget) {
+    auto it = subscriptionsOf_.find(keyOf(peer));
+    if (it == subscriptionsOf_.end() || --it->second > 0) return;
+    subscriptionsOf_.erase(it);
+    if (forget) transport_.forget(peer);
 }
 
 void Dch::updateGauges() {
@@ -393,7 +432,11 @@ void Dch::disconnect(uint32_t fd) {
     // may be sent on it.
     for (auto *list : {&dataSubscribers_, &statusSubscribers_})
         list->erase(std::remove_if(list->begin(), list->end(),
-                                   [fd](const Subscriber &s) { return s.peer.fd == fd; }),
+                                   [this, fd](const Subscriber &s) {
+                                       if (s.peer.fd != fd) return false;
+                                       releasePeer(s.peer, false);
+                                       return true;
+                                   }),
                     list->end());
     std::string record;
     for (const auto &[id, handle] : handles_)

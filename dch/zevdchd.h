@@ -125,8 +125,9 @@ struct Subscriber {
     std::string group;  // data subscribers only
     int failures = 0;
     int sendsSinceFailure = 0;
-    uint64_t since = 0;  // when it subscribed, in subscriptions made: a report goes to
-                         // those that subscribed before its event
+    bool dropped = false;  // in the round of sends under way; taken out at its end
+    uint64_t since = 0;    // when it subscribed, in subscriptions made: a report goes to
+                           // those that subscribed before its event
 };
 
 struct Action {
@@ -355,10 +356,13 @@ private:
     void deliverToAll(std::vector<Subscriber> &list, const MessageBuilder &message,
                       const std::string *appl, const std::string *group);
     // Sends message to the subscriber at it, counts the send and moves it
-    // on; a subscriber that keeps failing is dropped (it then names the
-    // next). row: a data subscriber (its trace lines).
-    void deliverTo(std::vector<Subscriber> &list, std::vector<Subscriber>::iterator &it,
-                   const char *message, size_t length, bool row);
+    // on; a subscriber that keeps failing is marked dropped, and
+    // removeDropped takes it out of its list once the round is over. row: a
+    // data subscriber (its trace lines).
+    void deliverTo(std::vector<Subscriber>::iterator &it, const char *message, size_t length,
+                   bool row);
+    void markDropped(Subscriber &subscriber);
+    void removeDropped(std::vector<Subscriber> &list);
     // Registers (operation 1) or withdraws (0) a subscriber of list; kind
     // names the list in the trace.
     void subscribe(std::vector<Subscriber> &list, Subscriber subscriber, int32_t operation,
@@ -383,6 +387,10 @@ private:
     void updateGauges();
     // Tells the transport that peer is no subscriber any more, once it is in no list.
     void forgetPeer(const Peer &peer);
+    // Counts the subscriptions of a peer, in both lists: releasePeer tells
+    // the transport (when forget) once the last is gone.
+    void holdPeer(const Peer &peer);
+    void releasePeer(const Peer &peer, bool forget);
 
     // The handle open for a source, by "appl\0group\0source".
     static std::string sourceKey(const std::string &appl, const std::string &group,
@@ -422,6 +430,18 @@ private:
     std::vector<Subscriber> dataSubscribers_;
     std::vector<Subscriber> statusSubscribers_;
     uint64_t subscriptions_ = 0;  // made so far: the next one's since
+    size_t dropped_ = 0;          // marked dropped and not yet taken out
+    struct PeerKey {
+        uint32_t address;
+        uint32_t fd;
+        uint16_t port;
+        bool operator==(const PeerKey &) const = default;
+    };
+    struct PeerKeyHash {
+        size_t operator()(const PeerKey &key) const;
+    };
+    static PeerKey keyOf(const Peer &peer);
+    std::unordered_map<PeerKey, size_t, PeerKeyHash> subscriptionsOf_;
     // A status report not yet sent to every subscriber it is for: those
     // whose since lies in [next, last].
     struct WaitingReport {

@@ -194,6 +194,7 @@ void Dch::subscribe(std::vector<Subscriber> &list, Subscriber subscriber, int32_
         // earlier one, and must not cost it its first rows.
         forgetPeer(subscriber.peer);
         subscriber.since = ++subscriptions_;
+        holdPeer(subscriber.peer);
         list.push_back(std::move(subscriber));
     } else if (operation == 1) {
         // Subscribed again: the socket at that address and port has just
@@ -207,7 +208,7 @@ void Dch::subscribe(std::vector<Subscriber> &list, Subscriber subscriber, int32_
         ZEVD_TRACE(trc, TRACE_DETAIL, "%s withdrew\n", who.c_str());
         Peer gone = found->peer;
         list.erase(found);
-        forgetPeer(gone);
+        releasePeer(gone, true);
     }
     updateGauges();
     trc.exit();

@@ -4,6 +4,8 @@
 // metrics page); a withdraw makes room again.
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -84,6 +86,43 @@ TEST(DchSubscriberLimitsTest, TheDefaultIs4096) {
         << capture.joined();
     EXPECT_EQ(d.drops(dch::kDropSubscriberLimit), 1u);
     EXPECT_EQ(d.dch.counters().statusSubscribers.load(), 2048u);
+}
+
+// Subscribers dropped together are taken out of the list together, in one
+// pass at the end of the row, and each peer is forgotten once its last
+// subscription is gone: the row's cost grows with the subscribers, not with
+// their square.
+TEST(DchSubscriberLimitsTest, ThousandsDroppedByOneRowAreTakenOutTogether) {
+    const int subscribers = 20000;
+    Daemon d;
+    d.dch.setMaxSubscribers(subscribers + 1);
+    d.registerApp("app");
+    ASSERT_EQ(d.online("app", "grp", "src"), 1);
+    std::vector<Peer> peers;
+    for (int i = 0; i < subscribers; ++i) {
+        peers.push_back(peerAt("127.0.0.1", static_cast<uint16_t>(20000 + i)));
+        d.subscribeData(peers.back(), "app", "grp");
+    }
+    // The first also waits for status reports: it stays, and is not forgotten.
+    d.subscribeStatus(peers.front());
+    d.transport.forgotten.clear();
+    d.transport.noneReachable = true;
+    TraceCapture capture("error");
+    for (int i = 0; i < 2; ++i)
+        EXPECT_EQ(d.ask(dataRequest(1, 0, {{"count", be32(i)}}), kProvider), status(0));
+    ASSERT_EQ(d.dch.dataSubscribers().size(), static_cast<size_t>(subscribers));
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(d.ask(dataRequest(1, 0, {{"count", be32(2)}}), kProvider), status(0));
+    double ms =
+        std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
+    printf("figure: a row that drops %d data subscribers: %.1f ms\n", subscribers, ms);
+    EXPECT_TRUE(d.dch.dataSubscribers().empty());
+    EXPECT_EQ(d.dch.statusSubscribers().size(), 1u);
+    EXPECT_EQ(d.dch.counters().dataSubscribers.load(), 0u);
+    EXPECT_EQ(capture.count("dropped after 3 failed sends"), static_cast<size_t>(subscribers));
+    EXPECT_EQ(d.drops(dch::kDropSubscriberUnreachable), 3u * subscribers);
+    std::vector<Peer> expected(peers.begin() + 1, peers.end());
+    EXPECT_EQ(d.transport.forgotten, expected);
 }
 
 TEST(DchSubscriberLimitsTest, RefusalsAreOnTheMetricsPage) {

@@ -74,7 +74,8 @@ public:
         return answersGo;
     }
     bool deliver(const Peer &peer, const char *message, size_t length) override {
-        bool fails = std::find(unreachable.begin(), unreachable.end(), peer) != unreachable.end();
+        bool fails = noneReachable ||
+                     std::find(unreachable.begin(), unreachable.end(), peer) != unreachable.end();
         (fails ? failedDeliveries : deliveries)
             .push_back({peer, std::vector<char>(message, message + length)});
         return !fails;
@@ -92,6 +93,7 @@ public:
 
     bool answersGo = true;          // answer() reports success
     std::vector<Peer> unreachable;  // deliver() fails for these
+    bool noneReachable = false;     // deliver() fails for every peer
     std::vector<Sent> answers;      // every answer, sent or not
     std::vector<Sent> deliveries;   // the deliveries that succeeded
     std::vector<Sent> failedDeliveries;
