@@ -17,12 +17,6 @@ namespace {
 namespace dch = zevd::dch;
 using namespace zevd::test;
 
-std::string counterLine(const Daemon &d, const std::string &name) {
-    for (const std::string &line : d.dch.counters().lines())
-        if (line.rfind("counter " + name + " ", 0) == 0) return line;
-    return "(no line)";
-}
-
 // Application app with handles 1 to handles, on sources s1, s2, ...
 void onlineMany(Daemon &d, int handles) {
     d.registerApp("app");
@@ -47,13 +41,17 @@ constexpr int kHandles = 400;
 constexpr size_t kFirstSlice = dch::kStatusSendsPerTurn;
 static_assert(kFirstSlice == 1024, "the counts below are worked out for this slice");
 
-TEST(DchStatusReportsTest, ManyReportsGoOutInSlicesInTheOrderOfTheirEvents) {
-    Daemon d;
+// kHandles online, kSubscriber, 2 and 3 subscribed, and app unregistered.
+void unregisterBeforeThree(Daemon &d) {
     onlineMany(d, kHandles);
     for (const Peer &p : {kSubscriber, kSubscriber2, kSubscriber3}) d.subscribeStatus(p);
-
-    TraceCapture capture("detail");
     EXPECT_EQ(d.ask(unregisterRequest("app"), kProvider), status(0));
+}
+
+TEST(DchStatusReportsTest, ManyReportsGoOutInSlicesInTheOrderOfTheirEvents) {
+    Daemon d;
+    TraceCapture capture("detail");
+    unregisterBeforeThree(d);
     EXPECT_EQ(d.transport.deliveries.size(), kFirstSlice);
     EXPECT_EQ(d.dch.statusReportsWaiting(), 60u);
     EXPECT_FALSE(d.dch.statusReportsOverdue());
@@ -81,9 +79,7 @@ TEST(DchStatusReportsTest, ManyReportsGoOutInSlicesInTheOrderOfTheirEvents) {
 
 TEST(DchStatusReportsTest, ReportOfALaterEventWaitsBehindThoseThatWait) {
     Daemon d;
-    onlineMany(d, kHandles);
-    for (const Peer &p : {kSubscriber, kSubscriber2, kSubscriber3}) d.subscribeStatus(p);
-    EXPECT_EQ(d.ask(unregisterRequest("app"), kProvider), status(0));
+    unregisterBeforeThree(d);
     ASSERT_EQ(d.dch.statusReportsWaiting(), 60u);
 
     // Its turn sends what waited first, then its own report.
@@ -97,9 +93,7 @@ TEST(DchStatusReportsTest, ReportOfALaterEventWaitsBehindThoseThatWait) {
 
 TEST(DchStatusReportsTest, WaitingReportsGoOnlyToThoseSubscribedBeforeTheirEventAndStillSo) {
     Daemon d;
-    onlineMany(d, kHandles);
-    for (const Peer &p : {kSubscriber, kSubscriber2, kSubscriber3}) d.subscribeStatus(p);
-    EXPECT_EQ(d.ask(unregisterRequest("app"), kProvider), status(0));
+    unregisterBeforeThree(d);
     ASSERT_EQ(d.dch.statusReportsWaiting(), 60u);
 
     // The third withdraws and a fourth subscribes while 60 reports wait;

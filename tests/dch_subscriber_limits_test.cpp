@@ -21,12 +21,6 @@ namespace {
 namespace dch = zevd::dch;
 using namespace zevd::test;
 
-std::string counterLine(const Daemon &d, const std::string &name) {
-    for (const std::string &line : d.dch.counters().lines())
-        if (line.rfind("counter " + name + " ", 0) == 0) return line;
-    return "(no line)";
-}
-
 TEST(DchSubscriberLimitsTest, DataAndStatusSubscribersShareTheBound) {
     Daemon d;
     d.dch.setMaxSubscribers(3);

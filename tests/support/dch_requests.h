@@ -479,6 +479,13 @@ struct Daemon {
     uint64_t drops(dch::DropReason reason) { return dch.counters().drops[reason].load(); }
 };
 
+// The counters line of name ("counter NAME VALUE"), or "(no line)".
+inline std::string counterLine(const Daemon &d, const std::string &name) {
+    for (const std::string &line : d.dch.counters().lines())
+        if (line.rfind("counter " + name + " ", 0) == 0) return line;
+    return "(no line)";
+}
+
 }  // namespace zevd::test
 
 #endif  // ZEVD_TESTS_SUPPORT_DCH_REQUESTS_H
