@@ -266,16 +266,35 @@ void Dch::deliverToAll(std::vector<Subscriber> &list, const MessageBuilder &mess
     ZEVD_TRACE_FUNCTION("Dch::deliverToAll");
     bool row = appl != nullptr;
     transport_.beginDeliveries();
-    for (auto it = list.begin(); it != list.end();) {
-        if (row && (it->appl != *appl || it->group != *group)) {
-            ++it;
-            continue;
-        }
-        deliverTo(it, message.buffer(), message.length(), row);
-    }
+    // A row goes to the subscribers of its group alone, found without
+    // passing the others.
+    auto [it, end] = row ? subscribersOf(list, *appl, *group) : std::pair(list.begin(), list.end());
+    while (it != end) deliverTo(it, message.buffer(), message.length(), row);
     removeDropped(list);
     updateGauges();
     trc.exit();
+}
+
+std::pair<std::vector<Subscriber>::iterator, std::vector<Subscriber>::iterator> Dch::subscribersOf(
+    std::vector<Subscriber> &list, const std::string &appl, const std::string &group) {
+    struct Key {
+        const std::string &appl;
+        const std::string &group;
+    };
+    struct ByGroup {
+        static bool before(const std::string &a1, const std::string &g1, const std::string &a2,
+                           const std::string &g2) {
+            int c = a1.compare(a2);
+            return c < 0 || (c == 0 && g1 < g2);
+        }
+        bool operator()(const Subscriber &s, const Key &k) const {
+            return before(s.appl, s.group, k.appl, k.group);
+        }
+        bool operator()(const Key &k, const Subscriber &s) const {
+            return before(k.appl, k.group, s.appl, s.group);
+        }
+    };
+    return std::equal_range(list.begin(), list.end(), Key{appl, group}, ByGroup());
 }
 
 void Dch::deliverTo(std::vector<Subscriber>::iterator &it, const char *message, size_t length,

@@ -362,6 +362,11 @@ private:
     void deliverTo(std::vector<Subscriber>::iterator &it, const char *message, size_t length,
                    bool row);
     void markDropped(Subscriber &subscriber);
+    // The subscribers of list to group of appl (a status list: appl and
+    // group empty, every one).
+    static std::pair<std::vector<Subscriber>::iterator, std::vector<Subscriber>::iterator>
+    subscribersOf(std::vector<Subscriber> &list, const std::string &appl,
+                  const std::string &group);
     void removeDropped(std::vector<Subscriber> &list);
     // Registers (operation 1) or withdraws (0) a subscriber of list; kind
     // names the list in the trace.

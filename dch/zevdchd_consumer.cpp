@@ -175,9 +175,12 @@ void Dch::subscribe(std::vector<Subscriber> &list, Subscriber subscriber, int32_
     ZEVD_TRACE_FUNCTION("Dch::subscribe");
     std::string who = std::string(kind) + " subscriber " + subscriber.peer.host() + " port " +
                       std::to_string(subscriber.peer.port());
+    // A list is in the order of (application, group), and of subscription
+    // within each: a subscription is looked for among those of its group.
+    auto [first, last] = subscribersOf(list, subscriber.appl, subscriber.group);
     auto same = [&](const Subscriber &s) { return sameSubscription(s, subscriber); };
-    auto found = std::find_if(list.begin(), list.end(), same);
-    if (operation == 1 && found == list.end()) {
+    auto found = std::find_if(first, last, same);
+    if (operation == 1 && found == last) {
         // Data and status subscribers share one bound.
         size_t subscribers = dataSubscribers_.size() + statusSubscribers_.size();
         if (subscribers >= maxSubscribers_) {
@@ -195,7 +198,7 @@ void Dch::subscribe(std::vector<Subscriber> &list, Subscriber subscriber, int32_
         forgetPeer(subscriber.peer);
         subscriber.since = ++subscriptions_;
         holdPeer(subscriber.peer);
-        list.push_back(std::move(subscriber));
+        list.insert(last, std::move(subscriber));
     } else if (operation == 1) {
         // Subscribed again: the socket at that address and port has just
         // spoken, so what was refused there, and the failures counted
@@ -204,7 +207,7 @@ void Dch::subscribe(std::vector<Subscriber> &list, Subscriber subscriber, int32_
         found->failures = 0;
         found->sendsSinceFailure = 0;
         transport_.forget(found->peer);
-    } else if (operation == 0 && found != list.end()) {
+    } else if (operation == 0 && found != last) {
         ZEVD_TRACE(trc, TRACE_DETAIL, "%s withdrew\n", who.c_str());
         Peer gone = found->peer;
         list.erase(found);
