@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "common/message.h"
+#include "zev0.h"
 #include "zevd610.h"
 #include "zevdchd.h"
 
@@ -61,17 +62,12 @@ void subscribedRow(benchmark::State &state, int others) {
     Dch dch(transport);
     dch.setMaxSubscribers(static_cast<size_t>(others) + 1);
     Peer provider = peerAt(40001);
-    handle(dch, message([](zevd::MessageBuilder &b) {
-               b.add16(DCH_requestType, ZEVD_REQ_DP_REGISTER);
-               b.addString(DCH_applName, "app");
-               b.addString(0x200, "");
-               b.addString(DCH_attrGroup, "grp");
-               b.addString(0x200, "");
-               b.addString(DCH_attrName, "count");
-               b.add16(0x201, 'A');
-               b.add32(0x202, 4);
-               b.addString(0x200, "");
-           }),
+    char *registration = nullptr;
+    if (ZEVP_ConstructDPregisterBuffer("APPL app;GROUP grp;ATTR count A 4", &registration) == 0) {
+        state.SkipWithError("the registration text does not read");
+        return;
+    }
+    handle(dch, std::vector<char>(registration, registration + zevd::messageLength(registration)),
            provider);
     handle(dch, message([](zevd::MessageBuilder &b) {
                b.add16(DCH_requestType, ZEVD_REQ_DP_ONLINE);
