@@ -377,8 +377,9 @@ void Dch::reportStatus(int16_t requestType, const std::string &appl, const std::
 }
 
 bool Dch::sendStatusReports(size_t sends) {
+    // Every request ends here: with nothing waiting it costs no trace frame.
+    if (waitingReports_.empty()) return false;
     ZEVD_TRACE_FUNCTION("Dch::sendStatusReports");
-    if (waitingReports_.empty()) return trc.exit(false);
     transport_.beginDeliveries();
     auto bySince = [](const Subscriber &s, uint64_t since) { return s.since < since; };
     while (sends > 0 && !waitingReports_.empty()) {

@@ -271,6 +271,29 @@ TEST(DchMetricsPageTest, DocumentedExample) {
     EXPECT_EQ(page.value(key("zevd_demo_disk_usedPct", at("node-1", h))), "41");
     EXPECT_EQ(page.value(key("zevd_demo_disk_info", at("node-1", h, {{"mount", "/"}}))), "1");
     std::cout << text;
+    // The page as docs/metrics.md shows it: the code block after the line
+    // that names this test, its start time aside.
+    std::ifstream doc(ZEVD_METRICS_DOC);
+    std::string line, shown;
+    bool named = false, inBlock = false;
+    while (std::getline(doc, line)) {
+        if (!named) {
+            named = line.find("DchMetricsPageTest.DocumentedExample") != std::string::npos;
+        } else if (line == "```") {
+            if (inBlock) break;
+            inBlock = true;
+        } else if (inBlock) {
+            shown += line + "\n";
+        }
+    }
+    auto withoutStartTime = [](std::string shownPage) {
+        const std::string name = "\nzevd_dch_start_time_seconds ";
+        size_t at = shownPage.find(name);
+        if (at != std::string::npos)
+            shownPage.erase(at + name.size(), shownPage.find('\n', at + 1) - at - name.size());
+        return shownPage;
+    };
+    EXPECT_EQ(withoutStartTime(shown), withoutStartTime(text));
 }
 
 // ---------------------------------------------------------------------------

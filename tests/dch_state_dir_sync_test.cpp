@@ -83,10 +83,13 @@ void failDirectorySync(int n) {
     directorySyncsToFail = 1;
 }
 
-// On a daemon with handle 1 online, makes the n-th directory fsync of the
-// next snapshot fail, then brings a source online (answered 0): its handle,
-// which must outlive the daemon.
-int32_t onlineAfterAFailedSnapshot(Daemon &d, const TempDir &dir, int n) {
+// On a daemon of its own over dir, with handle 1 online, makes the n-th
+// directory fsync of the next snapshot fail, then brings a source online
+// (answered 0) and, with offlineAfter, takes handle 1 offline (answered 0):
+// the new source's handle, which must outlive the daemon.
+int32_t onlineAfterAFailedSnapshot(const TempDir &dir, int n, bool offlineAfter) {
+    Daemon d;
+    use(d, dir);
     d.registerApp("app");
     EXPECT_EQ(d.online("app", "grp", "before"), 1);
     TraceCapture capture("error");
@@ -100,6 +103,9 @@ int32_t onlineAfterAFailedSnapshot(Daemon &d, const TempDir &dir, int n) {
     EXPECT_FALSE(capture.contains("the journal goes on")) << capture.joined();
     int32_t after = d.online("app", "grp", "after");
     EXPECT_GT(after, 1);
+    if (offlineAfter) {
+        EXPECT_EQ(d.ask(offlineRequest(1), kProvider), status(0));
+    }
     return after;
 }
 
@@ -107,13 +113,7 @@ int32_t onlineAfterAFailedSnapshot(Daemon &d, const TempDir &dir, int n) {
 // snapshot's own, after its rename.
 TEST(DchStateDirSyncTest, SnapshotWhoseDirectorySyncFailsTakesNoMoreRecordsInTheOldJournal) {
     TempDir dir;
-    int32_t after = 0;
-    {
-        Daemon d;
-        use(d, dir);
-        after = onlineAfterAFailedSnapshot(d, dir, 1);
-        EXPECT_EQ(d.ask(offlineRequest(1), kProvider), status(0));
-    }
+    int32_t after = onlineAfterAFailedSnapshot(dir, 1, true);
     Daemon next;
     TraceCapture capture("error");
     use(next, dir);
@@ -125,12 +125,7 @@ TEST(DchStateDirSyncTest, SnapshotWhoseDirectorySyncFailsTakesNoMoreRecordsInThe
 // The second: the new journal's, after the snapshot was made sure of.
 TEST(DchStateDirSyncTest, JournalThatCannotFollowANewSnapshotIsNotSaidToGoOn) {
     TempDir dir;
-    int32_t after = 0;
-    {
-        Daemon d;
-        use(d, dir);
-        after = onlineAfterAFailedSnapshot(d, dir, 2);
-    }
+    int32_t after = onlineAfterAFailedSnapshot(dir, 2, false);
     Daemon next;
     use(next, dir);
     EXPECT_EQ(next.dch.handles().count(after), 1u);
