@@ -26,6 +26,7 @@
 
 #include "ipc/zevdsock_internal.h"
 #include "support/dch_server.h"
+#include "support/entry_batch.h"
 #include "support/free_port.h"
 #include "support/loopback.h"
 #include "support/patterned_message.h"
@@ -989,6 +990,67 @@ TEST(DchServerTest, FullQueueHoldsTheLoopUntilTheConsumerTakesOne) {
     std::vector<QueueEntry> entries = server.entries();
     for (int i = 0; i < 6; ++i) EXPECT_TRUE(entries[1 + i].holds(message(20, i))) << i;
     EXPECT_EQ(capture.count("UDP: bytesRead="), 6u);
+}
+
+// Entry i of a batch holds exactly the message.
+bool batchHolds(const zevd::test::EntryBatch &batch, int32_t i, const std::vector<char> &sent) {
+    const ipcEntry &entry = batch.entries[i];
+    if (entry.buffer == nullptr || entry.bufferLen < static_cast<int32_t>(sent.size()))
+        return false;
+    QueueEntry copy;
+    copy.buffer.assign(entry.buffer, entry.buffer + entry.bufferLen);
+    return copy.holds(sent);
+}
+
+TEST(DchServerTest, SlotsFreedAfterAFullQueueAreFilledBeforeTheNextWait) {
+    TraceCapture capture(kLevels);
+    LoopServer &server = startServer(1);  // the ready entry alone
+    UdpPeer peer(server.port());
+    for (int i = 0; i < 8; ++i) ASSERT_TRUE(peer.send(message(20, i)));
+    // Four wait; the fifth holds the loop inside the queue.
+    ASSERT_TRUE(capture.waitFor("Waiting for circular buffers to be freed.", kLimit));
+    EXPECT_EQ(capture.count("UDP: bytesRead="), 5u) << capture.joined();
+    // The four freed in one hold of the lock (the test's consumer is held
+    // by its budget meanwhile).
+    zevd::test::EntryBatch batch;
+    ASSERT_EQ(server.sock().ipc_get_batch(batch.entries, zevd::test::EntryBatch::kCount), 4);
+    for (int32_t i = 0; i < 4; ++i) EXPECT_TRUE(batchHolds(batch, i, message(20, i))) << i;
+    // The held datagram goes in, and the three the port has ready fill the
+    // rest of the freed slots at once: no wait of the loop comes between.
+    ASSERT_TRUE(capture.waitFor("UDP: bytesRead=", kLimit, 8)) << capture.joined();
+    std::vector<std::string> texts = capture.texts();
+    auto freed = std::find_if(texts.begin(), texts.end(), [](const std::string &text) {
+        return text.find("Waiting for circular buffers to be freed.") != std::string::npos;
+    });
+    ASSERT_NE(freed, texts.end());
+    size_t reads = 0;
+    for (auto at = freed; at != texts.end() && reads < 3; ++at) {
+        EXPECT_EQ(at->find("Waiting on SELECT"), std::string::npos) << capture.joined();
+        if (at->find("UDP: bytesRead=") != std::string::npos) ++reads;
+    }
+    EXPECT_EQ(reads, 3u) << capture.joined();
+    // Stored (the ready entry, eight datagrams) before the four are taken
+    // in one go: the last store holds the lock until the batch is in.
+    ASSERT_TRUE(capture.waitFor("Saving @", kLimit, 9)) << capture.joined();
+    ASSERT_EQ(server.sock().ipc_get_batch(batch.entries, zevd::test::EntryBatch::kCount), 4);
+    for (int32_t i = 0; i < 4; ++i) EXPECT_TRUE(batchHolds(batch, i, message(20, 4 + i))) << i;
+}
+
+TEST(DchServerTest, AFullQueuesHeldDatagramIsSignalledWhenThePortHasNoMore) {
+    TraceCapture capture(kLevels);
+    LoopServer &server = startServer(1);  // the ready entry alone
+    UdpPeer peer(server.port());
+    for (int i = 0; i < 5; ++i) ASSERT_TRUE(peer.send(message(20, i)));
+    ASSERT_TRUE(capture.waitFor("Waiting for circular buffers to be freed.", kLimit));
+    zevd::test::EntryBatch batch;
+    ASSERT_EQ(server.sock().ipc_get_batch(batch.entries, zevd::test::EntryBatch::kCount), 4);
+    // The refill finds the port empty, and the held datagram still reaches
+    // the consumer.
+    server.grantAll();
+    ASSERT_TRUE(server.waitEntries(2, kLimit)) << capture.joined();
+    EXPECT_TRUE(server.entries()[1].holds(message(20, 4)));
+    // An empty refill is no receive: nothing is traced for it.
+    EXPECT_EQ(capture.count("UDP: bytesRead="), 5u) << capture.joined();
 }
 
 // Lines of the trace, and the thread that writes the server loop's lines.

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "ipc/zevdipc.h"
+#include "support/entry_batch.h"
 #include "support/server_queue.h"
 #include "support/trace_capture.h"
 #include "support/wait_for.h"
@@ -26,25 +27,7 @@ void put(DCHipc &q, const std::string &data, const char *name = "client-one", ui
     q.ipc_put_data(static_cast<int32_t>(data.size()), data.data(), addr, 16, name, fd);
 }
 
-// Four entries with their own buffers, names, addresses and descriptors.
-struct Batch {
-    static constexpr int32_t kCount = IPC_QSIZE - 1;
-    char names[kCount][IPC_CLIENT_NAME_SIZE] = {};
-    char addrs[kCount][IPC_CLIENT_ADDR_SIZE] = {};
-    int32_t addrLens[kCount] = {};
-    uint32_t fds[kCount] = {};
-    ipcEntry entries[kCount] = {};
-    Batch() {
-        for (int32_t i = 0; i < kCount; ++i)
-            entries[i] = ipcEntry{nullptr, 0, addrs[i], &addrLens[i], names[i], &fds[i], 0};
-    }
-    ~Batch() {
-        for (ipcEntry &e : entries) delete[] e.buffer;
-    }
-    Batch(const Batch &) = delete;
-    Batch &operator=(const Batch &) = delete;
-    std::string data(int32_t i) const { return entries[i].buffer; }
-};
+using Batch = zevd::test::EntryBatch;
 
 TEST(QueueBatchTest, TakesEveryWaitingEntryInOrderWithItsOwnFields) {
     BatchQueue q;

@@ -204,6 +204,10 @@ protected:
     // One pass's event of the server loop: a UDP datagram, a connection on
     // the listener, or one TCP message from the client in slot.
     void sockServeUDP(ipcServerState &state);
+    // Receives up to batch datagrams the port has ready and queues each as
+    // one entry. A refill fills the slots the consumer freed, without select
+    // having said the port is ready. Returns the entries queued.
+    int32_t sockQueueUDP(::zevd::TraceFrame &trc, ipcServerState &state, int batch, bool refill);
     // A receive on the UDP port that gave no datagram: a refusal of one
     // the port sent is a note, anything else a level-1 error.
     void sockNoteFailedReceive(int32_t bytesRead, int recvErrno);
