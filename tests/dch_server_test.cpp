@@ -976,13 +976,25 @@ TEST(DchServerTest, SendNowSendsALongMessageFromThePortInDatagramsBackToBack) {
     EXPECT_EQ(got, answer);
 }
 
+// The server with its ready entry alone taken, and datagrams
+// message(20, 0), message(20, 1), ... from one peer: four wait in the queue
+// and the fifth holds the loop inside it.
+struct FullQueue {
+    LoopServer &server = startServer(1);
+    UdpPeer peer{server.port()};
+    // Sends sent datagrams and waits for the loop to hold the fifth.
+    bool fill(const TraceCapture &capture, int sent) {
+        for (int i = 0; i < sent; ++i)
+            if (!peer.send(message(20, i))) return false;
+        return capture.waitFor("Waiting for circular buffers to be freed.", kLimit);
+    }
+};
+
 TEST(DchServerTest, FullQueueHoldsTheLoopUntilTheConsumerTakesOne) {
     TraceCapture capture(kLevels);
-    LoopServer &server = startServer(1);  // the ready entry alone
-    UdpPeer peer(server.port());
-    for (int i = 0; i < 6; ++i) ASSERT_TRUE(peer.send(message(20, i)));
-    // Four wait; the fifth holds the loop inside the queue.
-    ASSERT_TRUE(capture.waitFor("Waiting for circular buffers to be freed.", kLimit));
+    FullQueue full;
+    LoopServer &server = full.server;
+    ASSERT_TRUE(full.fill(capture, 6));
     EXPECT_EQ(capture.count("UDP: bytesRead="), 5u) << capture.joined();
     EXPECT_EQ(server.count(), 1u);
     server.grantAll();
@@ -1004,11 +1016,9 @@ bool batchHolds(const zevd::test::EntryBatch &batch, int32_t i, const std::vecto
 
 TEST(DchServerTest, SlotsFreedAfterAFullQueueAreFilledBeforeTheNextWait) {
     TraceCapture capture(kLevels);
-    LoopServer &server = startServer(1);  // the ready entry alone
-    UdpPeer peer(server.port());
-    for (int i = 0; i < 8; ++i) ASSERT_TRUE(peer.send(message(20, i)));
-    // Four wait; the fifth holds the loop inside the queue.
-    ASSERT_TRUE(capture.waitFor("Waiting for circular buffers to be freed.", kLimit));
+    FullQueue full;
+    LoopServer &server = full.server;
+    ASSERT_TRUE(full.fill(capture, 8));
     EXPECT_EQ(capture.count("UDP: bytesRead="), 5u) << capture.joined();
     // The four freed in one hold of the lock (the test's consumer is held
     // by its budget meanwhile).
@@ -1038,10 +1048,9 @@ TEST(DchServerTest, SlotsFreedAfterAFullQueueAreFilledBeforeTheNextWait) {
 
 TEST(DchServerTest, AFullQueuesHeldDatagramIsSignalledWhenThePortHasNoMore) {
     TraceCapture capture(kLevels);
-    LoopServer &server = startServer(1);  // the ready entry alone
-    UdpPeer peer(server.port());
-    for (int i = 0; i < 5; ++i) ASSERT_TRUE(peer.send(message(20, i)));
-    ASSERT_TRUE(capture.waitFor("Waiting for circular buffers to be freed.", kLimit));
+    FullQueue full;
+    LoopServer &server = full.server;
+    ASSERT_TRUE(full.fill(capture, 5));
     zevd::test::EntryBatch batch;
     ASSERT_EQ(server.sock().ipc_get_batch(batch.entries, zevd::test::EntryBatch::kCount), 4);
     // The refill finds the port empty, and the held datagram still reaches
