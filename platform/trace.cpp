@@ -512,7 +512,14 @@ void TLG1_WriteUnlocked(const TraceFunctionRecord *rec, int line, const char *te
 }
 
 void TLG1_Configure(const char *levels) {
-    zev0::ensureInit();
+    // A first use of the facility reads the environment: reading it again
+    // at once would only write each complaint about it twice.
+    bool first = false;
+    std::call_once(zev0::initOnce, [&first] {
+        zev0::initFromEnvironment();
+        first = true;
+    });
+    if (first && levels == nullptr) return;
     std::vector<std::string> complaints;
     if (levels == nullptr) {
         zev0::openDestination(zev0::state(), &complaints);

@@ -371,6 +371,17 @@ TEST(DchServiceTest, SystemdSocketActivateHandsOverTheUdpPort) {
     unlink(trace.c_str());
 }
 
+// A bad item of --trace is named once, and the daemon serves with the rest.
+TEST(DchServiceTest, BadTraceItemIsReportedOnce) {
+    DaemonProcess daemon({"--trace", "error,bogus=xyz"});
+    ASSERT_TRUE(daemon.start()) << daemon.trace();
+    const std::string complaint = "Error: ZEVA_TRACE item <bogus=xyz> ignored\n";
+    std::string text = daemon.trace();
+    size_t first = text.find(complaint);
+    ASSERT_NE(first, std::string::npos) << text;
+    EXPECT_EQ(text.find(complaint, first + 1), std::string::npos) << text;
+}
+
 // A log rotation: the file is renamed, SIGHUP makes the daemon open the
 // name again and write its counters there, and it serves on.
 TEST(DchServiceTest, SighupReopensTheTraceFileAndWritesTheCounters) {
