@@ -7,10 +7,11 @@ cd "$(dirname "$0")/.."
 # nlohmann-json3-dev writes zevdctl's JSON lines (and reads them back in its
 # tests). build-essential, dpkg-dev, debhelper and lintian build and check the
 # Debian packages; systemd brings systemd-analyze (the units' check) and
-# systemd-socket-activate (a socket-activation test).
+# systemd-socket-activate (a socket-activation test); man-db renders the manual
+# pages for their check.
 packages=(cmake g++ make binutils pkg-config libgtest-dev libgmock-dev libbenchmark-dev python3
   go-md2man valgrind libmicrohttpd-dev nlohmann-json3-dev build-essential dpkg-dev debhelper
-  lintian systemd)
+  lintian systemd man-db)
 missing=()
 for p in "${packages[@]}"; do
   dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")

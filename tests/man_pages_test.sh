@@ -4,8 +4,9 @@
 # usage: man_pages_test.sh PAGE...
 set -u
 if ! command -v man >/dev/null 2>&1; then
-    echo "man is not installed: nothing to check"
-    exit 0
+    # Skipped, not passed: ctest reports it so (SKIP_RETURN_CODE).
+    echo "man is not installed (Debian package man-db): the pages were not checked"
+    exit 77
 fi
 for page in "$@"; do
     warnings=$(MANWIDTH=80 man --warnings -l "$page" 2>&1 >/dev/null)
