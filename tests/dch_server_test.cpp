@@ -1051,6 +1051,7 @@ TEST(DchServerTest, AFullQueuesHeldDatagramIsSignalledWhenThePortHasNoMore) {
     FullQueue full;
     LoopServer &server = full.server;
     ASSERT_TRUE(full.fill(capture, 5));
+    size_t passes = capture.count("Waiting on SELECT");
     zevd::test::EntryBatch batch;
     ASSERT_EQ(server.sock().ipc_get_batch(batch.entries, zevd::test::EntryBatch::kCount), 4);
     // The refill finds the port empty, and the held datagram still reaches
@@ -1058,7 +1059,9 @@ TEST(DchServerTest, AFullQueuesHeldDatagramIsSignalledWhenThePortHasNoMore) {
     server.grantAll();
     ASSERT_TRUE(server.waitEntries(2, kLimit)) << capture.joined();
     EXPECT_TRUE(server.entries()[1].holds(message(20, 4)));
-    // An empty refill is no receive: nothing is traced for it.
+    // Once the loop waits again, the refill is over: an empty one is no
+    // receive, and nothing is traced for it.
+    ASSERT_TRUE(capture.waitFor("Waiting on SELECT", kLimit, passes + 1)) << capture.joined();
     EXPECT_EQ(capture.count("UDP: bytesRead="), 5u) << capture.joined();
 }
 
