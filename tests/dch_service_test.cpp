@@ -400,6 +400,25 @@ TEST(DchServiceTest, SighupReopensTheTraceFileAndWritesTheCounters) {
     unlink(rotated.c_str());
 }
 
+// After a rotation the new file names a bad item of --trace again, once, as
+// the first file did.
+TEST(DchServiceTest, SighupNamesABadTraceItemOnceInTheNewFile) {
+    DaemonProcess daemon({"--trace", "error,bogus=xyz"});
+    ASSERT_TRUE(daemon.start()) << daemon.trace();
+    const std::string complaint = "Error: ZEVA_TRACE item <bogus=xyz> ignored\n";
+    std::string rotated = daemon.tracePath() + ".1";
+    ASSERT_EQ(rename(daemon.tracePath().c_str(), rotated.c_str()), 0);
+    ASSERT_EQ(kill(daemon.pid(), SIGHUP), 0);
+    EXPECT_TRUE(daemon.waitTrace("counter requests{request=\"dp_online\"} 0\n"));
+    for (const std::string &text : {fileText(rotated), daemon.trace()}) {
+        size_t first = text.find(complaint);
+        ASSERT_NE(first, std::string::npos) << text;
+        EXPECT_EQ(text.find(complaint, first + 1), std::string::npos) << text;
+    }
+    EXPECT_EQ(exitCode(daemon.stop(SIGTERM)), 0);
+    unlink(rotated.c_str());
+}
+
 // The trace lines a daemon wrote to standard error, with JOURNAL_STREAM
 // naming stream, after it served one request it drops.
 std::vector<std::string> traceOnStream(const std::string &stream) {
