@@ -70,7 +70,7 @@ expect libzevd610-dev \
   /usr/share/doc/libzevd610-dev/changelog.gz /usr/share/doc/libzevd610-dev/copyright
 expect zevdchd \
   /etc/default/zevdchd /lib/systemd/system/zevdchd.service /lib/systemd/system/zevdchd.socket \
-  /usr/lib/sysctl.d/60-zevdchd.conf /usr/sbin/zevdchd /usr/share/man/man8/zevdchd.8.gz \
+  /usr/lib/sysctl.d/30-zevdchd.conf /usr/sbin/zevdchd /usr/share/man/man8/zevdchd.8.gz \
   /usr/share/doc/zevdchd/changelog.gz /usr/share/doc/zevdchd/copyright
 expect zevdctl \
   /usr/bin/zevdctl /usr/share/man/man1/zevdctl.1.gz \

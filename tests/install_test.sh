@@ -54,7 +54,7 @@ for f in "$libdir/libzevd610.so.6" "$libdir/libzevd610.so" "$libdir/libzev0.so.0
     "$libdir/cmake/zevd/zevdConfigVersion.cmake" "$libdir/cmake/zevd/zevdTargets.cmake" \
     "$libdir/pkgconfig/zevd610.pc" "$libdir/pkgconfig/zev0.pc" sbin/zevdchd bin/zevdctl \
     lib/systemd/system/zevdchd.service lib/systemd/system/zevdchd.socket \
-    etc/default/zevdchd lib/sysctl.d/60-zevdchd.conf; do
+    etc/default/zevdchd lib/sysctl.d/30-zevdchd.conf; do
     [ -e "$prefix/$f" ] || fail "$f is not installed"
 done
 if command -v go-md2man >/dev/null 2>&1; then
