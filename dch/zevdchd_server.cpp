@@ -230,6 +230,17 @@ void Worker::run() {
                              taken[i].name, taken[i].fd);
         if (count > 1) dch_.flushAnswers();
     }
+    // The subscribers still get the status reports that wait, as long as
+    // the stop can wait for them; what is left is named.
+    std::chrono::steady_clock::duration allowed = kStopReportsTime;
+    if (const char *test = getenv("ZEVDCHD_TEST_STOP_REPORTS_MS"); test != nullptr)
+        allowed = std::chrono::milliseconds(atoi(test));  // a test hook
+    auto deadline = std::chrono::steady_clock::now() + allowed;
+    while (dch_.statusReportsWaiting() > 0 && std::chrono::steady_clock::now() < deadline)
+        dch_.sendStatusReports();
+    if (size_t left = dch_.statusReportsWaiting(); left > 0)
+        ZEVD_TRACE(trc, TRACE_ERROR, "Error: %zu status reports not sent: the daemon stops\n",
+                   left);
     for (Taken &t : taken) delete[] t.buffer;
     trc.exit();
 }

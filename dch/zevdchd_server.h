@@ -90,6 +90,8 @@ class Worker {
 public:
     // The scheduler slice the worker's thread asks for (ns).
     static constexpr uint64_t kSliceNs = 5'000'000;
+    // How long, at the stop, the status reports that still wait may take.
+    static constexpr std::chrono::seconds kStopReportsTime{5};
 
     Worker(ipcSock &sock, Dch &dch) : sock_(sock), dch_(dch) {}
 

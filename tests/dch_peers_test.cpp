@@ -19,6 +19,7 @@
 #include <cstring>
 #include <fstream>
 #include <memory>
+#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -440,46 +441,78 @@ std::vector<int> reportTypes(int fd) {
     return types;
 }
 
+// A daemon where handles of application "many" are online before
+// subscribers status subscribers, and application "other" is registered: an
+// unregister of "many" then makes handles + 1 reports to each subscriber.
+struct ManyStatusReports {
+    static constexpr int kHandles = 50;
+    static constexpr int kSubscribers = 1000;
+    std::unique_ptr<DaemonProcess> daemon;
+    std::unique_ptr<Asker> provider;
+    std::unique_ptr<Asker> other;
+    std::vector<std::unique_ptr<Asker>> peers;
+
+    void start(std::vector<std::string> env = {}) {
+        rlimit limit{};
+        getrlimit(RLIMIT_NOFILE, &limit);
+        if (limit.rlim_cur < static_cast<rlim_t>(kSubscribers + 100)) {
+            limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, kSubscribers + 200);
+            setrlimit(RLIMIT_NOFILE, &limit);
+        }
+        ASSERT_GE(limit.rlim_cur, static_cast<rlim_t>(kSubscribers + 100));
+        daemon = startDaemon(std::move(env));
+        provider = std::make_unique<Asker>(daemon->port());
+        other = std::make_unique<Asker>(daemon->port());
+        ASSERT_LT(provider->ask(registration("APPL many;GROUP g;ATTR v A 4"), 5s), 5s);
+        ASSERT_LT(other->ask(registration("APPL other;GROUP g;ATTR v A 4"), 5s), 5s);
+        for (int i = 0; i < kHandles; ++i) {
+            ASSERT_LT(provider->ask(onlineRequest("many", "s" + std::to_string(i)), 5s), 5s);
+        }
+        for (int i = 0; i < kSubscribers; ++i) {
+            peers.push_back(std::make_unique<Asker>(daemon->port()));
+            ASSERT_TRUE(
+                sendDatagram(peers.back()->fd(), loopbackAddress(daemon->port()),
+                             subscription(ZEVD_REQ_DC_WAIT_FOR_DP_STATUS, nullptr, nullptr)));
+        }
+        // No answer to a subscription: a query behind them tells they were
+        // taken.
+        ASSERT_LT(provider->ask(applicationsQuery(), 5s), 5s);
+    }
+
+    // Sends the unregister of "many" without waiting.
+    bool unregister() const {
+        return sendDatagram(provider->fd(), loopbackAddress(daemon->port()),
+                            request([](MessageBuilder &b) {
+                                b.add16(DCH_requestType, ZEVD_REQ_DP_UNREGISTER);
+                                b.addString(DCH_applName, "many");
+                            }));
+    }
+
+    // The reports of the unregister, in order.
+    static std::vector<int> unregisterReports() {
+        std::vector<int> expected(kHandles, ZEVD_REQ_DP_OFFLINE);
+        expected.push_back(ZEVD_REQ_DP_UNREGISTER);
+        return expected;
+    }
+};
+
 // An unregister that takes many handles offline before many status
 // subscribers is reported in slices: a request that comes meanwhile is
 // answered within a slice, not after every report, and each subscriber still
 // gets every report in order.
 TEST(DchPeersTest, ReportsToManySubscribersDoNotHoldTheRequestsThatComeMeanwhile) {
-    const int handles = 50;
-    const int subscribers = 1000;
-    rlimit limit{};
-    getrlimit(RLIMIT_NOFILE, &limit);
-    if (limit.rlim_cur < static_cast<rlim_t>(subscribers + 100)) {
-        limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, subscribers + 200);
-        setrlimit(RLIMIT_NOFILE, &limit);
-    }
-    ASSERT_GE(limit.rlim_cur, static_cast<rlim_t>(subscribers + 100));
-    auto daemon = startDaemon();
-    Asker provider(daemon->port());
-    Asker other(daemon->port());
+    const int handles = ManyStatusReports::kHandles;
+    const int subscribers = ManyStatusReports::kSubscribers;
+    ManyStatusReports many;
+    ASSERT_NO_FATAL_FAILURE(many.start());
+    auto &daemon = many.daemon;
+    auto &peers = many.peers;
     std::vector<char> answer;
-    ASSERT_LT(provider.ask(registration("APPL many;GROUP g;ATTR v A 4"), 5s), 5s);
-    ASSERT_LT(other.ask(registration("APPL other;GROUP g;ATTR v A 4"), 5s), 5s);
-    for (int i = 0; i < handles; ++i) {
-        ASSERT_LT(provider.ask(onlineRequest("many", "s" + std::to_string(i)), 5s), 5s);
-    }
-    std::vector<std::unique_ptr<Asker>> peers;
-    for (int i = 0; i < subscribers; ++i) {
-        peers.push_back(std::make_unique<Asker>(daemon->port()));
-        ASSERT_TRUE(sendDatagram(peers.back()->fd(), loopbackAddress(daemon->port()),
-                                 subscription(ZEVD_REQ_DC_WAIT_FOR_DP_STATUS, nullptr, nullptr)));
-    }
-    // No answer to a subscription: a query behind them tells they were taken.
-    ASSERT_LT(provider.ask(applicationsQuery(), 5s), 5s);
 
     // 51 reports to 1000 subscribers: 51,000 sends.
-    std::vector<char> unregister = request([](MessageBuilder &b) {
-        b.add16(DCH_requestType, ZEVD_REQ_DP_UNREGISTER);
-        b.addString(DCH_applName, "many");
-    });
     auto start = Clock::now();
-    ASSERT_TRUE(sendDatagram(provider.fd(), loopbackAddress(daemon->port()), unregister));
-    Clock::duration took = other.ask(onlineRequest("other", "x"), 30s, &answer);
+    ASSERT_TRUE(many.unregister());
+    Clock::duration took = many.other->ask(onlineRequest("other", "x"), 30s, &answer);
     ASSERT_LT(took, 30s);
     // The first subscriber's reports are sent first in every slice; when the
     // answer came, the unregister's own report, the last of its event, had
@@ -491,8 +524,7 @@ TEST(DchPeersTest, ReportsToManySubscribersDoNotHoldTheRequestsThatComeMeanwhile
 
     // Then every report comes, in order: the offlines, the unregister, and
     // the online of the request that came meanwhile.
-    std::vector<int> expected(handles, ZEVD_REQ_DP_OFFLINE);
-    expected.push_back(ZEVD_REQ_DP_UNREGISTER);
+    std::vector<int> expected = ManyStatusReports::unregisterReports();
     expected.push_back(ZEVD_REQ_DP_ONLINE);
     for (int fd : {peers.front()->fd(), peers.back()->fd()}) {
         std::vector<int> types = fd == peers.front()->fd() ? first : std::vector<int>{};
@@ -510,6 +542,41 @@ TEST(DchPeersTest, ReportsToManySubscribersDoNotHoldTheRequestsThatComeMeanwhile
         "ms, the last report read after %.1f ms\n",
         handles + 2, subscribers, millis(took), millis(Clock::now() - start));
     EXPECT_EQ(exitCode(daemon->stop(SIGTERM)), 0);
+}
+
+// A stop right behind such an unregister: the reports that still wait are
+// sent before the daemon ends.
+TEST(DchPeersTest, StatusReportsThatWaitAreSentAtTheStop) {
+    ManyStatusReports many;
+    ASSERT_NO_FATAL_FAILURE(many.start());
+    ASSERT_TRUE(many.unregister());
+    // The unregister is served once its first report comes.
+    pollfd p = {many.peers.front()->fd(), POLLIN, 0};
+    ASSERT_EQ(poll(&p, 1, 5000), 1);
+    EXPECT_EQ(exitCode(many.daemon->stop(SIGTERM)), 0);
+    for (int fd : {many.peers.front()->fd(), many.peers.back()->fd()})
+        EXPECT_EQ(reportTypes(fd), ManyStatusReports::unregisterReports());
+    EXPECT_EQ(many.daemon->trace().find("status reports not sent"), std::string::npos);
+}
+
+// A stop that cannot wait for every report names how many it left.
+TEST(DchPeersTest, StatusReportsLeftAtTheStopAreNamed) {
+    ManyStatusReports many;
+    ASSERT_NO_FATAL_FAILURE(many.start({"ZEVDCHD_TEST_STOP_REPORTS_MS=0"}));
+    ASSERT_TRUE(many.unregister());
+    pollfd p = {many.peers.front()->fd(), POLLIN, 0};
+    ASSERT_EQ(poll(&p, 1, 5000), 1);
+    EXPECT_EQ(exitCode(many.daemon->stop(SIGTERM)), 0);
+    size_t got = reportTypes(many.peers.back()->fd()).size();
+    EXPECT_LT(got, ManyStatusReports::unregisterReports().size());
+    std::string trace = many.daemon->trace();
+    std::smatch named;
+    ASSERT_TRUE(std::regex_search(
+        trace, named, std::regex("Error: ([0-9]+) status reports not sent: the daemon stops\n")))
+        << trace;
+    // A report counts once, however many subscribers it lacks; the last
+    // subscriber has every report that was sent whole.
+    EXPECT_EQ(std::stoul(named[1].str()), ManyStatusReports::unregisterReports().size() - got);
 }
 
 // The loop waits with poll: a daemon whose port and connections have
