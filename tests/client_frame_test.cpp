@@ -219,6 +219,19 @@ TEST_F(ClientFrameTest, WaitForActionAndProvideActionResultsOnlyReport) {
     EXPECT_EQ(withValue, 0u) << capture.joined();
 }
 
+// A data wait that takes its cancel marks the client -1; a failure that a
+// cancel on another thread marked meanwhile (1) stands.
+TEST_F(ClientFrameTest, ACancelledWaitLeavesAFailureStanding) {
+    DCHerrorFlag flag;
+    flag.cancelled();
+    EXPECT_EQ(static_cast<int32_t>(flag), -1);
+    flag.cancelled();
+    EXPECT_EQ(static_cast<int32_t>(flag), -1);
+    flag = 1;
+    flag.cancelled();
+    EXPECT_EQ(static_cast<int32_t>(flag), 1);
+}
+
 TEST_F(ClientFrameTest, FailedClientMakesEveryRequestReturnAtOnce) {
     TraceCapture capture("zevdchcl=all,zevdsock=all");
     DCHclientProbe client(0, 1);

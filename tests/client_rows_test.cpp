@@ -198,7 +198,9 @@ TEST_F(ClientRowsTest, ASizeBeyondTheRowLeavesAGapBeforeThePair) {
 }
 
 TEST_F(ClientRowsTest, ASizeOutsideTheBufferTakesNoPair) {
-    for (long size : {-1L, 2L, 4097L, 1L << 40}) {
+    // Inside the header fields (4 to 29) too: a pair there would be
+    // overwritten by the handle and the flag that dp_data patches in.
+    for (long size : {-1L, 2L, 4L, 18L, 29L, 4097L, 1L << 40}) {
         SCOPED_TRACE(size);
         Row row;
         int32_t value = 1;
@@ -453,6 +455,22 @@ TEST_F(ClientRowsTest, DataBufferThatHoldsNoRowIsFreedButNotSent) {
     EXPECT_TRUE(capture.hasText("Error: writing dp_data message to DCHserver\n"))
         << capture.joined();
     EXPECT_FALSE(capture.contains("Waiting for dp_data")) << capture.joined();
+    EXPECT_TRUE(dch().received().empty());
+}
+
+// A buffer shorter than a row's header fields is not patched: nothing is
+// written past its end (the address sanitizer's build would stop here).
+TEST_F(ClientRowsTest, DataBufferShorterThanARowIsNotPatched) {
+    TraceCapture capture("zevdchcl=all");
+    char *buffer = new char[12]();
+    uint32_t word = htonl(12);
+    memcpy(buffer, &word, sizeof word);
+    long status = kUntouched;
+    EXPECT_EQ(dp_data(&status, 0x7f7f7f7f, 0x7f7f, &buffer), 1);
+    EXPECT_EQ(status, 2);
+    EXPECT_EQ(buffer, nullptr);
+    EXPECT_TRUE(capture.hasText("Error: work buffer length 12 is not a row's\n"))
+        << capture.joined();
     EXPECT_TRUE(dch().received().empty());
 }
 

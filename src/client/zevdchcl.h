@@ -51,6 +51,13 @@ public:
     operator int32_t() const {  // NOLINT(google-explicit-constructor)
         return value_.load(std::memory_order_relaxed);
     }
+    // A cancelled data wait: -1, unless a failure (a cancel that failed on
+    // another thread meanwhile) has set 1 or more, which stays.
+    void cancelled() {
+        int32_t seen = value_.load(std::memory_order_relaxed);
+        while (seen < 1 && !value_.compare_exchange_weak(seen, -1, std::memory_order_relaxed)) {
+        }
+    }
 
 private:
     std::atomic<int32_t> value_;

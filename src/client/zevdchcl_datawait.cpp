@@ -239,7 +239,7 @@ int DCHclient::dc_waitOnData(char *buffer, short buflen) {
                      reinterpret_cast<struct sockaddr *>(&sender), &senderLength);
             // Kept: -1 sticks. Nothing sets it back to 0, so every later
             // wait that delivers data returns -1 as well.
-            _error = -1;
+            _error.cancelled();
             return trc.exit(-1);
         }
         break;

@@ -21,6 +21,10 @@ namespace {
 using zevd::ignoredStatus;
 using zevd::withClient;
 
+// A row's length word and its three header fields (request type, handle,
+// flag): the length of a row without attributes.
+constexpr uint32_t kRowHeaderSize = 30;
+
 bool isIntegerLetter(char c) {
     return c != '\0' && strchr("ACGLN", c) != nullptr;
 }
@@ -262,8 +266,9 @@ int DCHclient::dp_formatData(long *status, char **workBuffer, long *size, const 
         bool placed = true;
         if (*size != 0) {
             // At the caller's size: a caller that sets it back takes back the
-            // pairs after it. A size outside the buffer takes no pair.
-            placed = *size > 0 && row.resumeAt(static_cast<size_t>(*size));
+            // pairs after it. A size outside the buffer, or inside the row's
+            // header fields, takes no pair.
+            placed = *size >= kRowHeaderSize && row.resumeAt(static_cast<size_t>(*size));
         } else {
             ZEVD_TRACE(trc, TRACE_DETAIL, "Placing placeholders in buffer.\n");
             row.add16(DCH_requestType, ZEVD_REQ_DP_DATA);
@@ -302,21 +307,23 @@ int DCHclient::dp_data(long *status, long handle, short dataFlag, char **workBuf
     char *row = workBuffer != nullptr ? *workBuffer : nullptr;
     if (row != nullptr) {
         uint32_t length = zevd::messageLength(row);
-        // The handle and the flag are patched in place at their fixed offsets.
-        uint32_t handleWord = htonl(static_cast<uint32_t>(handle));
-        uint16_t flagWord = htons(static_cast<uint16_t>(dataFlag));
-        memcpy(row + 18, &handleWord, sizeof handleWord);
-        memcpy(row + 28, &flagWord, sizeof flagWord);
         const DCHrequestTexts texts = {"DUMP[%d] of dp_data request.\n",
                                        "Writing dp_data message. %d bytes\n", nullptr,
                                        "Error: writing dp_data message to DCHserver\n"};
-        if (length < 30 || length > static_cast<uint32_t>(zevd::kRequestSize)) {
-            // Not a row that dp_formatData built: never sent past its buffer.
+        if (length < kRowHeaderSize || length > static_cast<uint32_t>(zevd::kRequestSize)) {
+            // Not a row that dp_formatData built: neither patched nor sent
+            // past its buffer.
             ZEVD_TRACE(trc, TRACE_ERROR, "Error: work buffer length %u is not a row's\n", length);
             ZEVD_TRACE(trc, TRACE_ERROR, texts.writeError);
             _error = 1;
             *status = ZEVD_STATUS_NOT_SENT;
         } else {
+            // The handle and the flag are patched in place at their fixed
+            // offsets.
+            uint32_t handleWord = htonl(static_cast<uint32_t>(handle));
+            uint16_t flagWord = htons(static_cast<uint16_t>(dataFlag));
+            memcpy(row + 18, &handleWord, sizeof handleWord);
+            memcpy(row + 28, &flagWord, sizeof flagWord);
             writeRequest(trc, row, length, status, texts);
         }
     }
