@@ -170,6 +170,38 @@ TEST_F(ClientStatusWaitTest, SignalDuringTheWaitDoesNotEndItNorSpoilTheClient) {
     EXPECT_EQ(dc_waitForDPStatusDestroy(client), 0);
 }
 
+// With a handler that does not restart system calls, one signal in the
+// wait and one in the receive that follows it: the wait goes on all the
+// same.
+TEST_F(ClientStatusWaitTest, SignalsWithoutRestartInTheWaitAndTheReceiveDoNotEndIt) {
+    TraceCapture capture("zevdchcl=all,ipcSock::ipcRead=detail");
+    zevd::test::ScopedSignalAction action(SIGUSR1, ignoreSignal, 0);
+    ASSERT_TRUE(action.installed());
+    void *client = start();
+    std::promise<std::string> done;
+    std::future<std::string> result = done.get_future();
+    std::thread waiter([&] {
+        const char *line = dc_waitForDPStatus(client);
+        done.set_value(line != nullptr ? std::string(line) : std::string("(null)"));
+    });
+    ASSERT_TRUE(zevd::test::signalInSocketWait(capture, "Waiting on SELECT: UDP[",
+                                               waiter.native_handle(), SIGUSR1,
+                                               std::chrono::seconds(10)));
+    EXPECT_TRUE(capture.waitFor("count=-1 errno=4\n", std::chrono::seconds(10)))
+        << capture.joined();
+    pid_t tid = zevd::test::tracedThread(capture, "Waiting on SELECT: UDP[");
+    ASSERT_TRUE(zevd::test::waitBlockedIn(tid, {SYS_recvfrom}, std::chrono::seconds(10)));
+    ASSERT_EQ(pthread_kill(waiter.native_handle(), SIGUSR1), 0);
+    bool endedBeforeTheReport =
+        result.wait_for(std::chrono::milliseconds(200)) == std::future_status::ready;
+    send(report("APP", "GRP", "SRC", "10.0.0.1", "", 4));
+    waiter.join();
+    EXPECT_FALSE(endedBeforeTheReport);
+    EXPECT_EQ(result.get(), "APP,GRP,SRC,10.0.0.1,4") << capture.joined();
+    EXPECT_FALSE(capture.contains("Error: ipcRead with wait[FOREVER] failed"));
+    EXPECT_EQ(dc_waitForDPStatusDestroy(client), 0);
+}
+
 TEST_F(ClientStatusWaitTest, ReportWithHostInformationGivesSixValues) {
     TraceCapture capture("zevdchcl=detail");
     void *client = start();

@@ -111,8 +111,7 @@ int32_t ipcSock::ipcRead(char **buffer, int32_t wait) {
             if (_sockUDP < 0) break;
             // Otherwise the receive is attempted all the same. A bounded read
             // does not wait there: a signal must not turn it into an endless
-            // one. A read with no time limit waits there for its datagram, so
-            // a signal does not end it.
+            // one. A read with no time limit waits there for its datagram.
             if (limited) receiveFlags = MSG_DONTWAIT;
         } else if (count == 0) {
             if (retriesLeft > 0) {
@@ -149,9 +148,14 @@ int32_t ipcSock::ipcRead(char **buffer, int32_t wait) {
         struct sockaddr_in sender;
         socklen_t senderLen = sizeof sender;
         int32_t readBefore = bytesRead;
-        bytesRead = static_cast<int32_t>(recvfrom(_sockUDP, piece, IPC_DATAGRAM_SIZE, receiveFlags,
-                                                  reinterpret_cast<struct sockaddr *>(&sender),
-                                                  &senderLen));
+        // A read with no time limit waits here for its datagram through any
+        // signal, as it would under SA_RESTART.
+        do {
+            senderLen = sizeof sender;
+            bytesRead = static_cast<int32_t>(
+                recvfrom(_sockUDP, piece, IPC_DATAGRAM_SIZE, receiveFlags,
+                         reinterpret_cast<struct sockaddr *>(&sender), &senderLen));
+        } while (bytesRead < 0 && errno == EINTR && !limited);
         int recvErrno = errno;
         receiveFlags = 0;
 

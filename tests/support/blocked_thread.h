@@ -12,6 +12,7 @@
 #include <chrono>
 #include <cstring>
 #include <fstream>
+#include <initializer_list>
 #include <string>
 
 #include "support/trace_capture.h"
@@ -33,19 +34,27 @@ inline pid_t tracedThread(const TraceCapture &capture, const std::string &part) 
     return 0;
 }
 
-// True once thread tid of this process sits in poll or select (ppoll,
-// pselect6 too), false after limit.
-inline bool waitBlockedInSocketWait(pid_t tid, std::chrono::milliseconds limit) {
+// True once thread tid of this process sits in one of the system calls
+// (their numbers), false after limit.
+inline bool waitBlockedIn(pid_t tid, std::initializer_list<long> calls,
+                          std::chrono::milliseconds limit) {
     const std::string path = "/proc/self/task/" + std::to_string(tid) + "/syscall";
     return waitFor(
         [&] {
             std::ifstream in(path);
             long number = -1;
             in >> number;
-            return number == SYS_poll || number == SYS_ppoll || number == SYS_select ||
-                   number == SYS_pselect6;
+            for (long call : calls)
+                if (number == call) return true;
+            return false;
         },
         limit);
+}
+
+// True once thread tid of this process sits in poll or select (ppoll,
+// pselect6 too), false after limit.
+inline bool waitBlockedInSocketWait(pid_t tid, std::chrono::milliseconds limit) {
+    return waitBlockedIn(tid, {SYS_poll, SYS_ppoll, SYS_select, SYS_pselect6}, limit);
 }
 
 // Once the thread that wrote a line containing part sits in a socket wait,
