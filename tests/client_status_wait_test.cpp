@@ -12,6 +12,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstring>
+#include <functional>
 #include <future>
 #include <set>
 #include <string>
@@ -140,30 +141,45 @@ TEST_F(ClientStatusWaitTest, ReportWithoutHostInformationGivesFiveValues) {
 
 void ignoreSignal(int) {}
 
-TEST_F(ClientStatusWaitTest, SignalDuringTheWaitDoesNotEndItNorSpoilTheClient) {
-    TraceCapture capture("zevdchcl=all,ipcSock::ipcRead=detail");
-    // poll is not restarted all the same.
-    zevd::test::ScopedSignalAction action(SIGUSR1, ignoreSignal, SA_RESTART);
+// A status wait on client that SIGUSR1 (its handler installed with flags)
+// interrupts in its poll and, with inTheReceive, again in the receive that
+// follows: the wait goes on, and its report comes.
+void signalTheWait(TraceCapture &capture, void *client, int flags, bool inTheReceive,
+                   const std::function<void()> &sendReport) {
+    zevd::test::ScopedSignalAction action(SIGUSR1, ignoreSignal, flags);
     ASSERT_TRUE(action.installed());
-    void *client = start();
     std::promise<std::string> done;
     std::future<std::string> result = done.get_future();
     std::thread waiter([&] {
         const char *line = dc_waitForDPStatus(client);
         done.set_value(line != nullptr ? std::string(line) : std::string("(null)"));
     });
-    ASSERT_TRUE(zevd::test::signalInSocketWait(capture, "Waiting on SELECT: UDP[",
-                                               waiter.native_handle(), SIGUSR1,
-                                               std::chrono::seconds(10)));
+    bool signalled =
+        zevd::test::signalInSocketWait(capture, "Waiting on SELECT: UDP[", waiter.native_handle(),
+                                       SIGUSR1, std::chrono::seconds(10));
+    EXPECT_TRUE(signalled);
     EXPECT_TRUE(capture.waitFor("count=-1 errno=4\n", std::chrono::seconds(10)))
         << capture.joined();
+    if (signalled && inTheReceive) {
+        pid_t tid = zevd::test::tracedThread(capture, "Waiting on SELECT: UDP[");
+        EXPECT_TRUE(zevd::test::waitBlockedIn(tid, {SYS_recvfrom}, std::chrono::seconds(10)));
+        EXPECT_EQ(pthread_kill(waiter.native_handle(), SIGUSR1), 0);
+    }
     bool endedBeforeTheReport =
         result.wait_for(std::chrono::milliseconds(200)) == std::future_status::ready;
-    send(report("APP", "GRP", "SRC", "10.0.0.1", "", 4));
+    sendReport();
     waiter.join();
     EXPECT_FALSE(endedBeforeTheReport);
     EXPECT_EQ(result.get(), "APP,GRP,SRC,10.0.0.1,4") << capture.joined();
     EXPECT_FALSE(capture.contains("Error: ipcRead with wait[FOREVER] failed"));
+}
+
+TEST_F(ClientStatusWaitTest, SignalDuringTheWaitDoesNotEndItNorSpoilTheClient) {
+    TraceCapture capture("zevdchcl=all,ipcSock::ipcRead=detail");
+    void *client = start();
+    // poll is not restarted all the same.
+    signalTheWait(capture, client, SA_RESTART, false,
+                  [&] { send(report("APP", "GRP", "SRC", "10.0.0.1", "", 4)); });
     // The client goes on waiting for reports.
     EXPECT_EQ(lineOf(client, report("APP", "GRP", "SRC", "10.0.0.1", "", 3)),
               "APP,GRP,SRC,10.0.0.1,3");
@@ -175,30 +191,9 @@ TEST_F(ClientStatusWaitTest, SignalDuringTheWaitDoesNotEndItNorSpoilTheClient) {
 // same.
 TEST_F(ClientStatusWaitTest, SignalsWithoutRestartInTheWaitAndTheReceiveDoNotEndIt) {
     TraceCapture capture("zevdchcl=all,ipcSock::ipcRead=detail");
-    zevd::test::ScopedSignalAction action(SIGUSR1, ignoreSignal, 0);
-    ASSERT_TRUE(action.installed());
     void *client = start();
-    std::promise<std::string> done;
-    std::future<std::string> result = done.get_future();
-    std::thread waiter([&] {
-        const char *line = dc_waitForDPStatus(client);
-        done.set_value(line != nullptr ? std::string(line) : std::string("(null)"));
-    });
-    ASSERT_TRUE(zevd::test::signalInSocketWait(capture, "Waiting on SELECT: UDP[",
-                                               waiter.native_handle(), SIGUSR1,
-                                               std::chrono::seconds(10)));
-    EXPECT_TRUE(capture.waitFor("count=-1 errno=4\n", std::chrono::seconds(10)))
-        << capture.joined();
-    pid_t tid = zevd::test::tracedThread(capture, "Waiting on SELECT: UDP[");
-    ASSERT_TRUE(zevd::test::waitBlockedIn(tid, {SYS_recvfrom}, std::chrono::seconds(10)));
-    ASSERT_EQ(pthread_kill(waiter.native_handle(), SIGUSR1), 0);
-    bool endedBeforeTheReport =
-        result.wait_for(std::chrono::milliseconds(200)) == std::future_status::ready;
-    send(report("APP", "GRP", "SRC", "10.0.0.1", "", 4));
-    waiter.join();
-    EXPECT_FALSE(endedBeforeTheReport);
-    EXPECT_EQ(result.get(), "APP,GRP,SRC,10.0.0.1,4") << capture.joined();
-    EXPECT_FALSE(capture.contains("Error: ipcRead with wait[FOREVER] failed"));
+    signalTheWait(capture, client, 0, true,
+                  [&] { send(report("APP", "GRP", "SRC", "10.0.0.1", "", 4)); });
     EXPECT_EQ(dc_waitForDPStatusDestroy(client), 0);
 }
 
