@@ -226,7 +226,7 @@ void configure(const char *text, std::vector<std::string> *complaints) {
         }
         unsigned int mask = 0;
         if (scope.empty() || !parseLevels(value, &mask)) {
-            complaints->push_back("Error: ZEVA_TRACE item <" + std::string(item) + "> ignored\n");
+            complaints->push_back("Error: ZEVA_TRACE item <" + std::string(item) + "> ignored");
             continue;
         }
         levels.push_back({std::string(scope), mask});
@@ -277,7 +277,7 @@ void printLine(TraceFunctionRecord *rec, int line, const char *fmt, ...) {
 
 // Written whatever the levels: a configuration that cannot be applied must be seen.
 void complain(const std::vector<std::string> &complaints) {
-    for (const auto &text : complaints) printLine(&configureRecord, __LINE__, "%s", text.c_str());
+    for (const auto &text : complaints) printLine(&configureRecord, __LINE__, "%s\n", text.c_str());
 }
 
 void initFromEnvironment() {

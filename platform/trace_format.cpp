@@ -48,6 +48,35 @@ void appendOne(std::string &out, const std::string &directive, T value) {
 }
 #pragma GCC diagnostic pop
 
+bool isControl(char c) {
+    auto byte = static_cast<unsigned char>(c);
+    return (byte < 0x20 && c != '\t') || byte == 0x7f;
+}
+
+// A string argument stays on its line: from out[from] on, a line feed or a
+// carriage return is written \n or \r, any other control character but the
+// tab \xHH. A name that came from a peer thus cannot start a line of its
+// own, nor move a terminal's cursor.
+void escapeControls(std::string &out, size_t from) {
+    size_t i = from;
+    while (i < out.size() && !isControl(out[i])) ++i;
+    if (i == out.size()) return;
+    std::string escaped(out, i);
+    out.resize(i);
+    for (char c : escaped) {
+        if (!isControl(c)) {
+            out += c;
+        } else if (c == '\n') {
+            out += "\\n";
+        } else if (c == '\r') {
+            out += "\\r";
+        } else {
+            out += "\\x";
+            appendHexArea(out, &c, 1);
+        }
+    }
+}
+
 }  // namespace
 
 void formatText(std::string &out, const char *fmt, va_list ap) {
@@ -183,7 +212,9 @@ void formatText(std::string &out, const char *fmt, va_list ap) {
             case 'c': appendOne(out, directive + conv, va_arg(args, int)); break;
             case 's': {
                 const char *text = va_arg(args, const char *);
+                size_t from = out.size();
                 appendOne(out, directive + conv, text != nullptr ? text : "(null)");
+                escapeControls(out, from);
                 break;
             }
             case 'p': appendOne(out, directive + conv, va_arg(args, void *)); break;

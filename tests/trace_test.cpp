@@ -145,6 +145,19 @@ TEST(TraceLineTest, EveryPrintfIsOneLine) {
               (std::vector<std::string>{"Error: FINISH ME UP!\n", "with its own end\n"}));
 }
 
+// A string argument cannot end its line or start another: a name a peer
+// sent with a line feed in it stays on the line of its call.
+TEST(TraceLineTest, ControlCharactersOfAStringStayOnItsLine) {
+    TraceCapture capture("all");
+    TraceFunctionRecord &rec = makeRecord("f", &sockUnit);
+    TLG1_Printf(&rec, 1, "name <%s> <%.4s>\n",
+                "a\nb\rc\x1b"
+                "d\te\x7f",
+                "x\ny\nz");
+    EXPECT_EQ(capture.texts(),
+              (std::vector<std::string>{"name <a\\nb\\rc\\x1bd\te\\x7f> <x\\ny\\n>\n"}));
+}
+
 TEST(TraceLineTest, NullStringPrintsAsNull) {
     TraceCapture capture("all");
     TraceFunctionRecord &rec = makeRecord("f", &sockUnit);
