@@ -20,6 +20,7 @@
 #include "support/client_probe.h"
 #include "support/fake_dch.h"
 #include "support/sock_probe.h"
+#include "support/trace_capture.h"
 #include "zevd610.h"
 
 namespace {
@@ -29,6 +30,7 @@ using zevd::test::DchReply;
 using zevd::test::DchRequest;
 using zevd::test::FakeDch;
 using zevd::test::ipcSockProbe;
+using zevd::test::TraceCapture;
 
 constexpr int kThreads = 8;
 constexpr int kCallsPerThread = 2000;
@@ -54,6 +56,28 @@ std::string stringField(const std::vector<char> &bytes, int wanted) {
 
 int32_t handleFor(int thread, int call) {
     return thread * 100000 + call;
+}
+
+// The first test of the process: inits on eight threads at once: the locks are made once, and every
+// call returns with them made (the thread sanitizer's build sees any race).
+TEST(ClientConcurrencyTest, ApiInitFromEightThreadsAtOnceMakesTheLocksOnce) {
+    TraceCapture capture("zevdchcl=all");
+    std::atomic<int> waiting{8};
+    std::atomic<int> usable{0};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 8; ++i)
+        threads.emplace_back([&] {
+            waiting.fetch_sub(1);
+            for (int spin = 0; spin < 10'000'000 && waiting.load() > 0; ++spin) {
+            }
+            DCH_api_init();
+            if (ZEVA_GetLock(&_dc_waitForDPStatusLock, nullptr) == 0 &&
+                ZEVA_ReleaseLock(&_dc_waitForDPStatusLock, nullptr) == 0)
+                usable.fetch_add(1);
+        });
+    for (std::thread &t : threads) t.join();
+    EXPECT_EQ(usable.load(), 8);
+    EXPECT_EQ(capture.count("Initializing DCHclient locks."), 1u) << capture.joined();
 }
 
 TEST(ClientConcurrencyTest, EveryCallGetsItsOwnAnswerThroughAPoolOfFour) {

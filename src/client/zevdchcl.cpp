@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 #include <new>
 #include <string>
 
@@ -26,9 +27,10 @@ pthread_mutex_t _dc_waitForDPStatusLock;
 
 namespace {
 
-// Set by the first DCH_api_init and never cleared, so the mutexes are made
-// once per process.
-int16_t locksInitialized = 0;
+// Taken by the first DCH_api_init and never cleared, so the mutexes are
+// made once per process; a call at the same time on another thread returns
+// only once they are made.
+std::once_flag locksInitialized;
 
 // After the transport could not be had, the trace has a second to reach
 // its file before the process ends.
@@ -260,13 +262,12 @@ void DCHclient::awaitReturnStatus(zevd::TraceFrame &trc, long *status, const cha
 
 extern "C" ZEVD_EXPORT void DCH_api_init(void) {
     ZEVD_TRACE_FUNCTION("C::DCH_api_init");
-    if (locksInitialized == 0) {
-        locksInitialized = 1;
+    std::call_once(locksInitialized, [&trc] {
         ZEVD_TRACE(trc, TRACE_STORAGE, "Initializing DCHclient locks.\n");
         ZEV0_InitializeMutex(&_dc_waitOnDataLock);
         ZEV0_InitializeMutex(&_dc_waitOnDataCancelLock);
         ZEV0_InitializeMutex(&_dc_waitForDPStatusLock);
-    }
+    });
     trc.exit();
 }
 
