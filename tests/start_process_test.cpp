@@ -191,6 +191,25 @@ TEST_F(StartProcessTest, FindsAProgramOnTheCommandPath) {
         << capture.joined();
 }
 
+// A name too long for "./name" in the 256-byte work buffer: the program
+// whose name is the cut path's is not started; the command path is searched.
+TEST_F(StartProcessTest, NameTooLongForTheCurrentDirectoryPathIsSearchedOnTheCommandPath) {
+    const std::string name(254, 'p');
+    ASSERT_NO_FATAL_FAILURE(addProgram(workDir_, name.substr(0, 253), "cut"));
+    ASSERT_NO_FATAL_FAILURE(addProgram(pathDir_, name, "path"));
+    prependPathDir();
+    created_.push_back(marker_);
+
+    int pid = ZEVA_StartDPprocess(name.c_str());
+    if (pid == 0) _exit(kNotStarted);
+    ASSERT_GT(pid, 0);
+    int status = waitForChild(pid);
+    ASSERT_NE(status, -1) << "child " << pid << " did not end within " << kWaitMs << " ms";
+    ASSERT_TRUE(WIFEXITED(status)) << status;
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    EXPECT_EQ(readFile(marker_), "path " + pathDir_ + "/" + name + "\n");
+}
+
 TEST_F(StartProcessTest, ProgramFoundNowhereLeavesAChildThatReturnsZero) {
     const std::string name = "zevd-no-such-provider";
     // The command path holds only an empty directory, so the search ends

@@ -337,7 +337,9 @@ extern "C" ZEVD_EXPORT int ZEVA_StartDPprocess(const char *executableName) {
     bool failed = false;
     const char *name = orEmpty(executableName);
     char path[256];
-    snprintf(path, sizeof path, "./%s", name);
+    // A name too long for the work buffer is not tried from the current
+    // directory: its cut path would start another program.
+    bool pathWhole = snprintf(path, sizeof path, "./%s", name) < static_cast<int>(sizeof path);
     result = fork();
     if (result < 0) {
         ZEVD_TRACE(trc, TRACE_ERROR, "Error: fork failed: errno=%d\n", errno);
@@ -346,7 +348,7 @@ extern "C" ZEVD_EXPORT int ZEVA_StartDPprocess(const char *executableName) {
     } else if (result > 0) {
         ZEVD_TRACE(trc, TRACE_FLOW, "Parent side with childPID is %d\n", result);
     } else {
-        execlp(path, name, static_cast<char *>(nullptr));
+        if (pathWhole) execlp(path, name, static_cast<char *>(nullptr));
         execlp(name, name, static_cast<char *>(nullptr));
         long error = errno;
         // The child of a threaded caller may find the trace's locks held for
