@@ -152,8 +152,8 @@ ZEVD_EXPORT int ZEVA_GetApplKeyFromSubNodeName(const char *subnodeName, char *ap
 ZEVD_EXPORT char *ZEVA_ComputeChecksumOnAttrGroup(const char *attrGroup);
 /* Replaces , : ; ' and " in place by blanks. */
 ZEVD_EXPORT void ZEVA_validateHelpText(char *helpText);
-/* Starts "./name", else name from the command path, as a child process.
- * The parent gets the child's pid (-1 when fork fails); a child whose
+/* Starts "./name", else name from the command path, as a child process
+ * ("./name" only when it fits 255 bytes). The parent gets the child's pid (-1 when fork fails); a child whose
  * program could not be started gets 0 and goes on running the caller. */
 ZEVD_EXPORT int ZEVA_StartDPprocess(const char *executableName);
 
@@ -195,7 +195,8 @@ ZEVD_EXPORT void dp_provideActionResults(long ignored1, long ignored2);
  * (4096 bytes) by the first call; *size receives the row's length. attrType
  * is the attribute type letter: A C G L N integers of valueSize 2 or 4
  * bytes, I S 16-bit integers, D R T U Z strings of valueSize bytes. An
- * attribute that does not fit the row is refused with status 1. */
+ * attribute that does not fit the row is refused with status 1, and so is
+ * one at a *size set back outside the row (below 30, past 4096). */
 ZEVD_EXPORT int dp_formatData(long *status, char **workBuffer, long *size, const char *attrName,
                               const void *attrValue, long valueSize, char attrType);
 /* Sends the row under a handle and frees it (*workBuffer is NULL after the
