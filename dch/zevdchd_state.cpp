@@ -392,10 +392,19 @@ bool Dch::useStateDir(const std::string &dir, std::string *why) {
             journalGeneration = strtoull(payload.c_str() + strlen(kJournalHeader), &end, 10);
             headed = *end == '\0';
         }
+        // A journal that does not read is kept for whoever looks into it:
+        // the next change starts a new one.
+        auto setJournalAside = [&] {
+            std::string aside;
+            if (setAside(s.dirFd, kJournalFile, &aside))
+                ZEVD_TRACE(trc, TRACE_ERROR, "Note: journal %s set aside as %s\n",
+                           s.path(kJournalFile).c_str(), s.path(aside.c_str()).c_str());
+        };
         if (!headed) {
             ZEVD_TRACE(trc, TRACE_ERROR,
                        "Error: journal %s does not start with its header: not replayed\n",
                        s.path(kJournalFile).c_str());
+            setJournalAside();
         } else if (journalGeneration != s.generation) {
             // A crash between the snapshot's rename and the journal's: the
             // snapshot holds all of it already.
@@ -424,6 +433,7 @@ bool Dch::useStateDir(const std::string &dir, std::string *why) {
                            "Error: journal %s: record %u does not apply (%s): replay ends there\n",
                            s.path(kJournalFile).c_str(), static_cast<unsigned>(replayed + 1),
                            bad.c_str());
+                setJournalAside();
             } else {
                 uint64_t good = reader.goodLength();
                 bool kept = true;
@@ -519,6 +529,13 @@ bool Dch::applyStateLine(const std::string &line, StateLoad &load, std::string *
         *why = what;
         return false;
     };
+    // Groups and attributes follow their application's line directly: any
+    // other line ends the application they belong to (an unregister may
+    // even have erased it).
+    if (kind != "group" && kind != "attr") {
+        load.application = nullptr;
+        load.inGroup = false;
+    }
     if (kind == "next-handle" && !load.journal) {
         if (!(in >> nextHandle_) || nextHandle_ <= 0 || !nothingMore(in))
             return fail("a bad next-handle");

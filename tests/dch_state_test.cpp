@@ -21,6 +21,7 @@
 #include "support/trace_capture.h"
 #include "zevd610.h"
 #include "zevdchd.h"
+#include "zevdchd_journal.h"
 #include "zevdchd_metrics.h"
 
 namespace {
@@ -366,6 +367,60 @@ TEST(DchStateTest, ReplayEndsAtTheFirstRecordThatDoesNotReadWhole) {
 
 // A crash between the new snapshot's rename and the new journal's leaves
 // the old journal beside a snapshot that holds all of it already.
+// Sealed journal records that this daemon never wrote: replay ends at the
+// first that does not apply, and the journal is set aside; the next change
+// starts a new snapshot and journal. Among them a record whose unregister
+// erases the application its own lines registered before a group of it.
+TEST(DchStateTest, JournalRecordThatDoesNotApplyEndsTheReplayAndIsSetAside) {
+    struct Case {
+        const char *what;
+        std::string journal;  // after the header of generation 1
+        const char *line;     // what the next start writes
+        size_t applications;  // replayed
+    };
+    const std::string header = dch::sealRecord("zevdchd-journal 1 generation 1");
+    const Case cases[] = {
+        {"an unregister between an application and its group",
+         header + dch::sealRecord("appl =a = 127.0.0.1 1\nunregister =a\ngroup =g =\n"),
+         "record 1 does not apply (a bad group): replay ends there", 0},
+        {"an attribute after a handle",
+         header + dch::sealRecord("appl =a = 127.0.0.1 1\ngroup =g =\n") +
+             dch::sealRecord("appl =b = 127.0.0.1 1\ngroup =g =\nonline 1 =b =g =s 127.0.0.1 "
+                             "1 2\nattr =v A 4 =\n"),
+         "record 2 does not apply (a bad attr): replay ends there", 2},
+        {"no header", dch::sealRecord("appl =a = 127.0.0.1 1\n"),
+         "does not start with its header: not replayed", 0},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.what);
+        TempDir dir;
+        {
+            Daemon first;
+            use(first, dir);
+            snapshot(first);
+        }
+        writeFile(journalFile(dir), c.journal);
+        {
+            Daemon second;
+            TraceCapture capture("error");
+            use(second, dir);
+            EXPECT_EQ(second.dch.applications().size(), c.applications);
+            EXPECT_TRUE(capture.contains(c.line)) << capture.joined();
+            std::vector<std::string> aside = setAside(dir, "zevdchd.journal.bad-");
+            ASSERT_EQ(aside.size(), 1u);
+            EXPECT_EQ(readFile(dir.file(aside[0])), c.journal);
+            EXPECT_TRUE(capture.hasText("Note: journal " + journalFile(dir) + " set aside as " +
+                                        dir.file(aside[0]) + "\n"))
+                << capture.joined();
+            second.registerApp("app");
+        }
+        Daemon third;
+        use(third, dir);
+        EXPECT_EQ(third.dch.applications().count("app"), 1u);
+        EXPECT_EQ(third.dch.applications().size(), c.applications + 1);
+    }
+}
+
 TEST(DchStateTest, JournalOlderThanTheSnapshotIsNotReplayed) {
     TempDir dir;
     std::string kept;
