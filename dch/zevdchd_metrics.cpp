@@ -84,15 +84,20 @@ const char *const kOwnFamilies[] = {
     "zevd_dch_rows_forwarded_total",
     "zevd_dch_start_time_seconds",
     "zevd_dch_status_reports_total",
+    "zevd_dch_status_reports_waiting",
     "zevd_dch_subscribers",
     "zevd_dch_up",
 };
+
+}  // namespace
 
 bool isOwnFamily(const std::string &name) {
     for (const char *own : kOwnFamilies)
         if (name == own) return true;
     return false;
 }
+
+namespace {
 
 // Characters outside [a-zA-Z0-9_] become '_'.
 std::string mapped(std::string_view text) {

@@ -73,6 +73,9 @@ MetricsSnapshot metricsSnapshot(const Dch &dch);
 // The page: one block per metric family in name order, each with one HELP
 // and one TYPE line, no timestamps, ending with a newline.
 std::string renderMetrics(const MetricsSnapshot &snapshot);
+// True for a family the daemon writes itself: a family that the data would
+// name so gets '_' appended instead.
+bool isOwnFamily(const std::string &name);
 
 }  // namespace zevd::dch
 

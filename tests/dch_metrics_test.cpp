@@ -395,20 +395,31 @@ TEST(DchMetricsNamesTest, NamesThatShowTheSameOnceRepairedCarryTheirPlace) {
     EXPECT_EQ(page.value(key("zevd_u_g_x_", at("s", h, {{"attribute", "x\xef\xbf\xbd #2"}}))), "2");
 }
 
+// Every family the daemon writes itself is one that data cannot take.
+TEST(DchMetricsNamesTest, EveryFamilyOfTheDaemonsOwnIsKeptFromTheData) {
+    Daemon d;
+    CheckedPage page = pageOf(d);
+    ASSERT_GE(page.types.size(), 10u);
+    for (const auto &[family, type] : page.types) EXPECT_TRUE(dch::isOwnFamily(family)) << family;
+}
+
 TEST(DchMetricsNamesTest, DataNeverTakesTheDaemonsOwnNames) {
     Daemon d;
     registerGroups(d, "dch",
                    {{"providers", "", {{"online", 'A', 4, ""}, {"online_", 'A', 4, ""}}},
                     {"requests", "", {{"total", 'A', 4, ""}}},
-                    {"info", "", {{"labels_dropped", 'A', 4, ""}}}});
+                    {"info", "", {{"labels_dropped", 'A', 4, ""}}},
+                    {"status", "", {{"reports_waiting", 'A', 4, ""}}}});
     int32_t h1 = d.online("dch", "providers", "s");
     int32_t h2 = d.online("dch", "requests", "s");
     int32_t h3 = d.online("dch", "info", "s");
     acceptRow(d, h1, {{"online", be32(5)}, {"online_", be32(6)}});
     acceptRow(d, h2, {{"total", be32(7)}});
     acceptRow(d, h3, {{"labels_dropped", be32(8)}});
+    int32_t h4 = d.online("dch", "status", "s");
+    acceptRow(d, h4, {{"reports_waiting", be32(9)}});
     CheckedPage page = pageOf(d);
-    EXPECT_EQ(page.value("zevd_dch_providers_online"), "3");
+    EXPECT_EQ(page.value("zevd_dch_providers_online"), "4");
     EXPECT_EQ(page.perFamily["zevd_dch_providers_online"], 1);
     EXPECT_EQ(page.value(key("zevd_dch_providers_online_", at("s", h1, {{"attribute", "online"}}))),
               "5");
@@ -419,6 +430,9 @@ TEST(DchMetricsNamesTest, DataNeverTakesTheDaemonsOwnNames) {
     EXPECT_EQ(page.types["zevd_dch_requests_total_"], "gauge");
     EXPECT_EQ(page.value(key("zevd_dch_info_labels_dropped_", at("s", h3))), "8");
     EXPECT_EQ(page.value("zevd_dch_info_labels_dropped"), "0");
+    EXPECT_EQ(page.value(key("zevd_dch_status_reports_waiting_", at("s", h4))), "9");
+    EXPECT_EQ(page.value("zevd_dch_status_reports_waiting"), "0");
+    EXPECT_EQ(page.perFamily["zevd_dch_status_reports_waiting"], 1);
 }
 
 // ---------------------------------------------------------------------------
