@@ -49,11 +49,12 @@ MHD_Result queueText(MHD_Connection *connection, unsigned status, const char *te
     return queued;
 }
 
-MHD_Result queuePage(MHD_Connection *connection, std::string page) {
-    auto *body = new std::string(std::move(page));
+MHD_Result queuePage(MHD_Connection *connection, std::shared_ptr<const std::string> page) {
+    using Page = std::shared_ptr<const std::string>;
+    auto *body = new Page(std::move(page));
     MHD_Response *response = MHD_create_response_from_buffer_with_free_callback_cls(
-        body->size(), body->data(), [](void *owned) { delete static_cast<std::string *>(owned); },
-        body);
+        (*body)->size(), const_cast<char *>((*body)->data()),
+        [](void *owned) { delete static_cast<Page *>(owned); }, body);
     if (response == nullptr) {
         delete body;
         return MHD_NO;
@@ -99,11 +100,7 @@ MHD_Result onRequest(void *context, MHD_Connection *connection, const char *url,
             scrape->deadline = MetricsBoard::Clock::now() + board.wait();
         }
         std::shared_ptr<const MetricsSnapshot> snapshot = board.take(scrape->wanted);
-        if (snapshot != nullptr) {
-            std::string page = renderMetrics(*snapshot);
-            ZEVD_TRACE(trc, TRACE_DETAIL, "metrics page of %zu bytes\n", page.size());
-            return trc.exit(queuePage(connection, std::move(page)));
-        }
+        if (snapshot != nullptr) return trc.exit(queuePage(connection, server->pageOf(snapshot)));
         bool closing = board.closed();
         if (!closing && MetricsBoard::Clock::now() < scrape->deadline &&
             server->park(connection, scrape))
@@ -357,6 +354,20 @@ void MetricsServer::resumeReady() {
             ++i;
         }
     }
+}
+
+std::shared_ptr<const std::string> MetricsServer::pageOf(
+    const std::shared_ptr<const MetricsSnapshot> &snapshot) {
+    ZEVD_TRACE_FUNCTION("MetricsServer::pageOf");
+    std::lock_guard<std::mutex> lock(pageMutex_);
+    if (snapshot != renderedFrom_) {
+        // The page before goes once the last connection that sends it has.
+        rendered_ = std::make_shared<const std::string>(renderMetrics(*snapshot));
+        renderedFrom_ = snapshot;
+        ZEVD_TRACE(trc, TRACE_DETAIL, "metrics page of %zu bytes rendered\n", rendered_->size());
+    }
+    trc.exit();
+    return rendered_;
 }
 
 void MetricsServer::opened(MHD_Connection *connection, void **context) {

@@ -167,6 +167,10 @@ public:
     void closed(void *context);
     void requestWhole(MHD_Connection *connection);
     void answered(MHD_Connection *connection);
+    // The page of snapshot: rendered once and shared by every scrape served
+    // from it, however many connections still send it.
+    std::shared_ptr<const std::string> pageOf(
+        const std::shared_ptr<const MetricsSnapshot> &snapshot);
 
 private:
     using Clock = MetricsBoard::Clock;
@@ -197,6 +201,9 @@ private:
     std::chrono::milliseconds requestTime_;
     std::mutex trackedMutex_;
     std::list<Tracked> tracked_;  // every open connection, in accept order
+    std::mutex pageMutex_;
+    std::shared_ptr<const MetricsSnapshot> renderedFrom_;
+    std::shared_ptr<const std::string> rendered_;
 };
 
 }  // namespace zevd::dch

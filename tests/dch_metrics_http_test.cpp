@@ -845,6 +845,34 @@ TEST(DchMetricsServerTest, ScrapesWaitingForTheWorkerHoldUpNoOtherRequest) {
     EXPECT_EQ(ok.load(), 3);
 }
 
+// Scrapes served from one snapshot share one page: it is rendered once,
+// however many connections send it.
+TEST(DchMetricsServerTest, ScrapesOfOneSnapshotShareOneRenderedPage) {
+    TraceCapture capture("MetricsServer::pageOf=detail");
+    ServerWithoutWorker s(dch::kMetricsRequestTime, seconds(30));
+    std::vector<std::thread> waiting;
+    std::vector<std::string> bodies(3);
+    for (int i = 0; i < 3; ++i)
+        waiting.emplace_back([&s, &bodies, i] {
+            HttpReply reply = httpGet(s.port);
+            if (reply.status == 200) bodies[i] = reply.body;
+        });
+    ASSERT_TRUE(waitFor([&] { return s.server.waiting() == 3; }, seconds(10)));
+    s.board.publish(snapshotNumbered(1));
+    for (std::thread &t : waiting) t.join();
+    EXPECT_NE(bodies[0], "");
+    EXPECT_EQ(bodies[1], bodies[0]);
+    EXPECT_EQ(bodies[2], bodies[0]);
+    EXPECT_EQ(capture.count(" bytes rendered"), 1u) << capture.joined();
+    // The next snapshot has a page of its own.
+    std::thread next([&s, &bodies] { bodies[0] = httpGet(s.port).body; });
+    ASSERT_TRUE(waitFor([&] { return s.server.waiting() == 1; }, seconds(10)));
+    s.board.publish(snapshotNumbered(2));
+    next.join();
+    EXPECT_NE(bodies[0], bodies[1]);
+    EXPECT_EQ(capture.count(" bytes rendered"), 2u) << capture.joined();
+}
+
 TEST(DchMetricsServerTest, AScrapeTheWorkerNeverAnswersIs503AfterItsWait) {
     TraceCapture capture("error");
     ServerWithoutWorker s;
