@@ -135,6 +135,18 @@ protected:
         created_.push_back(path);
     }
 
+    // Starts name, which must start and end with status 0; *pid is the
+    // child's.
+    void startAndEnd(const std::string &name, int *pid) {
+        *pid = ZEVA_StartDPprocess(name.c_str());
+        if (*pid == 0) _exit(kNotStarted);  // never let a copy of the test run on
+        ASSERT_GT(*pid, 0);
+        int status = waitForChild(*pid);
+        ASSERT_NE(status, -1) << "child " << *pid << " did not end within " << kWaitMs << " ms";
+        ASSERT_TRUE(WIFEXITED(status)) << status;
+        EXPECT_EQ(WEXITSTATUS(status), 0);
+    }
+
     void prependPathDir() {
         std::string path = pathDir_ + (hadPath_ ? ":" + savedPath_ : std::string());
         setenv("PATH", path.c_str(), 1);
@@ -157,13 +169,8 @@ TEST_F(StartProcessTest, RunsTheCopyInTheCurrentDirectory) {
     created_.push_back(marker_);
 
     TraceCapture capture("error");
-    int pid = ZEVA_StartDPprocess(name.c_str());
-    if (pid == 0) _exit(kNotStarted);  // never let a copy of the test run on
-    ASSERT_GT(pid, 0);
-    int status = waitForChild(pid);
-    ASSERT_NE(status, -1) << "child " << pid << " did not end within " << kWaitMs << " ms";
-    ASSERT_TRUE(WIFEXITED(status)) << status;
-    EXPECT_EQ(WEXITSTATUS(status), 0);
+    int pid = 0;
+    ASSERT_NO_FATAL_FAILURE(startAndEnd(name, &pid));
     EXPECT_EQ(readFile(marker_), "cwd ./" + name + "\n");
     EXPECT_EQ(capture.texts(),
               std::vector<std::string>({"Child process <" + name + "> started successfully\n"}))
@@ -177,13 +184,8 @@ TEST_F(StartProcessTest, FindsAProgramOnTheCommandPath) {
     created_.push_back(marker_);
 
     TraceCapture capture("error+flow");
-    int pid = ZEVA_StartDPprocess(name.c_str());
-    if (pid == 0) _exit(kNotStarted);
-    ASSERT_GT(pid, 0);
-    int status = waitForChild(pid);
-    ASSERT_NE(status, -1) << "child " << pid << " did not end within " << kWaitMs << " ms";
-    ASSERT_TRUE(WIFEXITED(status)) << status;
-    EXPECT_EQ(WEXITSTATUS(status), 0);
+    int pid = 0;
+    ASSERT_NO_FATAL_FAILURE(startAndEnd(name, &pid));
     EXPECT_EQ(readFile(marker_), "path " + pathDir_ + "/" + name + "\n");
     EXPECT_EQ(capture.texts(), std::vector<std::string>(
                                    {"Parent side with childPID is " + std::to_string(pid) + "\n",
@@ -200,13 +202,8 @@ TEST_F(StartProcessTest, NameTooLongForTheCurrentDirectoryPathIsSearchedOnTheCom
     prependPathDir();
     created_.push_back(marker_);
 
-    int pid = ZEVA_StartDPprocess(name.c_str());
-    if (pid == 0) _exit(kNotStarted);
-    ASSERT_GT(pid, 0);
-    int status = waitForChild(pid);
-    ASSERT_NE(status, -1) << "child " << pid << " did not end within " << kWaitMs << " ms";
-    ASSERT_TRUE(WIFEXITED(status)) << status;
-    EXPECT_EQ(WEXITSTATUS(status), 0);
+    int pid = 0;
+    ASSERT_NO_FATAL_FAILURE(startAndEnd(name, &pid));
     EXPECT_EQ(readFile(marker_), "path " + pathDir_ + "/" + name + "\n");
 }
 
