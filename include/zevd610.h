@@ -153,8 +153,9 @@ ZEVD_EXPORT char *ZEVA_ComputeChecksumOnAttrGroup(const char *attrGroup);
 /* Replaces , : ; ' and " in place by blanks. */
 ZEVD_EXPORT void ZEVA_validateHelpText(char *helpText);
 /* Starts "./name", else name from the command path, as a child process
- * ("./name" only when it fits 255 bytes). The parent gets the child's pid (-1 when fork fails); a child whose
- * program could not be started gets 0 and goes on running the caller. */
+ * ("./name" only when it fits 255 bytes). The parent gets the child's pid
+ * (-1 when fork fails); a child whose program could not be started gets 0
+ * and goes on running the caller. */
 ZEVD_EXPORT int ZEVA_StartDPprocess(const char *executableName);
 
 /* ------------------------------------------------------------------ */
