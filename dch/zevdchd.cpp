@@ -537,6 +537,16 @@ void Dch::allowOwnAddresses() {
     trc.exit();
 }
 
+bool Dch::admitsConnection(const sockaddr_in &peer) {
+    if (allowed(peer)) return true;
+    ZEVD_TRACE_LEVEL("Dch::admitsConnection");
+    Peer from{peer, 0};
+    ZEVD_TRACE(trc, TRACE_ERROR, "Error: connection from %s port %d closed: peer not allowed\n",
+               from.host().c_str(), from.port());
+    ++counters_.drops[kDropRefusedSender];
+    return false;
+}
+
 bool Dch::allowed(const sockaddr_in &addr) const {
     if (addr.sin_family != AF_INET) return false;
     uint32_t address = ntohl(addr.sin_addr.s_addr);

@@ -264,6 +264,11 @@ public:
     // Adds this host's own IPv4 addresses to the served networks.
     void allowOwnAddresses();
     bool allowed(const sockaddr_in &addr) const;
+    // For the transport's accept, on the receive thread: a connection from
+    // outside the served networks is refused (traced, counted as a refused
+    // sender) before it takes a client slot. The networks are fixed before
+    // the port opens.
+    bool admitsConnection(const sockaddr_in &peer);
 
     // --state-dir: where the catalogue and the open handles are kept. Locks
     // the directory, reads the snapshot and replays the journal; a snapshot
@@ -365,8 +370,7 @@ private:
     // The subscribers of list to group of appl (a status list: appl and
     // group empty, every one).
     static std::pair<std::vector<Subscriber>::iterator, std::vector<Subscriber>::iterator>
-    subscribersOf(std::vector<Subscriber> &list, const std::string &appl,
-                  const std::string &group);
+    subscribersOf(std::vector<Subscriber> &list, const std::string &appl, const std::string &group);
     void removeDropped(std::vector<Subscriber> &list);
     // Registers (operation 1) or withdraws (0) a subscriber of list; kind
     // names the list in the trace.

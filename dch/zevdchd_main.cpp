@@ -254,6 +254,9 @@ int run(int argc, char **argv) {
         return 1;
     }
     transport->attach(*sock);
+    // Peers outside the served networks never hold one of the TCP client
+    // slots; their requests would be dropped anyway.
+    sock->sockSetPeerFilter([](const sockaddr_in &peer) { return dch->admitsConnection(peer); });
     static Worker *worker = new Worker(*sock, *dch);
     worker->setReceiveBuffer(receiveBufferSize);
     // The metrics server asks the worker for each snapshot through the

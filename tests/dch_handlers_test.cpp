@@ -973,6 +973,29 @@ TEST(DchAccessTest, SenderOutsideTheAllowedNetworksIsDropped) {
     EXPECT_FALSE(single.dch.allowed(peerAt("10.1.2.4", 1).addr));
 }
 
+// The transport asks before a connection takes a client slot.
+TEST(DchAccessTest, ConnectionFromOutsideTheAllowedNetworksIsRefusedAtItsAccept) {
+    Daemon d;
+    {
+        TraceCapture capture("error");
+        EXPECT_FALSE(d.dch.admitsConnection(peerAt("10.1.2.3", 5000).addr));
+        EXPECT_TRUE(
+            capture.hasText("Error: connection from 10.1.2.3 port 5000 closed: peer not allowed"))
+            << capture.joined();
+    }
+    EXPECT_EQ(d.drops(dch::kDropRefusedSender), 1u);
+    {
+        TraceCapture capture("error");
+        EXPECT_TRUE(d.dch.admitsConnection(peerAt("127.0.0.1", 5001).addr));
+        EXPECT_TRUE(d.dch.admitsConnection(peerAt("127.3.0.9", 5002).addr));
+        std::string bad;
+        EXPECT_TRUE(d.dch.allow("10.0.0.0/8", &bad));
+        EXPECT_TRUE(d.dch.admitsConnection(peerAt("10.1.2.3", 5003).addr));
+        EXPECT_TRUE(capture.texts().empty()) << capture.joined();
+    }
+    EXPECT_EQ(d.drops(dch::kDropRefusedSender), 1u);
+}
+
 TEST(DchAccessTest, AllowNamesTheEntryThatDoesNotParse) {
     const std::pair<const char *, const char *> cases[] = {
         {"10.0.0.0/33", "10.0.0.0/33"}, {"nonsense", "nonsense"},

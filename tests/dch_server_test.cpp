@@ -873,6 +873,57 @@ TEST(DchServerTest, FailedAcceptsLeaveTheirSlotsFree) {
     for (int fd : clients) close(fd);
 }
 
+// True once the server has closed peer's connection: its end of the stream
+// (or a reset) is read within limit.
+bool closedByServer(const TcpPeer &peer, std::chrono::milliseconds limit) {
+    struct pollfd wait = {peer.fd(), POLLIN, 0};
+    if (poll(&wait, 1, static_cast<int>(limit.count())) != 1) return false;
+    char byte;
+    return recv(peer.fd(), &byte, 1, MSG_DONTWAIT) <= 0;
+}
+
+// A connection the owner's filter refuses is closed at once and never holds
+// a slot: more of them than there are slots leave room for the one admitted.
+TEST(DchServerTest, ConnectionsThePeerFilterRefusesAreClosedAtOnceAndHoldNoSlot) {
+    TraceCapture capture(kLevels);
+    LoopServer &server = startServer();
+    std::mutex offeredLock;
+    std::vector<struct sockaddr_in> offered;
+    server.sock().sockSetPeerFilter([&](const struct sockaddr_in &peer) {
+        std::lock_guard<std::mutex> guard(offeredLock);
+        offered.push_back(peer);
+        return dotted(peer) != "127.0.0.2";
+    });
+    std::vector<uint16_t> refusedPorts;
+    for (int i = 0; i < 70; ++i) {
+        TcpPeer refused(server.port(), "127.0.0.2");
+        ASSERT_TRUE(refused.connected()) << i;
+        refusedPorts.push_back(refused.localPort());
+        ASSERT_TRUE(closedByServer(refused, kLimit)) << i;
+    }
+    TcpPeer admitted(server.port());
+    ASSERT_TRUE(admitted.connected());
+    ASSERT_TRUE(admitted.send(message(24, 1)));
+    ASSERT_TRUE(server.waitEntries(2, kLimit)) << capture.joined();
+    EXPECT_TRUE(server.entries()[1].holds(message(24, 1)));
+    int slot = -1;
+    EXPECT_GT(acceptedFD(capture, 1, &slot), 0);
+    EXPECT_EQ(slot, 0);
+    EXPECT_EQ(acceptedFD(capture, 2), -1);  // none of the refused got a slot
+    EXPECT_EQ(capture.count("closed at once: peer not admitted"), 70u);
+    EXPECT_FALSE(capture.contains("Error: Maximum of 64 TCP clients has been reached."));
+    EXPECT_FALSE(capture.contains("closed TCP connection"));
+    EXPECT_EQ(server.entries().size(), 2u);
+    std::lock_guard<std::mutex> guard(offeredLock);
+    ASSERT_EQ(offered.size(), 71u);
+    for (size_t i = 0; i < 70; ++i) {
+        EXPECT_EQ(dotted(offered[i]), "127.0.0.2") << i;
+        EXPECT_EQ(ntohs(offered[i].sin_port), refusedPorts[i]) << i;
+    }
+    EXPECT_EQ(dotted(offered[70]), "127.0.0.1");
+    EXPECT_EQ(ntohs(offered[70].sin_port), admitted.localPort());
+}
+
 // Sends a first message on peer's connection and takes its entry: the
 // server's descriptor of the connection, 0 when it did not come.
 uint32_t connectedClient(LoopServer &server, TcpPeer &peer) {

@@ -11,6 +11,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <vector>
 
@@ -167,6 +168,12 @@ public:
     // server loop has read of it, then what is left in it, up to a bound.
     // Added to refused, oldest first.
     void takeRefusals(std::vector<struct sockaddr_in> &refused);
+    // Who may hold a TCP client slot. Each connection the server loop
+    // accepts is offered to admits, on the receive thread, with the peer it
+    // came from; one it refuses is closed at once and its slot stays free
+    // (no entry is queued for it). Unset, or empty: every connection is
+    // kept. A connection accepted before the filter is set is not offered.
+    void sockSetPeerFilter(std::function<bool(const struct sockaddr_in &)> admits);
     // Only the DCH may answer: true when sender is the DCH's port on the
     // DCH's host as this process sees it. The host is the DCH's address
     // and, for a DCH on this host, also the address this host sends to it
@@ -268,6 +275,10 @@ protected:
     // Reads up to limit entries of the UDP port's error queue into refused.
     // Returns how many entries it read (refusals or not).
     int readErrorQueue(std::vector<struct sockaddr_in> &refused, int limit);
+    // True when the peer filter admits peer (or there is none).
+    bool sockAdmits(const struct sockaddr_in &peer);
+    std::mutex _peerFilterLock;
+    std::function<bool(const struct sockaddr_in &)> _peerFilter;
     // What the server loop read of the error queue for takeRefusals.
     std::mutex _refusalLock;
     std::vector<struct sockaddr_in> _refusals;

@@ -15,6 +15,7 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <utility>
 
 #include "common/process_end.h"
 #include "common/trace.h"
@@ -574,6 +575,16 @@ void ipcSock::sockKeepRefusals() {
     _refusals.insert(_refusals.end(), read.begin(), read.end());
 }
 
+void ipcSock::sockSetPeerFilter(std::function<bool(const struct sockaddr_in &)> admits) {
+    std::lock_guard<std::mutex> guard(_peerFilterLock);
+    _peerFilter = std::move(admits);
+}
+
+bool ipcSock::sockAdmits(const struct sockaddr_in &peer) {
+    std::lock_guard<std::mutex> guard(_peerFilterLock);
+    return !_peerFilter || _peerFilter(peer);
+}
+
 void ipcSock::takeRefusals(std::vector<struct sockaddr_in> &refused) {
     {
         std::lock_guard<std::mutex> guard(_refusalLock);
@@ -657,6 +668,14 @@ void ipcSock::sockServeListener(ipcServerState &state) {
         if (acceptErrno == EMFILE || acceptErrno == ENFILE || acceptErrno == ENOBUFS ||
             acceptErrno == ENOMEM)
             state.listenerResting = true;
+        return;
+    }
+    if (!sockAdmits(state.sockClientAddr)) {
+        // Refused by the transport's owner: it never holds a slot, so
+        // connections it may not serve cannot keep out those it may.
+        ZEVD_TRACE(trc, TRACE_DETAIL, "Note: connection [%d] closed at once: peer not admitted\n",
+                   fd);
+        close(fd);
         return;
     }
     _sockClientFD[slot] = fd;
