@@ -261,7 +261,8 @@ int DCHclient::dp_formatData(long *status, char **workBuffer, long *size, const 
     } else {
         ZEVD_TRACE(trc, TRACE_DETAIL, "Using workBuffer @%p\n", static_cast<void *>(*workBuffer));
     }
-    if (_error < 1) {
+    // (A buffer that could not be made has set the error.)
+    if (_error < 1 && *workBuffer != nullptr) {
         zevd::MessageBuilder row(*workBuffer);
         bool placed = true;
         if (*size != 0) {
