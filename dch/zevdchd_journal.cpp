@@ -111,12 +111,13 @@ bool openStateFile(int dirFd, const char *name, StateFile *file, std::string *wh
     return true;
 }
 
-bool JournalReader::readAt(uint64_t offset, void *to, size_t length) const {
+bool JournalReader::readAt(uint64_t offset, void *to, size_t length) {
     size_t done = 0;
     while (done < length) {
         ssize_t n = pread(fd_, static_cast<char *>(to) + done, length - done,
                           static_cast<off_t>(offset + done));
         if (n < 0 && errno == EINTR) continue;
+        if (n < 0) readError_ = errno;
         if (n <= 0) return false;
         done += static_cast<size_t>(n);
     }
@@ -124,7 +125,7 @@ bool JournalReader::readAt(uint64_t offset, void *to, size_t length) const {
 }
 
 bool JournalReader::next(std::string *payload) {
-    if (torn_ || good_ == size_) return false;
+    if (torn_ || readError_ != 0 || good_ == size_) return false;
     unsigned char header[kRecordHeader];
     uint32_t length = 0, crc = 0;
     bool whole = size_ - good_ >= kRecordHeader && readAt(good_, header, sizeof header);
@@ -141,7 +142,8 @@ bool JournalReader::next(std::string *payload) {
                 crc32c(crc32c(0, header, 4), payload->data(), length) == crc;
     }
     if (!whole) {
-        torn_ = true;
+        // A record that could not be read is not known to be torn.
+        torn_ = readError_ == 0;
         return false;
     }
     good_ += kRecordHeader + length;

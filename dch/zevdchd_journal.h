@@ -52,16 +52,21 @@ public:
     bool next(std::string *payload);
     // The bytes of the whole records read so far.
     uint64_t goodLength() const { return good_; }
-    // True when reading stopped before the end of the file.
+    // True when reading stopped before the end of the file at a record
+    // that does not read whole.
     bool torn() const { return torn_; }
+    // The errno of a read that failed (0: none did). Reading stopped there:
+    // what follows is unknown, neither whole nor torn.
+    int readError() const { return readError_; }
 
 private:
-    bool readAt(uint64_t offset, void *to, size_t length) const;
+    bool readAt(uint64_t offset, void *to, size_t length);
 
     int fd_;
     uint64_t size_;
     uint64_t good_ = 0;
     bool torn_ = false;
+    int readError_ = 0;
 };
 
 // Writes content as name in dirFd: a temporary file of a name no other

@@ -165,7 +165,8 @@ public:
     explicit LineReader(int fd) : fd_(fd), block_(64 * 1024) {}
 
     // The next line without its newline. False at the end of the file, or
-    // with *tooLong set at a line longer than kMaxLine.
+    // with *tooLong set at a line longer than kMaxLine. A read that fails
+    // ends the file too, and error() says so.
     bool next(std::string &line, bool *tooLong) {
         line.clear();
         for (;;) {
@@ -173,6 +174,7 @@ public:
                 if (ended_) return !line.empty();
                 ssize_t n = read(fd_, block_.data(), block_.size());
                 if (n < 0 && errno == EINTR) continue;
+                if (n < 0) error_ = errno;
                 if (n <= 0) {
                     ended_ = true;
                     continue;
@@ -196,12 +198,16 @@ public:
         }
     }
 
+    // The errno of the read that failed, 0 while none did.
+    int error() const { return error_; }
+
 private:
     int fd_;
     std::vector<char> block_;
     size_t start_ = 0;
     size_t end_ = 0;
     bool ended_ = false;
+    int error_ = 0;
 };
 
 // The pid written in a lock file, or "unknown". The holder writes it just
@@ -356,10 +362,26 @@ bool Dch::useStateDir(const std::string &dir, std::string *why) {
     state_ = std::move(state);
     StateStore &s = *state_;
 
+    // A file that is there but cannot be read now (an I/O error) is neither
+    // torn nor bad: setting it aside or cutting it would lose changes that
+    // were answered 0. The start fails instead, leaving both files as they
+    // are for the next one.
+    auto cannotRead = [&](const char *what, const char *file, int error) {
+        *why = what + s.path(file) + " cannot be read (" + errnoText(error) + ")";
+        if (journal.fd >= 0) close(journal.fd);
+        applications_.clear();
+        handles_.clear();
+        bySource_.clear();
+        nextHandle_ = 1;
+        state_.reset();
+        return trc.exit(false);
+    };
     StateLoad load;
     std::string bad;
     bool snapshotRead = snapshot.fd < 0 || readSnapshot(snapshot.fd, load, &bad);
     if (snapshot.fd >= 0) close(snapshot.fd);
+    if (!snapshotRead && load.readError != 0)
+        return cannotRead("state file ", kStateFile, load.readError);
     if (snapshotRead) {
         s.generation = load.generation;
         s.snapshotBytes = snapshot.size;
@@ -392,6 +414,8 @@ bool Dch::useStateDir(const std::string &dir, std::string *why) {
             journalGeneration = strtoull(payload.c_str() + strlen(kJournalHeader), &end, 10);
             headed = *end == '\0';
         }
+        if (reader.readError() != 0)
+            return cannotRead("journal ", kJournalFile, reader.readError());
         // A journal that does not read is kept for whoever looks into it:
         // the next change starts a new one.
         auto setJournalAside = [&] {
@@ -425,6 +449,8 @@ bool Dch::useStateDir(const std::string &dir, std::string *why) {
                 while (whole && std::getline(lines, line)) whole = applyStateLine(line, load, &bad);
                 if (whole) ++replayed;
             }
+            if (reader.readError() != 0)
+                return cannotRead("journal ", kJournalFile, reader.readError());
             if (!whole) {
                 // A sealed record that does not apply was not written by
                 // this daemon: replay ends there, and the next change
@@ -482,6 +508,8 @@ bool Dch::readSnapshot(int fd, StateLoad &load, std::string *why) {
     bool ended = false;
     auto fail = [&](const char *what) {
         *why = std::string(what) + " at line " + std::to_string(load.line);
+        // What a failed read cut short says nothing of the file.
+        load.readError = in.error();
         return false;
     };
     if (!in.next(line, &tooLong) || (line != kStateHeader && line != kOldStateHeader))
@@ -516,6 +544,7 @@ bool Dch::readSnapshot(int fd, StateLoad &load, std::string *why) {
         if (!applyStateLine(line, load, &what)) return fail(what.c_str());
         ++load.records;
     }
+    if (in.error() != 0) return fail("a read that failed");
     if (tooLong) return fail("a line longer than 1 MiB");
     if (!ended) return fail("no end (the file is cut short)");
     return true;

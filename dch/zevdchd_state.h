@@ -53,6 +53,7 @@ struct StateLoad {
     Application *application = nullptr;
     bool inGroup = false;  // a group of the application was read
     uint64_t generation = 0;
+    int readError = 0;  // the errno of a read of the snapshot that failed
 };
 
 }  // namespace zevd::dch
