@@ -136,6 +136,7 @@ bool JournalReader::next(std::string *payload) {
         crc = ntohl(crc);
         whole = length <= kMaxRecord && size_ - good_ - kRecordHeader >= length;
     }
+    bool fits = whole;
     if (whole) {
         payload->resize(length);
         whole = readAt(good_ + kRecordHeader, payload->data(), length) &&
@@ -144,6 +145,7 @@ bool JournalReader::next(std::string *payload) {
     if (!whole) {
         // A record that could not be read is not known to be torn.
         torn_ = readError_ == 0;
+        damagedInside_ = torn_ && fits && size_ - good_ - kRecordHeader > length;
         return false;
     }
     good_ += kRecordHeader + length;

@@ -55,6 +55,11 @@ public:
     // True when reading stopped before the end of the file at a record
     // that does not read whole.
     bool torn() const { return torn_; }
+    // True when the record that does not read whole is followed by more
+    // bytes: its length word fits in the file and bytes lie beyond it. A
+    // crash leaves only a last record cut short; this is damage inside the
+    // journal, and what follows may be changes that were answered.
+    bool damagedInside() const { return damagedInside_; }
     // The errno of a read that failed (0: none did). Reading stopped there:
     // what follows is unknown, neither whole nor torn.
     int readError() const { return readError_; }
@@ -66,6 +71,7 @@ private:
     uint64_t size_;
     uint64_t good_ = 0;
     bool torn_ = false;
+    bool damagedInside_ = false;
     int readError_ = 0;
 };
 

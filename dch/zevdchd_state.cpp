@@ -460,6 +460,16 @@ bool Dch::useStateDir(const std::string &dir, std::string *why) {
                            s.path(kJournalFile).c_str(), static_cast<unsigned>(replayed + 1),
                            bad.c_str());
                 setJournalAside();
+            } else if (reader.damagedInside()) {
+                // A crash cuts short only the last record: more behind the
+                // one that does not read is damage, and may hold changes
+                // that were answered. Kept whole for whoever looks into it;
+                // the next change starts a new snapshot and journal.
+                ZEVD_TRACE(trc, TRACE_ERROR,
+                           "Error: journal %s: record %u does not read whole and is not the "
+                           "last: replay ends there\n",
+                           s.path(kJournalFile).c_str(), static_cast<unsigned>(replayed + 1));
+                setJournalAside();
             } else {
                 uint64_t good = reader.goodLength();
                 bool kept = true;

@@ -421,6 +421,51 @@ TEST(DchStateTest, JournalRecordThatDoesNotApplyEndsTheReplayAndIsSetAside) {
     }
 }
 
+// A crash cuts short only the journal's last record: one that does not read
+// whole with more behind it is damage, and what follows may be changes that
+// were answered 0. Replay ends there and the journal is kept whole, set
+// aside; nothing is cut off.
+TEST(DchStateTest, RecordDamagedInsideTheJournalEndsTheReplayAndTheJournalIsSetAsideWhole) {
+    const std::string header = dch::sealRecord("zevdchd-journal 1 generation 1");
+    const std::string a = dch::sealRecord("appl =a = 127.0.0.1 1\n");
+    const std::string b = dch::sealRecord("appl =b = 127.0.0.1 1\n");
+    const std::string c = dch::sealRecord("appl =c = 127.0.0.1 1\n");
+    std::string changedByte = b;
+    changedByte[10] ^= 0x20;
+    std::string shorterLength = b;
+    shorterLength[3] = static_cast<char>(shorterLength[3] - 4);
+    for (const std::string &damaged : {changedByte, shorterLength}) {
+        TempDir dir;
+        {
+            Daemon first;
+            use(first, dir);
+            snapshot(first);
+        }
+        const std::string journal = header + a + damaged + c;
+        writeFile(journalFile(dir), journal);
+        {
+            Daemon second;
+            TraceCapture capture("error");
+            use(second, dir);
+            EXPECT_EQ(second.dch.applications().size(), 1u);
+            EXPECT_EQ(second.dch.applications().count("a"), 1u);
+            EXPECT_TRUE(capture.hasText("Error: journal " + journalFile(dir) +
+                                        ": record 2 does not read whole and is not the last: "
+                                        "replay ends there\n"))
+                << capture.joined();
+            EXPECT_FALSE(capture.contains("cut off")) << capture.joined();
+            std::vector<std::string> aside = setAside(dir, "zevdchd.journal.bad-");
+            ASSERT_EQ(aside.size(), 1u);
+            EXPECT_EQ(readFile(dir.file(aside[0])), journal);
+            second.registerApp("app");
+        }
+        Daemon third;
+        use(third, dir);
+        EXPECT_EQ(third.dch.applications().count("app"), 1u);
+        EXPECT_EQ(third.dch.applications().size(), 2u);
+    }
+}
+
 TEST(DchStateTest, JournalOlderThanTheSnapshotIsNotReplayed) {
     TempDir dir;
     std::string kept;
