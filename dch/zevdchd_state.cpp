@@ -2,7 +2,8 @@
 // journal of the providers' changes since, each written and flushed before
 // the change is answered. At start the snapshot is read, then the journal
 // replayed up to its first record that does not read whole (a torn tail was
-// never answered). When the journal outgrows the snapshot, a new snapshot
+// never answered; anything else is kept aside whole), and a file that
+// cannot be read fails the start. When the journal outgrows the snapshot, a new snapshot
 // is written and an empty journal started, so a change costs one record
 // whatever the catalogue's size.
 //
