@@ -3,9 +3,9 @@
 // the change is answered. At start the snapshot is read, then the journal
 // replayed up to its first record that does not read whole (a torn tail was
 // never answered; anything else is kept aside whole), and a file that
-// cannot be read fails the start. When the journal outgrows the snapshot, a new snapshot
-// is written and an empty journal started, so a change costs one record
-// whatever the catalogue's size.
+// cannot be read fails the start. When the journal outgrows the snapshot,
+// a new snapshot is written and an empty journal started, so a change
+// costs one record whatever the catalogue's size.
 //
 // The snapshot, one text file:
 //
