@@ -10,6 +10,7 @@
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -33,6 +34,27 @@
 #include "support/trace_capture.h"
 #include "support/wait_for.h"
 #include "zev0.h"
+
+namespace {
+
+// When set, this program's listen on the DCH port (ZEVA_DCH_PORT) fails as
+// it would for a port another socket listens on already.
+std::atomic<bool> listenFails{false};
+
+bool onTheDchPort(int fd) {
+    const char *port = getenv("ZEVA_DCH_PORT");
+    return port != nullptr && zevd::test::boundPort(fd) == atoi(port);
+}
+
+}  // namespace
+
+extern "C" int listen(int fd, int backlog) {
+    if (listenFails.load() && onTheDchPort(fd)) {
+        errno = EADDRINUSE;
+        return -1;
+    }
+    return static_cast<int>(syscall(SYS_listen, fd, backlog));
+}
 
 namespace {
 
@@ -924,6 +946,45 @@ TEST(DchServerTest, ConnectionsThePeerFilterRefusesAreClosedAtOnceAndHoldNoSlot)
     EXPECT_EQ(ntohs(offered[70].sin_port), admitted.localPort());
 }
 
+// Connections refused by the filter that keep coming never keep a connected
+// client from being read: the listener and the clients take turns. Here
+// each refusal makes the next connection, so the listener is ready on every
+// pass until 2,000 have come.
+TEST(DchServerTest, ClientIsServedWhileRefusedConnectionsKeepTheListenerReady) {
+    TraceCapture capture("error");
+    LoopServer &server = startServer();
+    constexpr uint64_t kChain = 2000;
+    std::atomic<uint64_t> refused{0};
+    std::vector<std::unique_ptr<TcpPeer>> chain;  // the filter's own, on the loop's thread
+    uint16_t port = server.port();
+    server.sock().sockSetPeerFilter([&chain, &refused, port](const struct sockaddr_in &peer) {
+        if (dotted(peer) != "127.0.0.2") return true;
+        if (refused.fetch_add(1) + 1 < kChain) {
+            if (chain.size() >= 8) chain.erase(chain.begin());
+            chain.push_back(std::make_unique<TcpPeer>(port, "127.0.0.2"));
+        }
+        return false;
+    });
+    TcpPeer client(server.port());
+    ASSERT_TRUE(client.connected());
+    ASSERT_TRUE(client.send(message(16, 0)));
+    ASSERT_TRUE(server.waitEntries(2, kLimit));
+
+    TcpPeer first(server.port(), "127.0.0.2");
+    ASSERT_TRUE(waitFor([&] { return refused.load() >= 100; }, kLimit));
+    for (int i = 1; i <= 5; ++i) {
+        uint64_t before = refused.load();
+        ASSERT_TRUE(client.send(message(16, i)));
+        ASSERT_TRUE(server.waitEntries(2 + static_cast<size_t>(i), kLimit));
+        uint64_t after = refused.load();
+        EXPECT_LT(after, kChain) << i;
+        EXPECT_LE(after - before, 10u) << i;
+        EXPECT_TRUE(server.entries()[1 + static_cast<size_t>(i)].holds(message(16, i)));
+    }
+    // The chain goes on to its end, every connection refused.
+    EXPECT_TRUE(waitFor([&] { return refused.load() >= kChain; }, kLimit)) << refused.load();
+}
+
 // Sends a first message on peer's connection and takes its entry: the
 // server's descriptor of the connection, 0 when it did not come.
 uint32_t connectedClient(LoopServer &server, TcpPeer &peer) {
@@ -1055,6 +1116,37 @@ TEST(DchServerTest, FullQueueHoldsTheLoopUntilTheConsumerTakesOne) {
     EXPECT_EQ(capture.count("UDP: bytesRead="), 6u);
 }
 
+// The rest of a message that came in time, while a full queue held the loop
+// past the message's deadline, is read before the message would be cut
+// off: the delay was the DCH's, not the peer's.
+TEST(DchServerTest, RestThatCameWhileAFullQueueHeldTheLoopPastTheDeadlineIsRead) {
+    setenv("ZEVA_DCH_TIMEOUT", "1", 1);
+    TraceCapture capture(kLevels);
+    FullQueue full;
+    LoopServer &server = full.server;
+    TcpPeer peer(server.port());
+    ASSERT_TRUE(peer.connected());
+    std::vector<char> whole = message(100, 1);
+    ASSERT_TRUE(peer.send(whole.data(), 40));
+    ASSERT_TRUE(capture.waitFor("TCP: totalLen=100, bytesRead=40, totalRead=40", kLimit));
+    ASSERT_TRUE(full.fill(capture, 5));
+    ASSERT_TRUE(peer.send(whole.data() + 40, 60));
+    // Held past the message's deadline (1 second from its first byte).
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+    server.grantAll();
+    ASSERT_TRUE(server.waitEntries(1 + 5 + 1, kLimit)) << capture.joined();
+    std::vector<QueueEntry> entries = server.entries();
+    for (int i = 0; i < 5; ++i) EXPECT_TRUE(entries[1 + i].holds(message(20, i))) << i;
+    EXPECT_TRUE(entries[6].holds(whole));
+    EXPECT_EQ(entries[6].connectedSockFD, static_cast<uint32_t>(acceptedFD(capture, 1)));
+    EXPECT_FALSE(capture.contains("no more of the TCP message")) << capture.joined();
+    EXPECT_FALSE(capture.contains("RESEND_MESSAGE"));
+    // The connection goes on.
+    ASSERT_TRUE(peer.send(message(24, 2)));
+    ASSERT_TRUE(server.waitEntries(1 + 5 + 2, kLimit));
+    EXPECT_TRUE(server.entries()[7].holds(message(24, 2)));
+}
+
 // Entry i of a batch holds exactly the message.
 bool batchHolds(const zevd::test::EntryBatch &batch, int32_t i, const std::vector<char> &sent) {
     const ipcEntry &entry = batch.entries[i];
@@ -1171,6 +1263,28 @@ std::atomic<int> signalsHandled{0};
 
 void countSignal(int) {
     signalsHandled.fetch_add(1);
+}
+
+// A TCP socket that could not listen is bound but not listening: it would
+// poll ready at once on every pass and every accept fail. It is never
+// watched again, and UDP is served as before.
+TEST(DchServerTest, ListenerThatCouldNotListenIsLeftOutAndUdpIsServed) {
+    TraceCapture capture(kLevels);
+    listenFails.store(true);
+    LoopServer &server = startServer();
+    listenFails.store(false);
+    EXPECT_TRUE(
+        capture.contains("Error: listen for _sockTCP failed. errno=" + std::to_string(EADDRINUSE)))
+        << capture.joined();
+    UdpPeer udp(server.port());
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_TRUE(udp.send(message(12, i)));
+        ASSERT_TRUE(server.waitEntries(2 + static_cast<size_t>(i), kLimit));
+        EXPECT_TRUE(server.entries()[1 + static_cast<size_t>(i)].holds(message(12, i)));
+    }
+    EXPECT_FALSE(capture.contains("Error: accept failed.")) << capture.count("accept failed");
+    // A pass per datagram and the one under way, no turning.
+    EXPECT_LE(capture.count("Waiting on SELECT: UDP["), 3u + 2u);
 }
 
 TEST(DchServerTest, SignalDuringSelectIsSurvived) {

@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <utility>
 
 #include "common/trace.h"
 #include "ipc/zevdsock.h"
@@ -107,8 +108,9 @@ ipcSock::ipcSock() : DCHipc() {
     trc.exit();
 }
 
-ipcSock::ipcSock(int16_t service, int32_t connectTo, int32_t useFromSockPool)
-    : DCHipc(service), _useFromSockPool(useFromSockPool) {
+ipcSock::ipcSock(int16_t service, int32_t connectTo, int32_t useFromSockPool,
+                 std::function<bool(const struct sockaddr_in &)> admits)
+    : DCHipc(service), _peerFilter(std::move(admits)), _useFromSockPool(useFromSockPool) {
     ZEVD_TRACE_FUNCTION("ipcSock::ipcSock");
     _sockError = 0;
     _sockAddressLen = sizeof(struct sockaddr_in);

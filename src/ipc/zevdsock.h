@@ -57,7 +57,10 @@ public:
     // useFromSockPool: nonzero borrows the UDP socket from the pool. The
     // first object of service 3 with connectTo 0 and the pool on makes the
     // pool. Never fails outright: check ipcGetError() afterwards.
-    ipcSock(int16_t service, int32_t connectTo, int32_t useFromSockPool);
+    // admits: a server's peer filter (see sockSetPeerFilter), in place
+    // before its receive thread accepts the first connection.
+    ipcSock(int16_t service, int32_t connectTo, int32_t useFromSockPool,
+            std::function<bool(const struct sockaddr_in &)> admits = {});
     // Closes the TCP socket and a UDP socket of the object's own; pooled
     // sockets stay open for the life of the process.
     ~ipcSock();

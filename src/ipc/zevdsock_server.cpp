@@ -141,6 +141,13 @@ struct ipcSock::ipcServerState {
     // The last pass served the UDP port while the listener or a client was
     // ready too: this pass is theirs if they still are.
     bool tcpTurn;
+    // The same between the listener and the connected clients: connections
+    // that come faster than they are accepted (or refused) never keep the
+    // clients from being read.
+    bool clientsTurn;
+    // listen failed: the TCP socket, bound but not listening, would poll
+    // ready for ever and every accept fail. Never watched.
+    bool listenerBroken;
 };
 
 int32_t ipcSock::allocateDCHport() {
@@ -325,6 +332,8 @@ int32_t ipcSock::IPCServer() {
     state.listenerParked = false;
     state.listenerResting = false;
     state.tcpTurn = false;
+    state.clientsTurn = false;
+    state.listenerBroken = false;
     for (int32_t &fd : _sockClientFD) fd = 0;
 
     allocateDCHport();
@@ -333,6 +342,7 @@ int32_t ipcSock::IPCServer() {
         ZEVD_TRACE(trc, TRACE_ERROR, "Error: listen for _sockTCP failed. errno=%d\n", errno);
         // UDP keeps working.
         storeShared(_sockError, 1);
+        state.listenerBroken = true;
     } else {
         ZEVD_TRACE(trc, TRACE_DETAIL, "listen for _sockTCP %d successful. errno=%d\n", _sockTCP,
                    errno);
@@ -364,7 +374,7 @@ int32_t ipcSock::IPCServer() {
             return static_cast<int>(watching++);
         };
         int udpAt = _sockUDP >= 0 ? watch(_sockUDP, -1) : -1;
-        bool listening = _sockTCP >= 0;
+        bool listening = _sockTCP >= 0 && !state.listenerBroken;
         if (state.listenerParked) {
             if (sockAcceptIndex() == -1) {
                 // A waiting connection would make the wait return at once on
@@ -429,15 +439,16 @@ int32_t ipcSock::IPCServer() {
         }
 
         // One kind of event per pass: UDP first, then the listener, then
-        // every ready client. Nothing here waits on a peer: a client's read
-        // takes what it has ready and the pass goes on. Ready as select
-        // reads it: data, an error or the peer's end.
+        // every ready client; while several wait, they take turns. Nothing here waits on a peer: a
+        // client's read takes what it has ready and the pass goes on. Ready as select reads it:
+        // data, an error or the peer's end.
         auto ready = [&watched](int at) {
             return at >= 0 && (watched[at].revents & (POLLIN | POLLERR | POLLHUP)) != 0;
         };
-        bool tcpReady = ready(tcpAt);
-        for (nfds_t i = 0; !tcpReady && i < watching; ++i)
-            tcpReady = slotOf[i] >= 0 && ready(static_cast<int>(i));
+        bool clientsReady = false;
+        for (nfds_t i = 0; !clientsReady && i < watching; ++i)
+            clientsReady = slotOf[i] >= 0 && ready(static_cast<int>(i));
+        bool tcpReady = ready(tcpAt) || clientsReady;
         // A port that datagrams keep ready would otherwise never let the
         // connections in: while both wait, they take turns.
         if (ready(udpAt) && !(state.tcpTurn && tcpReady)) {
@@ -447,11 +458,13 @@ int32_t ipcSock::IPCServer() {
             // out, or a port kept busy would drop datagrams for them.
             if ((watched[udpAt].revents & POLLERR) != 0) sockKeepRefusals();
             sockServeUDP(state);
-        } else if (ready(tcpAt)) {
+        } else if (ready(tcpAt) && !(state.clientsTurn && clientsReady)) {
             state.tcpTurn = false;
+            state.clientsTurn = clientsReady;
             sockServeListener(state);
         } else {
             state.tcpTurn = false;
+            state.clientsTurn = false;
             for (nfds_t i = 0; i < watching; ++i)
                 if (slotOf[i] >= 0 && ready(static_cast<int>(i)))
                     sockServeClient(state, watched[i].fd, slotOf[i]);
@@ -735,6 +748,16 @@ void ipcSock::sockCutOffLate(ipcServerState &state) {
         zevd::TcpAssembly &assembly = state.assemblies[slot];
         int32_t fd = _sockClientFD[slot];
         if (fd <= 0 || !assembly.expired(now)) continue;
+        // The rest may be waiting unread because the loop itself was held
+        // (by a full queue) past the deadline: the delay was not the
+        // peer's. What is ready is read once more before the cut.
+        state.sockClientAddr = state.peers[slot];
+        ConnectionSource source(fd);
+        auto outcome = assembly.read(source, fd, state.scratch, now, sockMessageWait());
+        if (outcome != zevd::TcpAssembly::Outcome::kPending) {
+            sockFinishMessage(state, fd, slot, outcome);
+            continue;
+        }
         assembly.expire(sockMessageWait());
         state.sockClientAddr = state.peers[slot];
         sockFinishMessage(state, fd, slot, zevd::TcpAssembly::Outcome::kMismatch);
