@@ -75,13 +75,15 @@ void TcpAssembly::keep(const char *buffer, int32_t bytesRead) {
     if (ipcBufCount_ == 0) {
         ipcBufArray_.assign(1, Piece{firstPiece_, bytesRead});
     } else {
-        auto *piece = new (std::nothrow) char[kPieceSize];
+        // Kept at the size received: a peer that trickles a byte a piece
+        // must not make the loop hold 4 KiB for each.
+        auto *piece = new (std::nothrow) char[static_cast<size_t>(bytesRead)];
         if (piece == nullptr) {
             ZEVD_TRACE(trc, TRACE_ERROR,
                        "Error: allocating %d bytes for ipcBuffer, current ipcBufCount: %d.  "
                        "Exiting...\n\n",
-                       kPieceSize, ipcBufCount_);
-            endProcess(0, "no memory for %d more bytes of a TCP message", kPieceSize);
+                       bytesRead, ipcBufCount_);
+            endProcess(0, "no memory for %d more bytes of a TCP message", bytesRead);
         }
         ZEVD_TRACE(trc, TRACE_STORAGE,
                    "Allocated ipcBuffer @%p, storing in ipcBufArray at index: %d\n",
