@@ -199,7 +199,7 @@ void openDestination(TraceState &s, std::vector<std::string> *complaints) {
     int fd = open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
     if (fd < 0) {
         complaints->push_back(std::string("Error: cannot open ZEVA_TRACE_FILE <") + path +
-                              ">: " + strerror(errno) + ", writing to standard error\n");
+                              ">: " + strerror(errno) + ", writing to standard error");
         return;
     }
     outputFd.store(fd, std::memory_order_relaxed);

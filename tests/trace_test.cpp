@@ -221,6 +221,19 @@ TEST(TraceSinkTest, SinkReceivesWholeLinesAndFileTakesOverAgain) {
     unlink(path.c_str());
 }
 
+TEST(TraceFileTest, FileThatCannotBeOpenedIsNamedOnOneLineAndStandardErrorKept) {
+    TraceCapture capture("error");
+    capture.clear();
+    setenv("ZEVA_TRACE_FILE", "/nonexistent-zevd-dir/trace.log", 1);
+    TLG1_Configure(nullptr);
+    unsetenv("ZEVA_TRACE_FILE");
+    EXPECT_EQ(capture.texts(), std::vector<std::string>{"Error: cannot open ZEVA_TRACE_FILE "
+                                                        "</nonexistent-zevd-dir/trace.log>: " +
+                                                        std::string(strerror(ENOENT)) +
+                                                        ", writing to standard error\n"});
+    TLG1_Configure(nullptr);
+}
+
 TEST(TraceFileTest, LinesFromEightThreadsNeverInterleave) {
     std::string path = ::testing::TempDir() + "trace_threads_" + std::to_string(getpid()) + ".log";
     unlink(path.c_str());
