@@ -17,6 +17,7 @@
 
 #include "common/trace.h"
 #include "ipc/zevdsock.h"
+#include "zev0.h"
 #include "zevdchd.h"
 #include "zevdchd_http.h"
 #include "zevdchd_notify.h"
@@ -201,6 +202,11 @@ int run(int argc, char **argv) {
     if (const char *port = getenv("ZEVA_DCH_PORT");
         port != nullptr && *port != '\0' && limitValue(port, 65535) == 0)
         return usageError(std::string("ZEVA_DCH_PORT takes 1 to 65535, not '") + port + "'");
+    // Without ZEVA_DCH_PORT the library takes the port from the settings
+    // file, read the same way: an item that is no port is refused too.
+    if (const char *item = getenv("ZEVA_DCH_PORT") == nullptr ? ZEV0_QueryProductSpec(21) : nullptr;
+        item != nullptr && limitValue(item, 65535) == 0)
+        return usageError(std::string("settings item 21 takes 1 to 65535, not '") + item + "'");
     if (const char *timeout = getenv("ZEVA_DCH_TIMEOUT"); timeout != nullptr && *timeout != '\0' &&
                                                           strcmp(timeout, "0") != 0 &&
                                                           limitValue(timeout, 32767) == 0)

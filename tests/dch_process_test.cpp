@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -24,6 +25,7 @@
 #include "support/dch_daemon.h"
 #include "support/dch_server.h"
 #include "support/loopback.h"
+#include "support/temp_dir.h"
 #include "zevd610.h"
 #include "zevdchd_server.h"
 
@@ -242,6 +244,22 @@ TEST(DchProcessTest, PortOrTimeOutFromTheEnvironmentThatIsBadIsAUsageError) {
         ASSERT_TRUE(daemon.started());
         EXPECT_EQ(exitCode(daemon.wait()), 2);
         EXPECT_NE(daemon.errors().find("zevdchd: " + said + "\nTry 'zevdchd --help'."),
+                  std::string::npos)
+            << daemon.errors();
+    }
+    // Without ZEVA_DCH_PORT, the port of the settings file is checked too.
+    unsetenv("ZEVA_DCH_PORT");
+    zevd::test::TempDir dir;
+    for (const char *item : {"abc", "70000", "-5", "", "29204x"}) {
+        SCOPED_TRACE(item);
+        std::string settings = dir.file("settings");
+        std::ofstream(settings) << "21=" << item << "\n";
+        ChildProgram daemon({ZEVD_DAEMON_PATH},
+                            {"ZEVA_SETTINGS_FILE=" + settings, "ZEVA_DCH_BIND=127.0.0.1"});
+        ASSERT_TRUE(daemon.started());
+        EXPECT_EQ(exitCode(daemon.wait()), 2);
+        EXPECT_NE(daemon.errors().find("zevdchd: settings item 21 takes 1 to 65535, not '" +
+                                       std::string(item) + "'\nTry 'zevdchd --help'."),
                   std::string::npos)
             << daemon.errors();
     }
