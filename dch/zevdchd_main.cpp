@@ -265,12 +265,6 @@ int run(int argc, char **argv) {
         return 1;
     }
     transport->attach(*sock);
-    // Peers outside the served networks never hold one of the TCP client
-    // slots (their requests would be dropped anyway), from the first
-    // connection on: one waiting in a listener handed over by the service
-    // manager is accepted as soon as the loop runs.
-    auto *sock = new ipcSock(IPC_SERVICE_SERVER, 0, 0,
-                             [](const sockaddr_in &peer) { return dch->admitsConnection(peer); });
     static Worker *worker = new Worker(*sock, *dch);
     worker->setReceiveBuffer(receiveBufferSize);
     // The metrics server asks the worker for each snapshot through the
