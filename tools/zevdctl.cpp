@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -131,6 +132,19 @@ int usage(const std::string &what) {
 int failed(const std::string &what) {
     fprintf(stderr, "zevdctl: %s\n", terminalText(what).c_str());
     return kFailed;
+}
+
+// Flushes standard output. False, once said on standard error, when what
+// was written could not all go (a full disk, a closed descriptor): a
+// command whose output is lost has not done its work.
+bool outputFlushed() {
+    static bool said = false;
+    if (fflush(stdout) == 0 && !ferror(stdout)) return true;
+    if (!said) {
+        said = true;
+        fprintf(stderr, "zevdctl: cannot write standard output: %s\n", strerror(errno));
+    }
+    return false;
 }
 
 std::string dchName(const Options &options) {
@@ -327,10 +341,23 @@ void *dataClient = nullptr;
 
 // Takes Ctrl-C and SIGTERM and wakes the data wait; a signal handler could
 // not (the cancel takes a lock).
+// Set by the canceller, and by the watch around a question to the
+// catalogue: one of the two sees the other's (sequentially consistent).
+std::atomic<bool> watchCancelled{false};
+std::atomic<bool> askingCatalogue{false};
+
 void *cancelOnSignal(void *signals) {
     int received = 0;
     sigwait(static_cast<sigset_t *>(signals), &received);
+    watchCancelled.store(true);
     dc_waitOnDataCancel(dataClient);
+    // A question to the catalogue cannot be cancelled, and a DCH that does
+    // not answer would hold Ctrl-C for the whole time-out: every row shown
+    // is out already, so the watch ends here.
+    if (askingCatalogue.load()) {
+        fflush(stdout);
+        _exit(kOk);
+    }
     return nullptr;
 }
 
@@ -365,8 +392,10 @@ bool newColumns(const Options &options, const std::string &appl, const std::stri
     std::vector<char> typesBefore(columns.size());
     for (size_t i = 0; i < columns.size(); ++i) typesBefore[i] = columns[i].type;
     std::string text;
-    if (ask(kAttributes, options, appl.c_str(), text) == Answer::text)
+    askingCatalogue.store(true);
+    if (!watchCancelled.load() && ask(kAttributes, options, appl.c_str(), text) == Answer::text)
         learnColumns(text, group, columns);
+    askingCatalogue.store(false);
     for (const auto &named : row.values) {
         bool known = std::any_of(columns.begin(), columns.end(), [&](const auto &column) {
             return column.attribute == named.first;
@@ -447,7 +476,13 @@ int watch(const Options &options, const Arguments &args) {
             }
             fputs(tableLine(cells, widths).c_str(), stdout);
         }
-        fflush(stdout);
+        if (!outputFlushed()) {
+            // The canceller takes it as it takes Ctrl-C, and ends.
+            pthread_kill(canceller, SIGTERM);
+            pthread_join(canceller, nullptr);
+            dc_waitOnDataDestroy(dataClient);
+            return kFailed;
+        }
     }
     // -1: cancelled by Ctrl-C; anything else is a failed wait.
     if (result == -1) pthread_join(canceller, nullptr);
@@ -486,7 +521,7 @@ int status(const Options &options, const Arguments &) {
                        eventName(s.request)},
                       {false, false, false, false, false, true, false});
         }
-        fflush(stdout);
+        if (!outputFlushed()) return kFailed;
     }
 }
 
@@ -693,6 +728,6 @@ int run(int argc, char **argv) {
 
 int main(int argc, char **argv) {
     int status = zevdctl::run(argc, argv);
-    fflush(stdout);
+    if (!zevdctl::outputFlushed() && status == zevdctl::kOk) status = zevdctl::kFailed;
     return status;
 }
