@@ -121,7 +121,7 @@ void printHelp() {
         "\nThe library's trace goes to standard error, at the levels of ZEVA_TRACE (none\n"
         "when it is not set).\n"
         "\nExit status: 0 done (an empty answer too), 1 a request failed or was not\n"
-        "answered, 2 bad usage (nothing was sent).\n");
+        "answered (or the output could not be written), 2 bad usage (nothing was sent).\n");
 }
 
 int usage(const std::string &what) {
