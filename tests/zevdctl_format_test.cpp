@@ -225,6 +225,9 @@ TEST(ZevdctlFormatTest, RegistrationTextsAreCheckedByTheBuilderAndNamedForTheirA
     ASSERT_TRUE(prepareRegistration("demo", " APPL demo Help;GROUP g;ATTR a S 2", text, &why))
         << why;
     EXPECT_EQ(text, " APPL demo Help;GROUP g;ATTR a S 2");
+    // One attribute name in two groups is two attributes.
+    EXPECT_TRUE(prepareRegistration("demo", "GROUP g;ATTR a A 4;GROUP h;ATTR a A 4", text, &why))
+        << why;
     struct Case {
         const char *appl;
         const char *text;
@@ -241,6 +244,9 @@ TEST(ZevdctlFormatTest, RegistrationTextsAreCheckedByTheBuilderAndNamedForTheirA
         {"demo", "GROUP g,h;ATTR a A 4", "GROUP 'g,h' has a blank, a comma or a control character"},
         {"demo", "GROUP g;ATTR a,b A 4", "ATTR 'a,b' has a blank, a comma or a control character"},
         {"a b", "GROUP g;ATTR a A 4", "APPL 'a b' has a blank, a comma or a control character"},
+        // What the DCH would refuse with status 23.
+        {"demo", "GROUP g;ATTR a A 4;GROUP g;ATTR b A 4", "GROUP 'g' is named twice"},
+        {"demo", "GROUP g;ATTR a A 4;ATTR a D 8", "ATTR 'a' is named twice in GROUP 'g'"},
         {"demo", "@", "no file name after '@'"},
         {"demo", "@/nonexistent/registration",
          "cannot read /nonexistent/registration: No such file "

@@ -10,6 +10,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <set>
+#include <string>
 
 #include "zev0.h"
 #include "zevd610.h"
@@ -308,6 +310,10 @@ bool prepareRegistration(const std::string &appl, const std::string &argument, s
     char *cursor = request + 4;
     const char *end = request + std::min<uint32_t>(ntohl(word), ZEV0_REQUEST_SIZE);
     bool first = true;
+    // The DCH refuses a group named twice in the text, and an attribute
+    // named twice in its group: said here, before anything is sent.
+    std::set<std::string> groups, attributes;
+    std::string group;
     while (cursor < end) {
         char *value = nullptr;
         int length = 0;
@@ -332,6 +338,17 @@ bool prepareRegistration(const std::string &appl, const std::string &argument, s
         if (!checkName(kind, name, &reason)) {
             // In a text the attribute's keyword is ATTR.
             *why = kind == NameKind::attribute ? "ATTR" + reason.substr(4) : reason;
+            return false;
+        }
+        if (kind == NameKind::group) {
+            if (!groups.insert(name).second) {
+                *why = "GROUP '" + name + "' is named twice";
+                return false;
+            }
+            group = name;
+            attributes.clear();
+        } else if (kind == NameKind::attribute && !attributes.insert(name).second) {
+            *why = "ATTR '" + name + "' is named twice in GROUP '" + group + "'";
             return false;
         }
     }
