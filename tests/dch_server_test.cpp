@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <pthread.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -1148,6 +1149,69 @@ TEST(DchServerTest, RestThatCameWhileAFullQueueHeldTheLoopPastTheDeadlineIsRead)
     ASSERT_TRUE(peer.send(message(24, 2)));
     ASSERT_TRUE(server.waitEntries(1 + 5 + 2, kLimit));
     EXPECT_TRUE(server.entries()[7].holds(message(24, 2)));
+}
+
+// The threads of this process whose CPUs are exactly {cpu}.
+size_t threadsKeptTo(int cpu) {
+    size_t kept = 0;
+    DIR *dir = opendir("/proc/self/task");
+    if (dir == nullptr) return 0;
+    while (struct dirent *entry = readdir(dir)) {
+        if (entry->d_name[0] == '.') continue;
+        cpu_set_t set;
+        CPU_ZERO(&set);
+        if (sched_getaffinity(atoi(entry->d_name), sizeof set, &set) == 0 && CPU_COUNT(&set) == 1 &&
+            CPU_ISSET(cpu, &set))
+            ++kept;
+    }
+    closedir(dir);
+    return kept;
+}
+
+// While the port overflows the receive thread keeps to its consumer's CPU,
+// so that each hand-off wakes a thread of the same CPU; once the port keeps
+// up it may run anywhere again.
+TEST(DchServerTest, ReceiveThreadKeepsToItsConsumersCpuWhileThePortOverflows) {
+    cpu_set_t mine;
+    ASSERT_EQ(sched_getaffinity(0, sizeof mine, &mine), 0);
+    if (CPU_COUNT(&mine) < 2) GTEST_SKIP() << "one CPU: nothing to keep to";
+    TraceCapture capture(kLevels);
+    FullQueue full;
+    LoopServer &server = full.server;
+    ASSERT_TRUE(full.fill(capture, 5));
+    // Far more than the port's buffer holds while the loop waits for room.
+    for (int i = 0; i < 2000; ++i) full.peer.send(message(4000, i));
+    server.grantAll();
+    static const std::regex kept(
+        "^Note: the port overflows: the receive thread keeps to CPU "
+        "([0-9]+) with its consumer\n$");
+    int cpu = -1;
+    ASSERT_TRUE(waitFor(
+        [&] {
+            for (const std::string &text : capture.texts()) {
+                std::smatch match;
+                if (std::regex_match(text, match, kept)) cpu = std::stoi(match[1]);
+            }
+            return cpu >= 0;
+        },
+        kLimit))
+        << capture.joined();
+    EXPECT_TRUE(CPU_ISSET(cpu, &mine));
+    EXPECT_EQ(threadsKeptTo(cpu), 1u);
+    // Datagrams one at a time: the port keeps up, and after a while the
+    // thread is let go.
+    size_t expected = server.count();
+    ASSERT_TRUE(waitFor(
+        [&] {
+            if (!full.peer.send(message(20, 1)) || !server.waitEntries(++expected, kLimit))
+                return true;  // failed below
+            return capture.contains(
+                "Note: the port keeps up: the receive thread runs on any "
+                "of its CPUs again");
+        },
+        kLimit));
+    EXPECT_TRUE(capture.contains("Note: the port keeps up")) << capture.joined();
+    EXPECT_EQ(threadsKeptTo(cpu), 0u);
 }
 
 // Entry i of a batch holds exactly the message.

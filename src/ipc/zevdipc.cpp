@@ -3,6 +3,8 @@
 // (consumer).
 #include "ipc/zevdipc.h"
 
+#include <sched.h>
+
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
@@ -387,6 +389,9 @@ int32_t DCHipc::ipc_get_batch(ipcEntry *entries, int32_t count) {
 }
 
 int32_t DCHipc::takeEntries(::zevd::TraceFrame &trc, ipcEntry *entries, int32_t count) {
+    // Where the consumer runs as it comes back for more (a read of the CPU
+    // number, no call to the kernel).
+    _consumerCpu.store(sched_getcpu(), std::memory_order_relaxed);
     int32_t error = 0;  // this side's own copy, as in ipc_put_data
     ipcCircularBuffer *cb = _ipcCircularBuffer;
     // Back for more: what this side took before is served.

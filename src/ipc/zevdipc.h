@@ -199,6 +199,9 @@ protected:
     std::atomic<uint64_t> _entriesQueued{0};
     std::atomic<uint64_t> _entriesTaken{0};
     std::atomic<uint64_t> _entriesFinished{0};
+    // The CPU the consumer ran on when it last took entries (-1: none yet),
+    // for a receive thread that keeps to it while the port overflows.
+    std::atomic<int32_t> _consumerCpu{-1};
     int16_t _ipcType;
     int16_t _typeOfService;
     ipcCircularBuffer *_ipcCircularBuffer = nullptr;

@@ -2,7 +2,10 @@
 // port's allocation and the server loop.
 #include <arpa/inet.h>
 #include <linux/errqueue.h>
+#include <linux/sock_diag.h>
 #include <poll.h>
+#include <pthread.h>
+#include <sched.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -141,6 +144,8 @@ struct ipcSock::ipcServerState {
     // The last pass served the UDP port while the listener or a client was
     // ready too: this pass is theirs if they still are.
     bool tcpTurn;
+    // The last pass found the queue full.
+    bool queueFull = false;
     // The same between the listener and the connected clients: connections
     // that come faster than they are accepted (or refused) never keep the
     // clients from being read.
@@ -319,6 +324,78 @@ int32_t ipcSock::allocateDCHport() {
     return trc.exit(static_cast<int32_t>(1));
 }
 
+namespace {
+
+// Keeps the receive thread on the CPU of its consumer while the port
+// overflows. Under a flood the loop hands the consumer a full queue at a
+// time and waits for room; each hand-off is a wake-up, cheap between two
+// threads of one CPU and dear across two, where each must also wait for
+// its turn behind the senders. The port overflowing (the kernel's count of
+// its drops has grown while the queue was full) says the hand-off is what
+// limits the loop; then the thread keeps to the CPU the consumer last took
+// entries on, and the scheduler wakes each on the other's CPU. Once the
+// port keeps up again for a while, the thread may run anywhere it could
+// before. Synchronous requests, however many, never overflow the port, so
+// the loop and its consumer stay free to run side by side.
+class ConsumerCpuFollower {
+public:
+    ConsumerCpuFollower() {
+        CPU_ZERO(&allowed_);
+        usable_ = pthread_getaffinity_np(pthread_self(), sizeof allowed_, &allowed_) == 0 &&
+                  CPU_COUNT(&allowed_) > 1;
+    }
+
+    // Before each pass: queueFull tells whether the pass before found the
+    // queue full; consumerCpu is where the consumer last took entries.
+    void beforePass(::zevd::TraceFrame &trc, bool queueFull, int udpFd, int consumerCpu) {
+        if (!usable_) return;
+        if (queueFull && dropsGrew(udpFd)) {
+            lastOverflow_ = std::chrono::steady_clock::now();
+            if (consumerCpu < 0 || consumerCpu == kept_ || consumerCpu >= CPU_SETSIZE ||
+                !CPU_ISSET(consumerCpu, &allowed_))
+                return;
+            cpu_set_t one;
+            CPU_ZERO(&one);
+            CPU_SET(consumerCpu, &one);
+            if (pthread_setaffinity_np(pthread_self(), sizeof one, &one) != 0) return;
+            kept_ = consumerCpu;
+            ZEVD_TRACE(trc, TRACE_DETAIL,
+                       "Note: the port overflows: the receive thread keeps to CPU %d with its "
+                       "consumer\n",
+                       consumerCpu);
+        } else if (kept_ >= 0 && std::chrono::steady_clock::now() - lastOverflow_ > kQuiet) {
+            if (pthread_setaffinity_np(pthread_self(), sizeof allowed_, &allowed_) != 0) return;
+            kept_ = -1;
+            ZEVD_TRACE(trc, TRACE_DETAIL,
+                       "Note: the port keeps up: the receive thread runs on any of its CPUs "
+                       "again\n");
+        }
+    }
+
+private:
+    // How long the port keeps up before the thread is let go.
+    static constexpr std::chrono::milliseconds kQuiet{100};
+
+    bool dropsGrew(int udpFd) {
+        uint32_t info[SK_MEMINFO_VARS] = {};
+        socklen_t length = sizeof info;
+        if (getsockopt(udpFd, SOL_SOCKET, SO_MEMINFO, info, &length) != 0 ||
+            length < sizeof(uint32_t) * (SK_MEMINFO_DROPS + 1))
+            return false;
+        bool grew = info[SK_MEMINFO_DROPS] != drops_;
+        drops_ = info[SK_MEMINFO_DROPS];
+        return grew;
+    }
+
+    cpu_set_t allowed_;
+    bool usable_ = false;
+    int kept_ = -1;  // the CPU the thread keeps to, -1 for none
+    std::chrono::steady_clock::time_point lastOverflow_{};
+    uint32_t drops_ = 0;
+};
+
+}  // namespace
+
 int32_t ipcSock::IPCServer() {
     ZEVD_TRACE_FUNCTION("ipcSock::IPCServer");
     // About 270 KiB with a first-piece buffer per client slot, so on the
@@ -355,10 +432,14 @@ int32_t ipcSock::IPCServer() {
     ipc_put_data(sizeof kServerReady - 1, state.workBuffer, &_sockAddress, kQueuedAddressLength,
                  nullptr, 0);
 
+    ConsumerCpuFollower follower;
     while (loadShared(_sockError) <= 1) {
         // The levels are looked up again on every pass: the loop runs for
         // the life of the process.
         ::zevd::TraceFrame pass(trc.record(), false);
+        follower.beforePass(pass, state.queueFull, _sockUDP,
+                            _consumerCpu.load(std::memory_order_relaxed));
+        state.queueFull = false;
         // poll where the loop was once described with select (the same
         // trace words and time-outs), so the DCH may hold descriptors of any
         // number. Watched: the UDP port, the listener, then the client
@@ -491,6 +572,7 @@ void ipcSock::sockServeUDP(ipcServerState &state) {
         sockQueueUDP(trc, state, std::min(room, kUdpBatch), false);
         return;
     }
+    state.queueFull = true;
     // Full: one datagram is read and waits inside the put until the
     // consumer frees its slots. The slots it freed are then filled at once
     // from what the port has ready, without a pass through poll: under a
