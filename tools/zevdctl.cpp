@@ -477,8 +477,8 @@ int watch(const Options &options, const Arguments &args) {
             fputs(tableLine(cells, widths).c_str(), stdout);
         }
         if (!outputFlushed()) {
-            // The canceller takes it as it takes Ctrl-C, and ends.
-            pthread_kill(canceller, SIGTERM);
+            // The canceller waits in sigwait, where it may be cancelled.
+            pthread_cancel(canceller);
             pthread_join(canceller, nullptr);
             dc_waitOnDataDestroy(dataClient);
             return kFailed;

@@ -348,7 +348,10 @@ bool prepareRegistration(const std::string &appl, const std::string &argument, s
             group = name;
             attributes.clear();
         } else if (kind == NameKind::attribute && !attributes.insert(name).second) {
-            *why = "ATTR '" + name + "' is named twice in GROUP '" + group + "'";
+            why->assign("ATTR '")
+                .append(name)
+                .append("' is named twice in GROUP '")
+                .append(group) += '\'';
             return false;
         }
     }
