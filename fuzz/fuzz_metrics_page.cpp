@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "common/message.h"
+#include "quiet_transport.h"
 #include "support/metrics_page.h"
 #include "zevd610.h"
 #include "zevdchd.h"
@@ -27,11 +28,7 @@ using zevd::dch::Dch;
 using zevd::dch::Peer;
 using zevd::dch::Request;
 
-class QuietTransport final : public zevd::dch::Transport {
-public:
-    bool answer(const Peer &, const char *, size_t) override { return true; }
-    bool deliver(const Peer &, const char *, size_t) override { return true; }
-};
+using zevd::fuzz::QuietTransport;
 
 constexpr char kLetters[] = "ACGLNISDRTUZ";
 

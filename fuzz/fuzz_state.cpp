@@ -16,19 +16,15 @@
 #include <string_view>
 #include <vector>
 
+#include "quiet_transport.h"
 #include "zevdchd.h"
 #include "zevdchd_journal.h"
 
 namespace {
 
 using zevd::dch::Dch;
-using zevd::dch::Peer;
 
-class QuietTransport final : public zevd::dch::Transport {
-public:
-    bool answer(const Peer &, const char *, size_t) override { return true; }
-    bool deliver(const Peer &, const char *, size_t) override { return true; }
-};
+using zevd::fuzz::QuietTransport;
 
 // One directory for the whole run, emptied before each input.
 const std::string &directory() {

@@ -520,9 +520,10 @@ int32_t ipcSock::IPCServer() {
         }
 
         // One kind of event per pass: UDP first, then the listener, then
-        // every ready client; while several wait, they take turns. Nothing here waits on a peer: a
-        // client's read takes what it has ready and the pass goes on. Ready as select reads it:
-        // data, an error or the peer's end.
+        // every ready client; while several wait, they take turns. Nothing
+        // here waits on a peer: a client's read takes what it has ready and
+        // the pass goes on. Ready as select reads it: data, an error or the
+        // peer's end.
         auto ready = [&watched](int at) {
             return at >= 0 && (watched[at].revents & (POLLIN | POLLERR | POLLHUP)) != 0;
         };
