@@ -240,6 +240,10 @@ TEST(DchServerTest, RefusalReportsAreReadWhileDatagramsStillWait) {
     // are read then, in one go.
     server.grant(1);
     EXPECT_TRUE(waitFor([&] { return !erring(); }, std::chrono::seconds(10)));
+    // The loop empties the error queue before it keeps what it read: the
+    // note says they are kept.
+    ASSERT_TRUE(capture.waitFor("report(s) of refused datagrams read", std::chrono::seconds(10)))
+        << capture.joined();
     std::vector<struct sockaddr_in> refused;
     server.sock().takeRefusals(refused);
     const std::string note = "Note: UDP - " + std::to_string(refused.size()) +

@@ -664,11 +664,14 @@ void ipcSock::sockKeepRefusals() {
     std::vector<struct sockaddr_in> read;
     int reports = readErrorQueue(read, kRefusalsPerRead);
     if (reports == 0) return;
+    {
+        std::lock_guard<std::mutex> guard(_refusalLock);
+        if (_refusals.size() + read.size() > kRefusalsKept) _refusals.clear();
+        _refusals.insert(_refusals.end(), read.begin(), read.end());
+    }
+    // Written once they are kept: takeRefusals finds them from then on.
     ZEVD_TRACE(trc, TRACE_DETAIL, "Note: UDP - %d report(s) of refused datagrams read, %d kept\n",
                reports, static_cast<int>(read.size()));
-    std::lock_guard<std::mutex> guard(_refusalLock);
-    if (_refusals.size() + read.size() > kRefusalsKept) _refusals.clear();
-    _refusals.insert(_refusals.end(), read.begin(), read.end());
 }
 
 void ipcSock::sockSetPeerFilter(std::function<bool(const struct sockaddr_in &)> admits) {
