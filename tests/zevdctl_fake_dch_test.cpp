@@ -49,12 +49,19 @@ std::vector<DchRequest> requestsOf(const FakeDch &dch, int code) {
     return found;
 }
 
+// The harness reset before and after each case: nothing a case gave it (a
+// responder that counts into the case's locals) outlives the case.
+class ZevdctlFakeDchTest : public ::testing::Test {
+protected:
+    void SetUp() override { FakeDch::instance().reset(); }
+    void TearDown() override { FakeDch::instance().reset(); }
+};
+
 // A watch sees a row with an attribute it has no column for and asks the
 // catalogue again; the DCH never answers. Ctrl-C ends it at once, not when
 // the question's 30-second time-out is over.
-TEST(ZevdctlFakeDchTest, CtrlCWhileAWatchAsksTheCatalogueAgainEndsItAtOnce) {
+TEST_F(ZevdctlFakeDchTest, CtrlCWhileAWatchAsksTheCatalogueAgainEndsItAtOnce) {
     FakeDch &dch = FakeDch::instance();
-    dch.reset();
     std::atomic<int> questions{0};
     dch.setResponder([&](const DchRequest &request) -> DchReply {
         if (request.requestType() == ZEVD_REQ_DC_GET_APPL_ATTRIBUTES && questions++ == 0)
@@ -82,9 +89,8 @@ TEST(ZevdctlFakeDchTest, CtrlCWhileAWatchAsksTheCatalogueAgainEndsItAtOnce) {
 
 // Output that cannot be written is a failure, said once on standard error,
 // whatever the command.
-TEST(ZevdctlFakeDchTest, OutputThatCannotBeWrittenEndsWithStatusOneAndSaysWhy) {
+TEST_F(ZevdctlFakeDchTest, OutputThatCannotBeWrittenEndsWithStatusOneAndSaysWhy) {
     FakeDch &dch = FakeDch::instance();
-    dch.reset();
     dch.setResponder([](const DchRequest &) -> DchReply { return catalogueAnswer("ctl other"); });
     const std::string port = std::to_string(dch.port());
     const std::vector<std::vector<std::string>> commands = {

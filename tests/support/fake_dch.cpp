@@ -88,7 +88,8 @@ uint16_t FakeDch::port() const {
 }
 
 void FakeDch::reset() {
-    std::lock_guard<std::mutex> guard(lock_);
+    std::unique_lock<std::mutex> guard(lock_);
+    changed_.wait(guard, [this] { return responding_ == 0; });
     script_.clear();
     responder_ = nullptr;
     received_.clear();
@@ -108,7 +109,8 @@ void FakeDch::noReply() {
 }
 
 void FakeDch::setResponder(std::function<DchReply(const DchRequest &)> responder) {
-    std::lock_guard<std::mutex> guard(lock_);
+    std::unique_lock<std::mutex> guard(lock_);
+    changed_.wait(guard, [this] { return responding_ == 0; });
     responder_ = std::move(responder);
 }
 
@@ -225,7 +227,6 @@ void FakeDch::serve() {
 
         DchReply answer;
         std::function<DchReply(const DchRequest &)> responder;
-        bool scripted = false;
         {
             std::lock_guard<std::mutex> guard(lock_);
             keepLatest(received_, request);
@@ -233,15 +234,21 @@ void FakeDch::serve() {
             if (!script_.empty()) {
                 answer = std::move(script_.front());
                 script_.pop_front();
-                scripted = true;
-            } else {
+            } else if (responder_) {
                 responder = responder_;
+                ++responding_;
             }
             changed_.notify_all();
         }
         // The responder runs outside the lock: it may call back into the
         // harness.
-        if (!scripted && responder) answer = responder(request);
+        if (responder) {
+            answer = responder(request);
+            responder = nullptr;  // its copy of the captures goes with the call
+            std::lock_guard<std::mutex> guard(lock_);
+            --responding_;
+            changed_.notify_all();
+        }
         if (!answer.has_value()) continue;
         server_->setClientAddr(&request.from, sizeof request.from);
         server_->ipcWrite(answer->data(), static_cast<int32_t>(answer->size()), fd);

@@ -71,14 +71,18 @@ public:
     // True once the server reported "IPC-SERVER_READY" as its first entry.
     bool ready() const;
 
-    // Clears the script, the responder and the records.
+    // Clears the script, the responder and the records. Returns once no
+    // call of the old responder is running: a responder that captured a
+    // case's locals is never called after the case reset the harness. Not
+    // to be called from a responder.
     void reset();
     // Scripts the answer to the next request not yet answered: replies are
     // used in order, one per request. With the script empty, the responder
     // answers; without a responder, requests get no answer.
     void reply(std::vector<char> bytes);
     void noReply();
-    // Computes the answer of every request the script does not cover.
+    // Computes the answer of every request the script does not cover. Waits
+    // for a running call of the old responder, as reset does.
     void setResponder(std::function<DchReply(const DchRequest &)> responder);
 
     // Sends bytes to 127.0.0.1:port from the DCH port's own UDP socket, in
@@ -127,6 +131,8 @@ private:
     mutable std::condition_variable changed_;
     std::deque<DchReply> script_;
     std::function<DchReply(const DchRequest &)> responder_;
+    // Calls of a responder that are running (outside the lock).
+    int responding_ = 0;
     std::deque<DchRequest> received_;  // at most kKept
     size_t receivedCount_ = 0;
     std::deque<DchControl> controls_;  // at most kKept

@@ -1,5 +1,5 @@
 // The fixture of the client suites that talk to the fake DCH: the one
-// harness of the process, reset before every case.
+// harness of the process, reset before and after every case.
 #ifndef ZEVD_TESTS_SUPPORT_FAKE_DCH_FIXTURE_H
 #define ZEVD_TESTS_SUPPORT_FAKE_DCH_FIXTURE_H
 
@@ -23,6 +23,11 @@ protected:
             << "run through ctest, which sets ZEVA_DCH_TIMEOUT=" << dchTimeout_;
         dch_ = &FakeDch::instance();
         dch_->reset();
+    }
+    // Nothing a case gave the harness (a responder that captured its
+    // locals) outlives it.
+    void TearDown() override {
+        if (dch_ != nullptr) dch_->reset();
     }
 
     FakeDch &dch() { return *dch_; }
