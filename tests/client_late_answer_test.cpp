@@ -382,13 +382,14 @@ TEST_F(ClientLateAnswerTest, ManyThreadsWithSomeAnswersLateEachReadOnlyTheirOwn)
     constexpr int kLateEvery = 8;
     auto late = std::make_shared<LateSender>();
     auto answered = std::make_shared<std::atomic<int>>(0);
-    // Every eighth request is answered 1.3 s late, with a handle no call
-    // expects; the others at once, with the handle named in their source.
+    // Every eighth request is answered 2 s late (a second after its call
+    // gave up), with a handle no call expects; the others at once, with the
+    // handle named in their source.
     dch().setResponder([late, answered](const DchRequest &request) -> DchReply {
         std::string source = stringField(request.bytes, DCH_sourceName);
         int32_t handle = std::atoi(source.c_str());
         if (answered->fetch_add(1) % kLateEvery == kLateEvery - 1) {
-            late->sendAfter(std::chrono::milliseconds(1300), request.from,
+            late->sendAfter(std::chrono::milliseconds(2000), request.from,
                             statusAndHandle(0, -handle));
             return std::nullopt;
         }

@@ -335,6 +335,7 @@ TEST_F(ClientLifecycleTest, NoAnswerGivesStatusFiveAndTheOneSecondLine) {
         EXPECT_TRUE(
             hasLine(capture, std::string("[@P] Waiting for ") + request.name + " response.\n"))
             << capture.joined();
+        EXPECT_TRUE(dch().waitReceived(1));
         EXPECT_EQ(dch().received().size(), 1u);
     }
 }

@@ -424,6 +424,7 @@ TEST_F(ClientRowsTest, DataAnswers) {
             EXPECT_TRUE(capture.hasText(c.line)) << capture.joined();
         }
         EXPECT_EQ(clientErrors(capture), c.line != nullptr ? 1u : 0u) << capture.joined();
+        EXPECT_TRUE(dch().waitReceived(1));
         EXPECT_EQ(dch().received().size(), 1u);
     }
 }

@@ -63,6 +63,7 @@ TEST_F(ClientWaitTest, NoAnswerWithATimeoutOtherThanOneWritesNoLine) {
         // Only a wait of exactly one second is reported.
         EXPECT_FALSE(capture.contains("ipcRead with wait")) << capture.joined();
         EXPECT_FALSE(capture.contains("Error:")) << capture.joined();
+        EXPECT_TRUE(dch().waitReceived(1));
         EXPECT_EQ(dch().received().size(), 1u);
     }
 }
