@@ -176,6 +176,8 @@ public:
     // came from; one it refuses is closed at once and its slot stays free
     // (no entry is queued for it). Unset, or empty: every connection is
     // kept. A connection accepted before the filter is set is not offered.
+    // Setting waits for a call of the old filter that is running: once it
+    // returns, the old filter and what it holds may go.
     void sockSetPeerFilter(std::function<bool(const struct sockaddr_in &)> admits);
     // Only the DCH may answer: true when sender is the DCH's port on the
     // DCH's host as this process sees it. The host is the DCH's address
